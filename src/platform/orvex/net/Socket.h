@@ -1,0 +1,178 @@
+// The engine's sockets (OrvexNet.so): a buffered TCP stream and an unconnected UDP socket.
+//
+// Addresses are text: the numeric address without port, IPv4 as a.b.c.d, IPv6 as
+// inet_ntop prints it; an IPv4 peer seen through a dual-stack IPv6 socket (::ffff:a.b.c.d)
+// prints as plain IPv4, so the TCP peer and the UDP sender of the same host compare equal.
+// Host names go through the system resolver; IPv4 results are tried before IPv6 ones, for
+// TCP and UDP alike, so both sockets of a client reach the same address.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "orvex/filesystem/Stream.h"
+
+namespace orvex::net {
+
+class NetworkSimulator;
+
+// A socket's descriptor and the operations that every kind of socket offers.
+class Socket {
+ public:
+  Socket() = default;
+  Socket(const Socket&) = delete;
+  Socket& operator=(const Socket&) = delete;
+  virtual ~Socket();
+
+  // Waits up to `timeoutMs` (negative: forever) for something to read. Returns 1 when a
+  // read can make progress (data waiting, or the peer closed: the read then throws),
+  // 0 on time-out, -1 on a socket error.
+  virtual int Poll(int timeoutMs);
+  // Address of the peer (TCP) or of the destination (UDP), in the form described above.
+  std::string GetRemoteAddress() const;
+  uint16_t GetRemotePort() const;
+  uint16_t GetLocalPort() const;
+
+  int GetDescriptor() const { return fd_; }
+
+ protected:
+  int fd_ = -1;
+  std::string remoteAddress_;
+  uint16_t remotePort_ = 0;
+};
+
+// A TCP connection, buffered both ways.
+//
+// Reads are served from a receive buffer (one recv fills many fields) and block until the
+// asked bytes have arrived. Writes append to a send buffer that Flush() sends whole.
+// Threads: one reader (Read, ReadString, ReadStream, Poll) and one writer (Write, Flush)
+// may use the socket at the same time; they share nothing but the descriptor. A closed or
+// broken connection is a std::runtime_error from the read or the flush, never a hang and
+// never SIGPIPE. A flush that makes no progress for the stall limit (the constructor's
+// time-out) fails, so a peer that stops reading cannot freeze the writer.
+class TcpSocket : public Socket, public filesystem::Stream {
+ public:
+  // Connects to host:port. `bufferSize` is the initial capacity of each buffer (0: the
+  // default, 64 KiB); `timeoutMs` bounds the connect and each stalled flush.
+  TcpSocket(const std::string& host, uint16_t port, unsigned long bufferSize, int timeoutMs);
+  // Adopts a connected descriptor (a listener's accepted connection).
+  TcpSocket(int connectedFd, int timeoutMs);
+  ~TcpSocket() override;
+
+  int Poll(int timeoutMs) override;
+  void Write(const unsigned char* data, unsigned long size) override;
+  void Read(unsigned char* data, unsigned long size) override;
+  void Flush() override;
+  unsigned long GetBufferSize() const override;
+  const unsigned char* GetBuffer() const override;
+  filesystem::ReadOnlyStream ReadStream() override;
+
+  // Reads whatever is waiting without blocking, up to `size` bytes; returns the count.
+  unsigned long ReadSome(unsigned char* data, unsigned long size);
+  // Stops both directions; a blocked reader wakes with an error. Safe from any thread.
+  void Shutdown();
+
+  uint64_t GetBytesIn() const { return bytesIn_.load(std::memory_order_relaxed); }
+  uint64_t GetBytesOut() const { return bytesOut_.load(std::memory_order_relaxed); }
+  int GetStallLimitMs() const { return stallLimitMs_; }
+
+  using Stream::Read;
+  using Stream::Write;
+
+ protected:
+  long Available() const override;
+
+ private:
+  // Reader side: refills the receive buffer with at least one byte or throws.
+  void Fill();
+
+  int stallLimitMs_;
+  // Reader side.
+  std::vector<unsigned char> in_;
+  unsigned long inPos_ = 0;
+  // Writer side.
+  std::vector<unsigned char> out_;
+  std::atomic<uint64_t> bytesIn_{0};
+  std::atomic<uint64_t> bytesOut_{0};
+};
+
+// An unconnected UDP socket.
+//
+// Outgoing: Write appends to one datagram buffer of the constructor's size (a write that
+// would overflow it throws); Flush sends the buffer as one datagram to the destination and
+// empties it; an empty buffer sends nothing.
+// Incoming: Receive(callback) starts the socket's delivery thread, which reads datagrams
+// in batches and calls the callback once per datagram with a stream that views the batch
+// (the stream ends with the callback: copy it to keep it). GetIncomingAddress(), called
+// from inside the callback, is the sender of the datagram being delivered.
+// StopReceiving() ends delivery and joins the thread; the owner calls it before its other
+// members die, so no callback runs on a half-destroyed owner. The destructor calls it too.
+// Threads: the writer side (Write, Flush) belongs to one thread; the delivery thread only
+// reads and calls back.
+class UdpSocket : public Socket, public filesystem::Stream {
+ public:
+  using Callback = std::function<void(const UdpSocket&, filesystem::ReadOnlyStream&&)>;
+  struct BindTag {};
+
+  // Client form: an ephemeral local port; datagrams go to host:port.
+  UdpSocket(const std::string& host, uint16_t port, unsigned long bufferSize);
+  // Server form: bound to host:port (port 0: any free port; host "::" is dual-stack).
+  // Datagrams go to the destination set with SetDestination.
+  UdpSocket(BindTag, const std::string& host, uint16_t port, unsigned long bufferSize);
+  ~UdpSocket() override;
+
+  void Receive(Callback callback);
+  void StopReceiving();
+  std::string GetIncomingAddress() const;
+  uint16_t GetIncomingPort() const;
+
+  void Write(const unsigned char* data, unsigned long size) override;
+  void Read(unsigned char* data, unsigned long size) override;
+  void Flush() override;
+  unsigned long GetBufferSize() const override;
+  const unsigned char* GetBuffer() const override;
+
+  // Server form: where Flush sends (numeric address text or host name).
+  void SetDestination(const std::string& host, uint16_t port);
+  // Turns the network condition simulator on (a spec such as
+  // "loss=10%,delay=40ms,jitter=20ms,reorder=20%,dup=5%,seed=7") or off (empty text).
+  // Call before Receive. Throws std::invalid_argument on a bad spec.
+  void Simulate(const std::string& spec);
+
+  uint64_t GetDatagramsIn() const { return datagramsIn_.load(std::memory_order_relaxed); }
+  uint64_t GetDatagramsOut() const { return datagramsOut_.load(std::memory_order_relaxed); }
+  uint64_t GetBytesIn() const { return bytesIn_.load(std::memory_order_relaxed); }
+  uint64_t GetBytesOut() const { return bytesOut_.load(std::memory_order_relaxed); }
+
+  using Stream::Read;
+  using Stream::Write;
+
+ private:
+  void DeliveryLoop();
+  void SendDatagram(const unsigned char* data, unsigned long size);
+  friend class NetworkSimulator;
+
+  unsigned long capacity_;
+  std::vector<unsigned char> out_;
+  std::vector<unsigned char> destination_;  // a sockaddr_storage's bytes
+  Callback callback_;
+  std::thread delivery_;
+  int stopFd_ = -1;  // eventfd that wakes the delivery thread
+  std::atomic<bool> stopping_{false};
+  // Delivery thread only.
+  std::string incomingAddress_;
+  uint16_t incomingPort_ = 0;
+  std::unique_ptr<NetworkSimulator> simulator_;
+  std::atomic<uint64_t> datagramsIn_{0};
+  std::atomic<uint64_t> datagramsOut_{0};
+  std::atomic<uint64_t> bytesIn_{0};
+  std::atomic<uint64_t> bytesOut_{0};
+};
+
+}  // namespace orvex::net

@@ -1,0 +1,34 @@
+#include "support/Timer.h"
+
+#include <atomic>
+#include <chrono>
+
+namespace {
+
+double SystemNowNs() {
+  return static_cast<double>(std::chrono::system_clock::now().time_since_epoch().count());
+}
+
+std::atomic<Timer::ClockSource> clockSource{&SystemNowNs};
+
+}  // namespace
+
+static_assert(std::is_same_v<std::chrono::system_clock::duration, std::chrono::nanoseconds>,
+              "the timer counts system clock nanoseconds");
+
+double Timer::NowNs() { return clockSource.load(std::memory_order_acquire)(); }
+
+void Timer::SetClockSourceForTesting(ClockSource source) {
+  clockSource.store(source ? source : &SystemNowNs, std::memory_order_release);
+}
+
+void Timer::Start() {
+  std::lock_guard<std::mutex> guard(mutex);
+  running = true;
+  startMs = NowNs() / 1000000.0;
+}
+
+double Timer::Elapsed() {
+  std::lock_guard<std::mutex> guard(mutex);
+  return (NowNs() - startMs * 1000000.0) / 1000000.0;
+}
