@@ -1,1 +1,12 @@
-// placeholder: filled by its owner
+// The profiler's process-wide tables: one definition for every module of the process.
+#include "support/Profiler.h"
+
+namespace orvex::cpu {
+
+bool Profiler::enabled = false;
+SharedMutex Profiler::profilesMutex;
+std::unordered_map<std::thread::id, std::unordered_map<std::string, Profiler::Profile>>
+    Profiler::profiles;
+std::unordered_map<std::thread::id, std::vector<std::string>> Profiler::profileStacks;
+
+}  // namespace orvex::cpu

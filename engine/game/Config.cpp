@@ -1,1 +1,10 @@
-// placeholder: filled by its owner
+#include "game/Config.h"
+
+namespace game {
+
+void Config::Parse(char* text) {
+  text_ = text != nullptr ? std::string(text) : std::string();
+  ++parseCount_;
+}
+
+}  // namespace game
