@@ -91,6 +91,9 @@ class Client {
   uint64_t GetBytesOut() const { return tcp.GetBytesOut() + udp.GetBytesOut(); }
 
  private:
+  // Tests and fuzzers reach the datagram intake directly (tests/support_helpers).
+  friend class ClientTestPeer;
+
   bool Handshake();
   void Receive();
   void UdpMessage(const orvex::net::UdpSocket& socket, orvex::filesystem::ReadOnlyStream&& datagram);

@@ -1,0 +1,25 @@
+// Direct access to the client's private entry points, for tests and fuzzers that feed the
+// datagram intake without a socket in between.
+#pragma once
+
+#include <utility>
+
+#include "client/Client.h"
+
+namespace client {
+
+class ClientTestPeer {
+ public:
+  // The datagram callback's body: length, magic and sender checks, then the intake.
+  static void UdpMessage(Client& client, const orvex::net::UdpSocket& socket,
+                         orvex::filesystem::ReadOnlyStream&& datagram) {
+    client.UdpMessage(socket, std::move(datagram));
+  }
+  // The intake proper, from the code byte on (the stream is positioned after the magic).
+  static void ReceiveDatagram(Client& client, orvex::filesystem::ReadOnlyStream&& datagram) {
+    client.Receive(std::move(datagram));
+  }
+  static const std::string& ServerAddress(const Client& client) { return client.serverAddress; }
+};
+
+}  // namespace client
