@@ -1,1 +1,288 @@
-// placeholder: filled by its owner
+// The engine's byte streams. Byte order and encodings are stated once, in Stream.h:
+// little-endian fixed-width values, u32 counts before strings and embedded streams.
+#include "orvex/filesystem/Stream.h"
+
+#include <algorithm>
+#include <cstring>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <utility>
+
+namespace orvex::filesystem {
+namespace {
+
+// Growth step for blocks read from unbounded streams: memory follows the bytes that
+// really arrive, so a hostile count below the cap costs at most twice what was sent.
+constexpr unsigned long kBlockChunk = 64ul << 10;
+
+// Reads `count` bytes into `out` (a std::string or a byte vector) through the stream's
+// virtual Read. A bounded stream has already clamped `count` to its bytes, so it gets one
+// allocation; an unbounded one grows the buffer as the bytes arrive.
+template <typename Buffer>
+void ReadBlock(Stream& stream, Buffer& out, unsigned long count, bool bounded) {
+  if (bounded) {
+    out.resize(count);
+    if (count != 0) stream.Read(reinterpret_cast<unsigned char*>(out.data()), count);
+    return;
+  }
+  out.clear();
+  unsigned long got = 0;
+  while (got < count) {
+    unsigned long want = std::min(count, std::max(kBlockChunk, got * 2));
+    out.resize(want);
+    stream.Read(reinterpret_cast<unsigned char*>(out.data()) + got, want - got);
+    got = want;
+  }
+}
+
+uint32_t CountOf(unsigned long size, const char* what) {
+  if (size > std::numeric_limits<uint32_t>::max()) {
+    throw std::runtime_error(std::string(what) + " of " + std::to_string(size) +
+                             " bytes is too long for a u32 count");
+  }
+  return static_cast<uint32_t>(size);
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------
+// Stream: bytes_[readPos_, size) are waiting.
+
+Stream::~Stream() = default;
+
+void Stream::Write(const unsigned char* data, unsigned long size) {
+  if (size == 0) return;
+  // Drop a consumed prefix once it dominates, so a stream used as a queue stays small.
+  if (readPos_ != 0 && readPos_ * 2 >= bytes_.size()) {
+    bytes_.erase(bytes_.begin(), bytes_.begin() + static_cast<long>(readPos_));
+    readPos_ = 0;
+  }
+  bytes_.insert(bytes_.end(), data, data + size);
+}
+
+void Stream::Read(unsigned char* data, unsigned long size) {
+  unsigned long n = std::min(size, bytes_.size() - readPos_);
+  if (n != 0) std::memcpy(data, bytes_.data() + readPos_, n);
+  if (n < size) std::memset(data + n, 0, size - n);
+  readPos_ += n;
+  if (readPos_ == bytes_.size()) {
+    bytes_.clear();
+    readPos_ = 0;
+  }
+}
+
+void Stream::Flush() {
+  bytes_.clear();
+  readPos_ = 0;
+}
+
+unsigned long Stream::GetBufferSize() const {
+  return bytes_.size() - readPos_;
+}
+
+const unsigned char* Stream::GetBuffer() const {
+  return bytes_.data() + readPos_;
+}
+
+long Stream::Available() const {
+  return static_cast<long>(bytes_.size() - readPos_);
+}
+
+unsigned long Stream::CheckBlockCount(uint32_t count, unsigned long limit, const char* what) const {
+  long available = Available();
+  if (available >= 0) return std::min<unsigned long>(count, static_cast<unsigned long>(available));
+  unsigned long cap = std::min(limit, kMaxBlockSize);
+  if (count > cap) {
+    throw std::runtime_error(std::string(what) + " of " + std::to_string(count) +
+                             " bytes exceeds the limit of " + std::to_string(cap) + " bytes");
+  }
+  return count;
+}
+
+ReadOnlyStream Stream::ReadStream() {
+  uint32_t count = ReadValue<uint32_t>();
+  unsigned long n = CheckBlockCount(count, kMaxBlockSize, "stream");
+  std::vector<unsigned char> bytes;
+  ReadBlock(*this, bytes, n, Available() >= 0);
+  return ReadOnlyStream(std::move(bytes));
+}
+
+void Stream::Write(const std::string& text) {
+  WriteValue(CountOf(text.size(), "string"));
+  Write(reinterpret_cast<const unsigned char*>(text.data()), text.size());
+}
+
+void Stream::Write(const Stream& other) {
+  unsigned long size = other.GetBufferSize();
+  if (&other == this) {
+    std::vector<unsigned char> copy(GetBuffer(), GetBuffer() + size);
+    WriteValue(CountOf(size, "stream"));
+    Write(copy.data(), size);
+    return;
+  }
+  WriteValue(CountOf(size, "stream"));
+  Write(other.GetBuffer(), size);
+}
+
+void Stream::Read(std::string& text) {
+  uint32_t count = ReadValue<uint32_t>();
+  ReadBlock(*this, text, CheckBlockCount(count, kMaxBlockSize, "string"), Available() >= 0);
+}
+
+std::string Stream::ReadString(unsigned long limit) {
+  uint32_t count = ReadValue<uint32_t>();
+  if (count > limit) {
+    throw std::runtime_error("string of " + std::to_string(count) + " bytes exceeds the limit of " +
+                             std::to_string(limit) + " bytes");
+  }
+  std::string text;
+  ReadBlock(*this, text, CheckBlockCount(count, limit, "string"), Available() >= 0);
+  return text;
+}
+
+// ---------------------------------------------------------------------------------------
+// ReadOnlyStream: data_[pos_, size_) are waiting. When storage_ is set, data_ points into
+// it (possibly at an offset: a sub-stream shares its parent's storage).
+
+ReadOnlyStream::ReadOnlyStream(std::vector<unsigned char> bytes)
+    : storage_(std::make_shared<const std::vector<unsigned char>>(std::move(bytes))),
+      data_(storage_->data()),
+      size_(storage_->size()) {}
+
+ReadOnlyStream::ReadOnlyStream(const unsigned char* data, unsigned long size)
+    : ReadOnlyStream(std::vector<unsigned char>(data, data + size)) {}
+
+ReadOnlyStream ReadOnlyStream::View(const unsigned char* data, unsigned long size) {
+  ReadOnlyStream view;
+  view.data_ = data;
+  view.size_ = size;
+  return view;
+}
+
+ReadOnlyStream::ReadOnlyStream(const ReadOnlyStream& other) : Stream() {
+  CopyFrom(other);
+}
+
+ReadOnlyStream::ReadOnlyStream(ReadOnlyStream&& other) noexcept
+    : Stream(),
+      storage_(std::move(other.storage_)),
+      data_(std::exchange(other.data_, nullptr)),
+      size_(std::exchange(other.size_, 0)),
+      pos_(std::exchange(other.pos_, 0)) {}
+
+ReadOnlyStream& ReadOnlyStream::operator=(const ReadOnlyStream& other) {
+  if (this != &other) CopyFrom(other);
+  return *this;
+}
+
+ReadOnlyStream& ReadOnlyStream::operator=(ReadOnlyStream&& other) noexcept {
+  if (this != &other) {
+    storage_ = std::move(other.storage_);
+    data_ = std::exchange(other.data_, nullptr);
+    size_ = std::exchange(other.size_, 0);
+    pos_ = std::exchange(other.pos_, 0);
+  }
+  return *this;
+}
+
+ReadOnlyStream::~ReadOnlyStream() = default;
+
+void ReadOnlyStream::CopyFrom(const ReadOnlyStream& other) {
+  if (other.storage_) {
+    storage_ = other.storage_;
+    data_ = other.data_;
+  } else {
+    storage_ =
+        std::make_shared<const std::vector<unsigned char>>(other.data_, other.data_ + other.size_);
+    data_ = storage_->data();
+  }
+  size_ = other.size_;
+  pos_ = other.pos_;
+}
+
+void ReadOnlyStream::Read(unsigned char* data, unsigned long size) {
+  unsigned long n = std::min(size, size_ - pos_);
+  if (n != 0) std::memcpy(data, data_ + pos_, n);
+  if (n < size) std::memset(data + n, 0, size - n);
+  pos_ += n;
+}
+
+void ReadOnlyStream::Write(const unsigned char*, unsigned long) {
+  throw std::logic_error("a ReadOnlyStream cannot be written");
+}
+
+void ReadOnlyStream::Flush() {
+  pos_ = size_;
+}
+
+unsigned long ReadOnlyStream::GetBufferSize() const {
+  return size_ - pos_;
+}
+
+const unsigned char* ReadOnlyStream::GetBuffer() const {
+  return data_ != nullptr ? data_ + pos_ : nullptr;
+}
+
+ReadOnlyStream ReadOnlyStream::ReadStream() {
+  uint32_t count = ReadValue<uint32_t>();
+  unsigned long n = std::min<unsigned long>(count, size_ - pos_);
+  ReadOnlyStream sub;
+  sub.storage_ = storage_;
+  sub.data_ = data_ != nullptr ? data_ + pos_ : nullptr;
+  sub.size_ = n;
+  pos_ += n;
+  return sub;
+}
+
+unsigned long ReadOnlyStream::GetSize() const {
+  return size_;
+}
+
+long ReadOnlyStream::Available() const {
+  return static_cast<long>(size_ - pos_);
+}
+
+// ---------------------------------------------------------------------------------------
+// WriteOnlyStream
+
+WriteOnlyStream::WriteOnlyStream(unsigned long capacity) {
+  bytes_.reserve(capacity);
+}
+
+WriteOnlyStream::~WriteOnlyStream() = default;
+
+void WriteOnlyStream::Write(const unsigned char* data, unsigned long size) {
+  bytes_.insert(bytes_.end(), data, data + size);
+}
+
+void WriteOnlyStream::Read(unsigned char*, unsigned long) {
+  throw std::logic_error("a WriteOnlyStream cannot be read");
+}
+
+void WriteOnlyStream::Flush() {
+  if (flushHandler && !inHandler_) {
+    // The flag also clears when the handler throws; the bytes then stay for the caller.
+    struct Reset {
+      bool& flag;
+      ~Reset() { flag = false; }
+    } reset{inHandler_};
+    inHandler_ = true;
+    flushHandler();
+  }
+  bytes_.clear();
+}
+
+unsigned long WriteOnlyStream::GetBufferSize() const {
+  return bytes_.size();
+}
+
+const unsigned char* WriteOnlyStream::GetBuffer() const {
+  return bytes_.data();
+}
+
+ReadOnlyStream WriteOnlyStream::ReadStream() {
+  throw std::logic_error("a WriteOnlyStream cannot be read");
+}
+
+}  // namespace orvex::filesystem

@@ -1,1 +1,248 @@
-// placeholder: filled by its owner
+// TCP stream. The descriptor stays in blocking mode for the reader (recv waits for bytes);
+// the writer sends with MSG_DONTWAIT and waits in poll, so that a stalled peer is noticed.
+// Reader and writer share only the descriptor and the atomics.
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <stdexcept>
+
+#include "net/Address.h"
+#include "net/Poll.h"
+#include "orvex/net/Socket.h"
+
+namespace orvex::net {
+namespace {
+
+constexpr unsigned long kDefaultBufferSize = 64ul << 10;
+constexpr const char* kClosedByPeer = "Connection closed by peer";
+
+void SetBlocking(int fd) {
+  int flags = fcntl(fd, F_GETFL);
+  if (flags >= 0 && (flags & O_NONBLOCK)) fcntl(fd, F_SETFL, flags & ~O_NONBLOCK);
+}
+
+// Connects a non-blocking socket to `endpoint` by `deadline`; returns the descriptor or -1
+// with `reason` set.
+int ConnectOne(const Endpoint& endpoint, std::chrono::steady_clock::time_point deadline,
+               bool bounded, std::string& reason) {
+  int fd = socket(endpoint.Family(), SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+  if (fd < 0) {
+    reason = ErrorText(errno);
+    return -1;
+  }
+  int rc = connect(fd, endpoint.Get(), endpoint.length);
+  if (rc != 0 && errno == EINPROGRESS) {
+    pollfd entry{fd, POLLOUT, 0};
+    int wait = -1;
+    if (bounded) {
+      auto left =
+          std::chrono::ceil<std::chrono::milliseconds>(deadline - std::chrono::steady_clock::now());
+      wait = static_cast<int>(std::max<long>(0, left.count()));
+    }
+    rc = PollRetrying(&entry, 1, wait);
+    if (rc == 0) {
+      close(fd);
+      reason = "Timed out";
+      return -1;
+    }
+    int error = 0;
+    socklen_t length = sizeof error;
+    if (rc < 0) {
+      error = errno;
+    } else if (getsockopt(fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0) {
+      error = errno;
+    }
+    rc = error == 0 ? 0 : -1;
+    errno = error;
+  }
+  if (rc != 0) {
+    reason = ErrorText(errno);
+    close(fd);
+    return -1;
+  }
+  return fd;
+}
+
+}  // namespace
+
+TcpSocket::TcpSocket(const std::string& host, uint16_t port, unsigned long bufferSize,
+                     int timeoutMs)
+    : stallLimitMs_(timeoutMs) {
+  const std::string failure = "Connection to " + HostPortText(host, port) + " failed: ";
+  std::vector<Endpoint> endpoints;
+  try {
+    endpoints = Resolve(host, port, SOCK_STREAM);
+  } catch (const std::runtime_error& e) {
+    throw std::runtime_error(failure + e.what());
+  }
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
+  std::string reason;
+  for (const Endpoint& endpoint : endpoints) {
+    fd_ = ConnectOne(endpoint, deadline, timeoutMs >= 0, reason);
+    if (fd_ >= 0) break;
+  }
+  if (fd_ < 0) throw std::runtime_error(failure + reason);
+  Setup(bufferSize);
+}
+
+TcpSocket::TcpSocket(int connectedFd, int timeoutMs) : stallLimitMs_(timeoutMs) {
+  fd_ = connectedFd;
+  Setup(0);
+}
+
+void TcpSocket::Setup(unsigned long bufferSize) {
+  SetBlocking(fd_);
+  int one = 1;
+  setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
+  Endpoint peer;
+  peer.length = sizeof peer.storage;
+  if (getpeername(fd_, peer.Get(), &peer.length) == 0) {
+    remoteAddress_ = AddressText(peer.Get());
+    remotePort_ = AddressPort(peer.Get());
+  }
+  bufferSize_ = bufferSize != 0 ? bufferSize : kDefaultBufferSize;
+  in_.resize(bufferSize_);
+  out_.reserve(bufferSize_);
+}
+
+TcpSocket::~TcpSocket() = default;
+
+// ---------------------------------------------------------------------------------------
+// Reader side
+
+int TcpSocket::Poll(int timeoutMs) {
+  if (inPos_ < inEnd_) return 1;
+  return Socket::Poll(timeoutMs);
+}
+
+void TcpSocket::ThrowReadError(int error) const {
+  if (shutdown_.load()) throw std::runtime_error("Connection shut down");
+  if (error == 0 || error == ECONNRESET || error == EPIPE) throw std::runtime_error(kClosedByPeer);
+  throw std::runtime_error("TCP receive failed: " + ErrorText(error));
+}
+
+unsigned long TcpSocket::Receive(unsigned char* data, unsigned long size, bool dontWait) {
+  for (;;) {
+    ssize_t n = recv(fd_, data, size, dontWait ? MSG_DONTWAIT : 0);
+    if (n > 0) {
+      bytesIn_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
+      return static_cast<unsigned long>(n);
+    }
+    if (n == 0) ThrowReadError(0);
+    if (errno == EINTR) continue;
+    if (dontWait && (errno == EAGAIN || errno == EWOULDBLOCK)) return 0;
+    ThrowReadError(errno);
+  }
+}
+
+void TcpSocket::Fill() {
+  inPos_ = 0;
+  inEnd_ = Receive(in_.data(), in_.size(), false);
+}
+
+void TcpSocket::Read(unsigned char* data, unsigned long size) {
+  while (size > 0) {
+    if (inPos_ == inEnd_) {
+      // A read at least as large as the buffer skips the extra copy.
+      if (size >= in_.size()) {
+        unsigned long n = Receive(data, size, false);
+        data += n;
+        size -= n;
+        continue;
+      }
+      Fill();
+    }
+    unsigned long n = std::min(size, inEnd_ - inPos_);
+    std::memcpy(data, in_.data() + inPos_, n);
+    inPos_ += n;
+    data += n;
+    size -= n;
+  }
+}
+
+unsigned long TcpSocket::ReadSome(unsigned char* data, unsigned long size) {
+  if (size == 0) return 0;
+  if (inPos_ == inEnd_) return Receive(data, size, true);
+  unsigned long n = std::min(size, inEnd_ - inPos_);
+  std::memcpy(data, in_.data() + inPos_, n);
+  inPos_ += n;
+  return n;
+}
+
+filesystem::ReadOnlyStream TcpSocket::ReadStream() {
+  return Stream::ReadStream();
+}
+
+long TcpSocket::Available() const {
+  return -1;
+}
+
+// ---------------------------------------------------------------------------------------
+// Writer side
+
+void TcpSocket::Write(const unsigned char* data, unsigned long size) {
+  out_.insert(out_.end(), data, data + size);
+}
+
+void TcpSocket::Flush() {
+  if (!writeError_.empty()) {
+    out_.clear();
+    throw std::runtime_error(writeError_);
+  }
+  unsigned long sent = 0;
+  while (sent < out_.size()) {
+    ssize_t n = send(fd_, out_.data() + sent, out_.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+    if (n > 0) {
+      sent += static_cast<unsigned long>(n);
+      bytesOut_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
+      continue;
+    }
+    int error = errno;
+    if (n < 0 && error == EINTR) continue;
+    if (n < 0 && (error == EAGAIN || error == EWOULDBLOCK)) {
+      pollfd entry{fd_, POLLOUT, 0};
+      int rc = PollRetrying(&entry, 1, stallLimitMs_);
+      if (rc > 0) continue;  // writable, or an error that the next send reports
+      writeError_ = rc == 0 ? "TCP flush stalled: the peer read nothing for " +
+                                  std::to_string(stallLimitMs_) + " ms"
+                            : "TCP send failed: " + ErrorText(errno);
+    } else if (shutdown_.load()) {
+      writeError_ = "Connection shut down";
+    } else if (error == EPIPE || error == ECONNRESET) {
+      writeError_ = kClosedByPeer;
+    } else {
+      writeError_ = "TCP send failed: " + ErrorText(error);
+    }
+    out_.clear();
+    throw std::runtime_error(writeError_);
+  }
+  out_.clear();
+  // A burst may have grown the buffer far beyond its usual size; give the memory back.
+  if (out_.capacity() > 4 * bufferSize_) {
+    std::vector<unsigned char>().swap(out_);
+    out_.reserve(bufferSize_);
+  }
+}
+
+unsigned long TcpSocket::GetBufferSize() const {
+  return out_.size();
+}
+
+const unsigned char* TcpSocket::GetBuffer() const {
+  return out_.data();
+}
+
+void TcpSocket::Shutdown() {
+  shutdown_.store(true);
+  shutdown(fd_, SHUT_RDWR);
+}
+
+}  // namespace orvex::net

@@ -1,1 +1,315 @@
-// placeholder: filled by its owner
+// Unconnected UDP socket. The delivery thread waits in poll on the socket and an eventfd
+// (StopReceiving writes it), reads up to kSlots datagrams per recvmmsg into one batch
+// buffer and calls the callback once per datagram with a view of its slot.
+#include <netinet/in.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <stdexcept>
+
+#include "net/Address.h"
+#include "net/NetworkSimulator.h"
+#include "net/Poll.h"
+#include "orvex/net/Socket.h"
+
+namespace orvex::net {
+namespace {
+
+// The largest UDP payload over IPv4; also the buffer of a socket created with size 0.
+constexpr unsigned long kMaxDatagram = 65507;
+constexpr unsigned kSlots = 16;
+constexpr unsigned long kSlotSize = 64ul << 10;  // holds any datagram
+// Asked for, not insisted on: the kernel caps it at net.core.rmem_max.
+constexpr int kReceiveBufferBytes = 4 << 20;
+
+// The socket whose delivery thread this is; null on every other thread.
+thread_local const UdpSocket* tDeliveringSocket = nullptr;
+
+// Clears the datagram buffer however Flush leaves.
+struct ClearOnExit {
+  std::vector<unsigned char>& bytes;
+  ~ClearOnExit() { bytes.clear(); }
+};
+
+}  // namespace
+
+UdpSocket::UdpSocket(const std::string& host, uint16_t port, unsigned long bufferSize)
+    : capacity_(bufferSize == 0 ? kMaxDatagram : std::min(bufferSize, kMaxDatagram)) {
+  std::vector<Endpoint> endpoints;
+  try {
+    endpoints = Resolve(host, port, SOCK_DGRAM);
+  } catch (const std::runtime_error& e) {
+    throw std::runtime_error("UDP socket for " + HostPortText(host, port) + ": " + e.what());
+  }
+  const Endpoint& target = endpoints.front();
+  Open(target.Family());
+  // An explicit bind gives the socket its ephemeral port before anything is sent.
+  Endpoint any;
+  any.storage.ss_family = static_cast<sa_family_t>(target.Family());
+  any.length = target.Family() == AF_INET ? sizeof(sockaddr_in) : sizeof(sockaddr_in6);
+  if (bind(fd_, any.Get(), any.length) != 0) {
+    throw std::runtime_error("UDP socket for " + HostPortText(host, port) + ": " +
+                             ErrorText(errno));
+  }
+  destination_.assign(reinterpret_cast<const unsigned char*>(&target.storage),
+                      reinterpret_cast<const unsigned char*>(&target.storage) + target.length);
+  remoteAddress_ = AddressText(target.Get());
+  remotePort_ = port;
+}
+
+UdpSocket::UdpSocket(BindTag, const std::string& host, uint16_t port, unsigned long bufferSize)
+    : capacity_(bufferSize == 0 ? kMaxDatagram : std::min(bufferSize, kMaxDatagram)) {
+  const std::string failure = "Cannot bind UDP socket to " + HostPortText(host, port) + ": ";
+  std::vector<Endpoint> endpoints;
+  try {
+    endpoints = Resolve(host, port, SOCK_DGRAM, true);
+  } catch (const std::runtime_error& e) {
+    throw std::runtime_error(failure + e.what());
+  }
+  std::string reason;
+  for (const Endpoint& endpoint : endpoints) {
+    Open(endpoint.Family());
+    if (bind(fd_, endpoint.Get(), endpoint.length) == 0) return;
+    reason = ErrorText(errno);
+    close(fd_);
+    fd_ = -1;
+  }
+  throw std::runtime_error(failure + reason);
+}
+
+void UdpSocket::Open(int family) {
+  fd_ = socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+  if (fd_ < 0) throw std::runtime_error("Cannot open UDP socket: " + ErrorText(errno));
+  family_ = family;
+  int zero = 0, size = kReceiveBufferBytes;
+  if (family == AF_INET6) setsockopt(fd_, IPPROTO_IPV6, IPV6_V6ONLY, &zero, sizeof zero);
+  setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
+}
+
+UdpSocket::~UdpSocket() {
+  StopReceiving();
+  simulator_.reset();
+  if (stopFd_ >= 0) close(stopFd_);
+}
+
+// ---------------------------------------------------------------------------------------
+// Writer side
+
+void UdpSocket::Write(const unsigned char* data, unsigned long size) {
+  if (size > capacity_ - out_.size()) {
+    throw std::runtime_error("UDP datagram of " + std::to_string(out_.size() + size) +
+                             " bytes exceeds the buffer of " + std::to_string(capacity_) +
+                             " bytes");
+  }
+  out_.insert(out_.end(), data, data + size);
+}
+
+void UdpSocket::Read(unsigned char*, unsigned long) {
+  throw std::logic_error("a UdpSocket is not read: datagrams arrive through Receive");
+}
+
+void UdpSocket::Flush() {
+  if (out_.empty()) return;
+  ClearOnExit clear{out_};
+  if (destination_.empty()) throw std::runtime_error("UDP socket has no destination");
+  auto to = reinterpret_cast<const sockaddr*>(destination_.data());
+  auto toLength = static_cast<socklen_t>(destination_.size());
+  if (simulator_ && simulator_->SimulatesOut()) {
+    simulator_->Send(to, toLength, out_.data(), out_.size());
+  } else {
+    SendDatagram(to, toLength, out_.data(), out_.size());
+  }
+}
+
+void UdpSocket::SendDatagram(const void* to, unsigned int toLength, const unsigned char* data,
+                             unsigned long size) {
+  auto address = static_cast<const sockaddr*>(to);
+  for (;;) {
+    ssize_t n = sendto(fd_, data, size, MSG_DONTWAIT | MSG_NOSIGNAL, address, toLength);
+    if (n >= 0) {
+      datagramsOut_.fetch_add(1, std::memory_order_relaxed);
+      bytesOut_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
+      return;
+    }
+    if (errno == EINTR) continue;
+    // A full queue loses the datagram, as the network may.
+    if (errno == EAGAIN || errno == EWOULDBLOCK || errno == ENOBUFS) return;
+    throw std::runtime_error("UDP send to " +
+                             HostPortText(AddressText(address), AddressPort(address)) +
+                             " failed: " + ErrorText(errno));
+  }
+}
+
+unsigned long UdpSocket::GetBufferSize() const {
+  return out_.size();
+}
+
+const unsigned char* UdpSocket::GetBuffer() const {
+  return out_.data();
+}
+
+void UdpSocket::SetDestination(const std::string& host, uint16_t port) {
+  std::vector<Endpoint> endpoints;
+  try {
+    endpoints = Resolve(host, port, SOCK_DGRAM);
+  } catch (const std::runtime_error& e) {
+    throw std::runtime_error("UDP destination " + HostPortText(host, port) + ": " + e.what());
+  }
+  // An IPv6 socket reaches IPv4 hosts through mapped addresses; an IPv4 one only IPv4.
+  auto usable = std::find_if(endpoints.begin(), endpoints.end(), [this](const Endpoint& e) {
+    return family_ == AF_INET6 || e.Family() == AF_INET;
+  });
+  if (usable == endpoints.end()) {
+    throw std::runtime_error("UDP destination " + HostPortText(host, port) +
+                             ": no IPv4 address for an IPv4 socket");
+  }
+  Endpoint target = family_ == AF_INET6 ? MapToIpv6(*usable) : *usable;
+  destination_.assign(reinterpret_cast<const unsigned char*>(&target.storage),
+                      reinterpret_cast<const unsigned char*>(&target.storage) + target.length);
+  remoteAddress_ = AddressText(target.Get());
+  remotePort_ = port;
+}
+
+void UdpSocket::Simulate(const std::string& spec) {
+  if (delivery_.joinable()) throw std::logic_error("UdpSocket::Simulate called while receiving");
+  if (spec.empty()) {
+    simulator_.reset();
+    return;
+  }
+  simulator_ = std::make_unique<NetworkSimulator>(
+      SimulationSpec::Parse(spec),
+      [this](const sockaddr* to, socklen_t toLength, const unsigned char* data,
+             unsigned long size) { SendDatagram(to, toLength, data, size); });
+}
+
+// ---------------------------------------------------------------------------------------
+// Delivery
+
+void UdpSocket::Receive(Callback callback) {
+  if (delivery_.joinable()) {
+    // A delivery thread stopped from its own callback has ended or is ending.
+    if (!stopping_.load()) throw std::logic_error("UdpSocket::Receive called while receiving");
+    delivery_.join();
+  }
+  if (stopFd_ < 0) stopFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (stopFd_ < 0) throw std::runtime_error("Cannot start UDP delivery: " + ErrorText(errno));
+  uint64_t pending;
+  [[maybe_unused]] ssize_t drained = read(stopFd_, &pending, sizeof pending);
+  stopping_.store(false);
+  callback_ = std::move(callback);
+  delivery_ = std::thread(&UdpSocket::DeliveryLoop, this);
+}
+
+void UdpSocket::StopReceiving() {
+  // From the callback: only ask the loop to end. The delivery thread must not touch
+  // delivery_, which belongs to the owner's thread.
+  if (tDeliveringSocket == this) {
+    stopping_.store(true);
+    return;
+  }
+  if (delivery_.joinable()) {
+    stopping_.store(true);
+    uint64_t one = 1;
+    [[maybe_unused]] ssize_t n = write(stopFd_, &one, sizeof one);
+    delivery_.join();
+    callback_ = nullptr;
+  }
+  if (simulator_) simulator_->StopSender();
+}
+
+std::string UdpSocket::GetIncomingAddress() const {
+  return incomingAddress_;
+}
+
+uint16_t UdpSocket::GetIncomingPort() const {
+  return incomingPort_;
+}
+
+void UdpSocket::Deliver(const void* sender, unsigned int senderLength, const unsigned char* data,
+                        unsigned long size) {
+  auto raw = static_cast<const unsigned char*>(sender);
+  if (incomingRaw_.size() != senderLength ||
+      std::memcmp(incomingRaw_.data(), raw, senderLength) != 0) {
+    incomingRaw_.assign(raw, raw + senderLength);
+    incomingAddress_ = AddressText(static_cast<const sockaddr*>(sender));
+    incomingPort_ = AddressPort(static_cast<const sockaddr*>(sender));
+  }
+  try {
+    callback_(*this, filesystem::ReadOnlyStream::View(data, size));
+  } catch (...) {
+    // The callback's failures are its own; delivery goes on with the next datagram.
+  }
+}
+
+void UdpSocket::DeliveryLoop() {
+  using Clock = std::chrono::steady_clock;
+  auto batch = std::make_unique_for_overwrite<unsigned char[]>(kSlots * kSlotSize);
+  std::array<mmsghdr, kSlots> messages{};
+  std::array<iovec, kSlots> slots{};
+  std::array<sockaddr_storage, kSlots> senders{};
+  for (unsigned i = 0; i < kSlots; ++i) {
+    slots[i] = {batch.get() + i * kSlotSize, kSlotSize};
+    messages[i].msg_hdr.msg_iov = &slots[i];
+    messages[i].msg_hdr.msg_iovlen = 1;
+    messages[i].msg_hdr.msg_name = &senders[i];
+  }
+  tDeliveringSocket = this;
+  // Simulate is refused while this thread runs, so the simulator stays put.
+  SimulatedPath* simulated = simulator_ && simulator_->SimulatesIn() ? &simulator_->In() : nullptr;
+
+  pollfd entries[2] = {{fd_, POLLIN, 0}, {stopFd_, POLLIN, 0}};
+  while (!stopping_.load(std::memory_order_relaxed)) {
+    int wait = -1;
+    if (simulated != nullptr && simulated->HasHeld()) {
+      auto left = std::chrono::ceil<std::chrono::milliseconds>(simulated->NextDue() - Clock::now());
+      wait = static_cast<int>(std::max<long>(0, left.count()));
+    }
+    int ready = PollRetrying(entries, 2, wait);
+    if (ready < 0 || (entries[0].revents & POLLNVAL)) return;
+    if (stopping_.load(std::memory_order_relaxed)) return;
+
+    if (simulated != nullptr) {
+      HeldDatagram held;
+      while (!stopping_.load(std::memory_order_relaxed) && simulated->PopDue(Clock::now(), held)) {
+        Deliver(&held.peer, held.peerLength, held.bytes.data(), held.bytes.size());
+      }
+    }
+    if (!(entries[0].revents & (POLLIN | POLLERR))) continue;
+
+    for (auto& message : messages) message.msg_hdr.msg_namelen = sizeof(sockaddr_storage);
+    int count = recvmmsg(fd_, messages.data(), kSlots, MSG_DONTWAIT, nullptr);
+    if (count < 0) {
+      // A pending socket error (such as an ICMP report) is read and forgotten.
+      int error = 0;
+      socklen_t length = sizeof error;
+      if (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR) {
+        getsockopt(fd_, SOL_SOCKET, SO_ERROR, &error, &length);
+      }
+      continue;
+    }
+    const auto now = Clock::now();
+    for (int i = 0; i < count && !stopping_.load(std::memory_order_relaxed); ++i) {
+      const msghdr& header = messages[i].msg_hdr;
+      const unsigned char* data = batch.get() + i * kSlotSize;
+      unsigned long size = messages[i].msg_len;
+      datagramsIn_.fetch_add(1, std::memory_order_relaxed);
+      bytesIn_.fetch_add(size, std::memory_order_relaxed);
+      int copies = simulated == nullptr
+                       ? 1
+                       : simulated->Admit(now, static_cast<const sockaddr*>(header.msg_name),
+                                          header.msg_namelen, data, size);
+      for (int c = 0; c < copies && !stopping_.load(std::memory_order_relaxed); ++c) {
+        Deliver(header.msg_name, header.msg_namelen, data, size);
+      }
+    }
+  }
+}
+
+}  // namespace orvex::net

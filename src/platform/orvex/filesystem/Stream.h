@@ -123,6 +123,9 @@ class ReadOnlyStream : public Stream {
   // The embedded stream shares this stream's storage; its count is clamped to what is left.
   ReadOnlyStream ReadStream() override;
 
+  using Stream::Read;
+  using Stream::Write;
+
   // Total number of bytes, read or not.
   virtual unsigned long GetSize() const;
   unsigned long GetPosition() const { return pos_; }
@@ -159,6 +162,9 @@ class WriteOnlyStream : public Stream {
 
   // Empties the buffer without running the handler; the capacity is kept.
   void Clear() { bytes_.clear(); }
+
+  using Stream::Read;
+  using Stream::Write;
 
   // The flush handler slot. Empty, or a callable that does nothing, means "just empty".
   std::function<void()> flushHandler;

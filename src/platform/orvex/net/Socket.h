@@ -89,15 +89,25 @@ class TcpSocket : public Socket, public filesystem::Stream {
   long Available() const override;
 
  private:
-  // Reader side: refills the receive buffer with at least one byte or throws.
+  void Setup(unsigned long bufferSize);
+  // Reader side: refills the empty receive buffer with at least one byte or throws.
   void Fill();
+  // Reader side: receives at least one byte into `data` (at most `size`) and returns the
+  // count; with `dontWait`, returns 0 when nothing is waiting. End of stream throws.
+  unsigned long Receive(unsigned char* data, unsigned long size, bool dontWait);
+  [[noreturn]] void ThrowReadError(int error) const;
 
   int stallLimitMs_;
-  // Reader side.
+  unsigned long bufferSize_ = 0;
+  std::atomic<bool> shutdown_{false};
+  // Reader side: in_[inPos_, inEnd_) are received and not yet read.
   std::vector<unsigned char> in_;
   unsigned long inPos_ = 0;
-  // Writer side.
+  unsigned long inEnd_ = 0;
+  // Writer side. After a failed flush the stream is cut mid-message, so every later flush
+  // fails at once with the same text.
   std::vector<unsigned char> out_;
+  std::string writeError_;
   std::atomic<uint64_t> bytesIn_{0};
   std::atomic<uint64_t> bytesOut_{0};
 };
@@ -154,20 +164,33 @@ class UdpSocket : public Socket, public filesystem::Stream {
   using Stream::Write;
 
  private:
+  void Open(int family);
   void DeliveryLoop();
-  void SendDatagram(const unsigned char* data, unsigned long size);
+  // Hands one datagram to the callback; `sender` is a sockaddr of `senderLength` bytes.
+  void Deliver(const void* sender, unsigned int senderLength, const unsigned char* data,
+               unsigned long size);
+  // Sends one datagram now; a full send queue drops it, other errors throw. Called on the
+  // writer thread and on the simulator's sender thread.
+  void SendDatagram(const void* to, unsigned int toLength, const unsigned char* data,
+                    unsigned long size);
   friend class NetworkSimulator;
 
   unsigned long capacity_;
+  int family_ = 0;  // AF_INET or AF_INET6
+  // Writer side.
   std::vector<unsigned char> out_;
-  std::vector<unsigned char> destination_;  // a sockaddr_storage's bytes
+  std::vector<unsigned char> destination_;  // a sockaddr's bytes; empty: none yet
+  // Owner thread: set while no delivery thread runs.
   Callback callback_;
   std::thread delivery_;
   int stopFd_ = -1;  // eventfd that wakes the delivery thread
   std::atomic<bool> stopping_{false};
-  // Delivery thread only.
+  // Delivery thread only. The raw sender bytes of the last datagram spare the text
+  // conversion while one peer sends many datagrams.
+  std::vector<unsigned char> incomingRaw_;
   std::string incomingAddress_;
   uint16_t incomingPort_ = 0;
+  // Set by Simulate while no delivery thread runs; null when simulation is off.
   std::unique_ptr<NetworkSimulator> simulator_;
   std::atomic<uint64_t> datagramsIn_{0};
   std::atomic<uint64_t> datagramsOut_{0};
