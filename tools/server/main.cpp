@@ -1,0 +1,126 @@
+// game-server: the reference game server on the command line. See docs/game-server.md.
+#include <signal.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <iostream>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include <CLI/CLI.hpp>
+
+#include "server/GameServer.h"
+
+namespace {
+
+constexpr int kUsageError = 64;
+
+std::vector<std::string> SplitList(const std::string& text) {
+  std::vector<std::string> items;
+  std::stringstream in(text);
+  std::string item;
+  while (std::getline(in, item, ',')) items.push_back(item);
+  if (!text.empty() && text.back() == ',') items.emplace_back();
+  return items;
+}
+
+int Usage(const std::string& reason) {
+  std::cerr << "game-server: " << reason << std::endl;
+  return kUsageError;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  gameserver::Options options;
+  int port = 7777;
+  int64_t entities = static_cast<int64_t>(options.entities);
+  std::string mods = "DEMO_sandbox";
+  double seconds = 0;
+  double timeoutSeconds = options.clientTimeoutMs / 1000.0;
+  bool quiet = false;
+  std::string finalState;
+
+  CLI::App app{
+      "The reference game server: handshake, a moving scene of entities streamed to every "
+      "client, module messages echoed back, entity actions logged."};
+  app.add_option("--port", port, "TCP and UDP port; 0 picks a free one (default 7777)");
+  app.add_option("--host", options.host, "address to listen on; :: for every address")
+      ->capture_default_str();
+  app.add_option("--entities", entities, "entities in the scene")->capture_default_str();
+  app.add_option("--rate", options.rate, "state datagrams per second")->capture_default_str();
+  app.add_option("--password", options.password, "password that clients must present");
+  app.add_option("--mods", mods, "comma-separated mod names (PREFIX_name)")->capture_default_str();
+  app.add_option("--world", options.world, "world name sent to every client")
+      ->capture_default_str();
+  app.add_option("--mode", options.mode, "game mode sent in the welcome")->capture_default_str();
+  app.add_option("--config", options.config, "configuration text sent in the welcome")
+      ->capture_default_str();
+  app.add_option("--admin-token", options.adminToken, "clients with this token are admins");
+  app.add_option("--seconds", seconds, "stop after this many seconds (0: run until a signal)");
+  app.add_option("--timeout", timeoutSeconds, "drop clients silent for this many seconds")
+      ->capture_default_str();
+  app.add_option("--events", options.eventsPerSecond,
+                 "scene updates, moves and destroys per second")
+      ->capture_default_str();
+  app.add_option("--seed", options.seed, "seed of the scene's events")->capture_default_str();
+  app.add_option("--simulate", options.simulate,
+                 "network conditions on the UDP socket, e.g. loss=10%,delay=40ms,seed=7");
+  app.add_option("--final-state", finalState, "write the final state as JSON to this file");
+  app.add_flag("--quiet", quiet, "no log lines on standard error");
+
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);
+    return Usage(e.what());
+  }
+  if (port < 0 || port > 65535) return Usage("--port must be between 0 and 65535");
+  if (entities < 0) return Usage("--entities must not be negative");
+  if (!(seconds >= 0) || !std::isfinite(seconds)) return Usage("--seconds must not be negative");
+  if (!(timeoutSeconds > 0) || timeoutSeconds > 86400) {
+    return Usage("--timeout must be above 0 and at most 86400 seconds");
+  }
+  options.port = static_cast<uint16_t>(port);
+  options.entities = static_cast<size_t>(entities);
+  options.mods = SplitList(mods);
+  options.clientTimeoutMs = static_cast<int>(timeoutSeconds * 1000);
+  options.quiet = quiet;
+
+  // Signals are taken by sigtimedwait below; every thread inherits the blocked mask.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+  try {
+    gameserver::GameServer server(options);
+    server.Start();
+    std::cout << server.Port() << std::endl;
+
+    const auto deadline = std::chrono::steady_clock::now() +
+                          std::chrono::duration<double>(seconds > 0 ? seconds : 1e9);
+    while (std::chrono::steady_clock::now() < deadline) {
+      timespec wait{0, 200 * 1000 * 1000};
+      if (sigtimedwait(&stopSignals, nullptr, &wait) > 0) break;
+    }
+    server.Stop();
+    if (!finalState.empty()) server.WriteState(finalState);
+    if (!quiet) {
+      const gameserver::Counters n = server.GetCounters();
+      std::cerr << "game-server: " << n.clientsAccepted << " clients, " << n.ticks << " ticks, "
+                << n.datagramsOut << " datagrams out, " << n.entityActions << " entity actions, "
+                << n.moduleMessages + n.moduleDatagrams << " module messages" << std::endl;
+    }
+  } catch (const std::invalid_argument& e) {
+    return Usage(e.what());
+  } catch (const std::exception& e) {
+    std::cerr << "game-server: " << e.what() << std::endl;
+    return 1;
+  }
+  return 0;
+}
