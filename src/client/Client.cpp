@@ -191,6 +191,11 @@ bool Client::Handshake() {
   configText.assign(configLength, '\0');
   if (configLength != 0) {
     tcp.Read(reinterpret_cast<unsigned char*>(configText.data()), configLength);
+    // game::Config::Parse reads up to a zero byte, so the count must take one in (the
+    // server sends the terminator; the client adds none).
+    if (std::memchr(configText.data(), '\0', configLength) == nullptr) {
+      throw std::runtime_error("Configuration text is not zero-terminated");
+    }
   }
 
   if (!Game::_is_server) {
@@ -546,8 +551,10 @@ void Client::UploadModule(std::shared_ptr<GAME_Mod>& entry) {
       SendModuleUnreliable(*module);
       udp.Flush();
     };
-    moduleStream.Flush();
-    datagramStream.Flush();
+    // Emptied without running the handlers just installed: a payload discarded by the
+    // previous module is dropped here, not reported twice.
+    moduleStream.Clear();
+    datagramStream.Clear();
     module->clientSendHandler(moduleStream, datagramStream);
     SendModuleReliable(*module);
     SendModuleUnreliable(*module);
@@ -561,7 +568,9 @@ void Client::SendModuleReliable(const GAME_Mod& module) {
   tcp.WriteValue(module.moduleId.prefix);
   tcp.WriteValue(module.moduleId.name);
   tcp.Write(moduleStream);
-  moduleStream.Flush();
+  // Clear, not Flush: outside the mod's own Flush the installed handler would run again
+  // and send the record twice.
+  moduleStream.Clear();
   tcpSent = true;
 }
 
@@ -580,7 +589,7 @@ void Client::SendModuleUnreliable(const GAME_Mod& module) {
   udp.WriteValue(module.moduleId.prefix);
   udp.WriteValue(module.moduleId.name);
   udp.Write(datagramStream);
-  datagramStream.Flush();
+  datagramStream.Clear();
   udpSent = true;
 }
 
