@@ -25,6 +25,8 @@ UniqueId::operator std::string() const {
 
 namespace game::entity {
 
-std::string Id::ToString() const { return std::string(UniqueId{word0, word1}); }
+std::string Id::ToString() const {
+  return std::string(UniqueId{word0, word1});
+}
 
 }  // namespace game::entity

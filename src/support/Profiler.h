@@ -1,6 +1,7 @@
 // A scoped profiler: named stretches of code, timed into per-thread statistics.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <thread>
 #include <unordered_map>

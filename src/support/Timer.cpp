@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <chrono>
+#include <type_traits>
 
 namespace {
 
@@ -13,10 +14,14 @@ std::atomic<Timer::ClockSource> clockSource{&SystemNowNs};
 
 }  // namespace
 
+static_assert(sizeof(std::atomic<bool>) == sizeof(bool) && std::atomic<bool>::is_always_lock_free,
+              "running keeps the size of a bool and never takes a hidden lock");
 static_assert(std::is_same_v<std::chrono::system_clock::duration, std::chrono::nanoseconds>,
               "the timer counts system clock nanoseconds");
 
-double Timer::NowNs() { return clockSource.load(std::memory_order_acquire)(); }
+double Timer::NowNs() {
+  return clockSource.load(std::memory_order_acquire)();
+}
 
 void Timer::SetClockSourceForTesting(ClockSource source) {
   clockSource.store(source ? source : &SystemNowNs, std::memory_order_release);

@@ -1,10 +1,13 @@
 // A wall-clock stopwatch.
 #pragma once
 
+#include <atomic>
 #include <mutex>
 
-// startMs and running are guarded by mutex for writers and for Elapsed(); `running` may
-// be read without it. The mutex is never held together with another lock.
+// startMs and running are written under mutex, and Elapsed() reads startMs under it;
+// `running` may be read without it (it is atomic, with the size and place of a bool, so
+// a reader on another thread is no data race). The mutex is never held together with
+// another lock.
 class Timer {
  public:
   Timer() = default;
@@ -26,5 +29,5 @@ class Timer {
 
   std::mutex mutex;
   double startMs = 0.0;
-  bool running = false;
+  std::atomic<bool> running = false;
 };
