@@ -1,0 +1,37 @@
+// The headless game's JSON dump of the replica and of the game state the module wrote.
+//
+// One object, keys in this order: "playerId" (decimal string), "username", "admin",
+// "error", "world", "mode", "mods", "timestamp", "config", "entities" (sorted by id word 0,
+// then word 1) and "moduleMessages" (arrival order). Ids are [word0, word1] as decimal
+// strings, byte strings are lower-case hex, vectors [x, y, z], quaternions [w, x, y, z].
+// Doubles carry 17 significant digits and always a '.' or an exponent, so they read back
+// bit-exact as doubles (-0.0 included); non-finite ones are the strings "inf", "-inf",
+// "nan". See docs/game-client.md.
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace gameclient {
+
+// What the identity accessors returned while the client was live.
+struct Identity {
+  uint64_t playerId = 0;
+  std::string username;
+  bool admin = false;
+};
+
+// Writes the dump. Reads the entity registry under its shared lock, the game statics and
+// the sandbox's records; call on the game thread after the receiving thread was joined.
+void WriteDump(std::ostream& out, const Identity& identity);
+// Writes the dump to `path`; throws std::runtime_error when the file cannot be written.
+void WriteDumpFile(const std::string& path, const Identity& identity);
+
+// The pieces of the format, shared with the tools that read it.
+std::string Hex(const std::vector<uint8_t>& bytes);
+std::string JsonNumber(double value);
+std::string JsonString(const std::string& text);
+
+}  // namespace gameclient

@@ -1,0 +1,68 @@
+// The sandbox mod: a stand-in for a game's mods that the headless game loads once for each
+// mod the server names. It gives the server's entities interfaces, records what arrives for
+// it, and answers module messages so that both directions of every channel can be exercised.
+//
+// Behaviour of one instance (one per mod name; its module identifier is built from that name):
+//   - entities of its module: text "nointerface" gets no interface; "static" gets an
+//     interface and serverDriven false; any other text an interface and serverDriven true.
+//     Every entity with an interface has one renderable instance.
+//   - the interface's Sync records all remaining bytes; Init is the default.
+//   - connect: writes the user name as a platform string.
+//   - message: records the payload, then by its first byte: 'R' sends the whole payload
+//     back in the next Send() as a reliable module message, 'U' as an unreliable one;
+//     'A' + 16-byte entity id queues the bytes after the id as one action on that entity
+//     (nothing when the entity is unknown or the id is cut short); anything else: nothing.
+//   - send: every waiting reliable payload as a record of its own, every waiting
+//     unreliable payload as a datagram of its own.
+//
+// Threads: message handlers run on the client's receiving thread (TCP) and on the UDP
+// socket's delivery thread (datagrams); Sync on the receiving thread; connect and send on
+// the game thread. Every piece of recorded or waiting state has its own lock.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "game/entity/ClientSideEntity.h"
+
+class GAME_Mod;
+
+namespace sandbox {
+
+using Bytes = std::vector<uint8_t>;
+
+// The handlers of a mod are plain function pointers, so every instance is bound to one
+// of a fixed number of slots.
+inline constexpr size_t kMaxMods = 64;
+
+// The interface of every sandbox entity that has one.
+class SandboxInterface : public game::entity::ClientSideEntity::Interface {
+ public:
+  void Sync(orvex::filesystem::ReadOnlyStream& data) override;
+  // The bytes of each Sync call, in order.
+  std::vector<Bytes> Syncs() const;
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Bytes> syncs_;
+};
+
+struct ModuleMessage {
+  std::string module;  // the receiving mod's module text
+  Bytes payload;
+};
+
+// Builds a sandbox instance named `name` and loads it into the game's mod registry.
+// Throws std::invalid_argument when the name is not a module name, a mod with the same
+// module identifier is loaded, or every slot is taken.
+std::shared_ptr<GAME_Mod> Load(const std::string& name);
+// Unloads every sandbox instance and forgets the recorded module messages.
+void UnloadAll();
+// Every payload a sandbox message handler received, in order of arrival (all instances).
+std::vector<ModuleMessage> ModuleMessages();
+
+}  // namespace sandbox

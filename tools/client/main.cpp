@@ -1,0 +1,239 @@
+// game-client: a headless game that loads the network client module and drives it as a game
+// does, with a sandbox mod for each mod the server names. See docs/game-client.md.
+//
+// Exit status: 0 when the run ended by time, by signal or because the game was asked to
+// quit; 1 when client::Client::error is set at the end (or the run failed otherwise);
+// 2 when the client's constructor threw (the reason is the last line on stderr); 64 for
+// bad arguments.
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <charconv>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
+#include <iostream>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+#include <CLI/CLI.hpp>
+
+#include "Game.h"
+#include "client/Client.h"
+#include "client/Dump.h"
+#include "client/Sandbox.h"
+#include "client/Status.h"
+#include "orvex/net/Socket.h"
+
+namespace {
+
+constexpr int kUsageError = 64;
+constexpr int kFailed = 1;
+constexpr int kConstructorFailed = 2;
+
+// Set by the signal handler, which may run on any of the process's threads; lock-free, so
+// setting it is async-signal-safe.
+std::atomic<bool> stopSignal{false};
+static_assert(std::atomic<bool>::is_always_lock_free);
+
+extern "C" void OnStopSignal(int) {
+  stopSignal.store(true);
+}
+
+struct Options {
+  std::string host;
+  int port = 0;
+  std::string token;
+  std::string password;
+  double seconds = 0;  // 0: no time limit
+  int fps = 60;
+  std::string environment = "0,0";
+  uint64_t parentEnvironment = 0, relativeEnvironment = 0;
+  std::string dump;
+  bool quiet = false;
+  std::string simulate;  // network conditions on the client's UDP socket
+};
+
+int Usage(std::string reason) {
+  for (char& c : reason) {
+    if (c == '\n') c = ' ';
+  }
+  std::cerr << "game-client: " << reason << std::endl;
+  return kUsageError;
+}
+
+bool ParseUnsigned(const std::string& text, uint64_t& value) {
+  const char* end = text.data() + text.size();
+  const auto result = std::from_chars(text.data(), end, value, 10);
+  return !text.empty() && result.ec == std::errc() && result.ptr == end;
+}
+
+bool ParseEnvironment(const std::string& text, uint64_t& parent, uint64_t& relative) {
+  const size_t comma = text.find(',');
+  if (comma == std::string::npos) return false;
+  return ParseUnsigned(text.substr(0, comma), parent) &&
+         ParseUnsigned(text.substr(comma + 1), relative);
+}
+
+void InstallSignalHandlers() {
+  struct sigaction action = {};
+  action.sa_handler = &OnStopSignal;
+  sigemptyset(&action.sa_mask);
+  sigaction(SIGINT, &action, nullptr);
+  sigaction(SIGTERM, &action, nullptr);
+}
+
+// The game's main loop, from the receiving thread's start to its join. Returns how the run
+// ended, for the summary.
+std::string Run(client::Client& client, const Options& options, gameclient::StatusLine* status) {
+  using Clock = std::chrono::steady_clock;
+  const auto start = Clock::now();
+  const bool limited = options.seconds > 0;
+  const auto deadline = start + std::chrono::duration_cast<Clock::duration>(
+                                    std::chrono::duration<double>(limited ? options.seconds : 0.0));
+  const auto frame =
+      std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / options.fps));
+
+  std::string ending = "the game was asked to quit";
+  auto next = start;
+  while (Game::isActive.load()) {
+    if (stopSignal.load()) {
+      ending = "signal";
+      break;
+    }
+    if (limited && Clock::now() >= deadline) {
+      ending = "time";
+      break;
+    }
+    Game::RunSynchronized();
+    client.Send();
+    if (status != nullptr) status->Update(client);
+    next += frame;
+    const auto now = Clock::now();
+    // A late frame does not make the following ones rush to catch up.
+    if (next < now) next = now;
+    std::this_thread::sleep_until(next);
+  }
+  return ending;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  CLI::App app{
+      "A headless game: joins a game server with the network client module, replicates its "
+      "entities with one sandbox mod per mod the server names, shows a status line and can "
+      "dump the replica as JSON."};
+  app.add_option("--host", options.host, "server host name or address")->required();
+  app.add_option("--port", options.port, "server port (TCP and UDP)")
+      ->required()
+      ->check(CLI::Range(1, 65535));
+  app.add_option("--token", options.token, "access token (at most 64 bytes)");
+  app.add_option("--password", options.password, "server password (none when empty)");
+  app.add_option("--seconds", options.seconds, "stop after this many seconds (0: no limit)");
+  app.add_option("--fps", options.fps, "frames per second")
+      ->capture_default_str()
+      ->check(CLI::Range(1, 1000));
+  app.add_option("--environment", options.environment,
+                 "PARENT,RELATIVE: the player's environment ids")
+      ->capture_default_str();
+  app.add_option("--dump", options.dump, "write the replica as JSON to this file at the end");
+  app.add_flag("--quiet", options.quiet, "no status line or summary on standard error");
+  app.add_option("--simulate", options.simulate,
+                 "network conditions on the client's UDP socket, e.g. loss=10%,delay=40ms,seed=7");
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& e) {
+    if (e.get_exit_code() == 0) return app.exit(e);
+    return Usage(e.what());
+  }
+  if (!std::isfinite(options.seconds) || options.seconds < 0) {
+    return Usage("--seconds must be a number of seconds, at least 0");
+  }
+  if (!ParseEnvironment(options.environment, options.parentEnvironment,
+                        options.relativeEnvironment)) {
+    return Usage("--environment takes PARENT,RELATIVE: two unsigned decimal numbers");
+  }
+  // The client module owns its UDP socket; the engine hands the spec to it at creation.
+  try {
+    orvex::net::UdpSocket::SimulateNewClientSockets(options.simulate);
+  } catch (const std::invalid_argument& e) {
+    return Usage(e.what());
+  }
+
+  InstallSignalHandlers();
+  Game::parentEnvironmentId = options.parentEnvironment;
+  Game::relativeEnvironmentId = options.relativeEnvironment;
+
+  std::unique_ptr<client::Client> client;
+  try {
+    client = std::make_unique<client::Client>(options.host, static_cast<uint16_t>(options.port),
+                                              options.token, options.password);
+  } catch (const std::exception& e) {
+    if (!options.quiet) {
+      std::cerr << "game-client: could not join " << options.host << " port " << options.port << ":"
+                << std::endl;
+    }
+    std::cerr << e.what() << std::endl;
+    return kConstructorFailed;
+  }
+
+  for (const std::string& name : Game::_mods) {
+    try {
+      sandbox::Load(name);
+    } catch (const std::invalid_argument& e) {
+      if (!options.quiet) std::cerr << "game-client: mod not loaded: " << e.what() << std::endl;
+    }
+  }
+
+  gameclient::StatusLine status(std::cerr, isatty(STDERR_FILENO) == 1);
+  const auto start = std::chrono::steady_clock::now();
+  std::string ending;
+  bool failed = false;
+  std::thread receiver([&client] { client->ReceivingThread(); });
+  try {
+    client->Connected();
+    ending = Run(*client, options, options.quiet ? nullptr : &status);
+  } catch (const std::exception& e) {
+    status.Close();
+    std::cerr << "game-client: " << e.what() << std::endl;
+    ending = "failure";
+    failed = true;
+  }
+  const double seconds =
+      std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  Game::isActive.store(false);
+  receiver.join();
+
+  gameclient::Identity identity;
+  identity.playerId = client::Client::GetPlayerID();
+  identity.username = client::Client::GetUsername();
+  identity.admin = client::Client::IsAdmin();
+  gameclient::Figures figures = gameclient::Measure(*client);
+  client.reset();
+  try {
+    Game::RunSynchronized();
+  } catch (const std::exception& e) {
+    std::cerr << "game-client: " << e.what() << std::endl;
+    failed = true;
+  }
+  figures.entities = gameclient::ReplicaSize();
+
+  if (!options.dump.empty()) {
+    try {
+      gameclient::WriteDumpFile(options.dump, identity);
+    } catch (const std::exception& e) {
+      std::cerr << "game-client: " << e.what() << std::endl;
+      failed = true;
+    }
+  }
+  if (!options.quiet) {
+    status.Close();
+    std::cerr << gameclient::SummaryText(figures, seconds, ending) << std::flush;
+  }
+  return failed || !client::Client::error.empty() ? kFailed : 0;
+}
