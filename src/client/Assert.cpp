@@ -6,8 +6,9 @@
 namespace client::detail {
 
 void AssertionFailed(const char* condition, int line) {
-  std::cerr << "ASSERTION FAILED: (" << condition << ") in " << "src/client/Client.cpp" << ":"
-            << line << std::endl;
+  std::cerr << "ASSERTION FAILED: (" << condition << ") in "
+            << "src/client/Client.cpp"
+            << ":" << line << std::endl;
   std::abort();
 }
 

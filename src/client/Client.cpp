@@ -50,7 +50,9 @@ constexpr unsigned long kModuleRecordOverhead = 21;
 constexpr unsigned long kMaxModulePayload =
     kDatagramCapacity - kDatagramHeaderSize - kModuleRecordOverhead;  // 1366
 
-double NowMs() { return Timer::NowNs() / 1000000.0; }
+double NowMs() {
+  return Timer::NowNs() / 1000000.0;
+}
 
 template <typename T>
 T Read(orvex::filesystem::Stream& stream) {
@@ -401,48 +403,66 @@ void Client::Receive(ReadOnlyStream&& datagram) {
   }
 }
 
-// Sequence rules, for state datagrams whose divisor N is 1 only: a sequence below the
-// newest accepted one is stale; an equal one is accepted. Those datagrams also carry the
-// server time (not applied in a process that hosts the server itself).
-void Client::ReceiveTransforms(ReadOnlyStream& datagram) {
-  const double serverTime = Read<double>(datagram);
-  const uint64_t sequence = Read<uint64_t>(datagram);
-  const uint64_t parentEnvironment = Read<uint64_t>(datagram);
-  const uint64_t relativeEnvironment = Read<uint64_t>(datagram);
-  const Id parent = Read<Id>(datagram);
-  const int32_t divisor = Read<int32_t>(datagram);
-  if (divisor == 1) {
-    if (sequence < lastTransformSequence) {
-      counters.droppedStale.fetch_add(1, std::memory_order_relaxed);
-      return;
-    }
-    lastTransformSequence = sequence;
-    if (!Game::_is_server) Game::timestamp = serverTime;
+// The header fields that both state datagrams share. The transform header has the parent
+// Id between the environments and the divisor; the physics header has none.
+struct StateHeader {
+  double serverTime = 0.0;
+  uint64_t sequence = 0;
+  uint64_t parentEnvironment = 0;
+  uint64_t relativeEnvironment = 0;
+  Id parent;
+  int32_t divisor = 0;
+
+  bool Foreign() const {
+    return parentEnvironment != Game::parentEnvironmentId ||
+           relativeEnvironment != Game::relativeEnvironmentId;
   }
+};
+
+namespace {
+
+StateHeader ReadStateHeader(ReadOnlyStream& datagram, bool withParent) {
+  StateHeader header;
+  header.serverTime = Read<double>(datagram);
+  header.sequence = Read<uint64_t>(datagram);
+  header.parentEnvironment = Read<uint64_t>(datagram);
+  header.relativeEnvironment = Read<uint64_t>(datagram);
+  if (withParent) header.parent = Read<Id>(datagram);
+  header.divisor = Read<int32_t>(datagram);
+  return header;
+}
+
+}  // namespace
+
+// Sequence rules, for state datagrams whose divisor N is 1 only: a sequence below the
+// newest accepted one (`last`, one counter per kind) is stale; an equal one is accepted.
+// Those datagrams also carry the server time, not applied in a process that hosts the
+// server itself. Returns false for a stale datagram.
+bool Client::AcceptSequence(const StateHeader& header, uint64_t& last) {
+  if (header.divisor != 1) return true;
+  if (header.sequence < last) {
+    counters.droppedStale.fetch_add(1, std::memory_order_relaxed);
+    return false;
+  }
+  last = header.sequence;
+  if (!Game::_is_server) Game::timestamp = header.serverTime;
+  return true;
+}
+
+void Client::ReceiveTransforms(ReadOnlyStream& datagram) {
+  const StateHeader header = ReadStateHeader(datagram, true);
+  if (!AcceptSequence(header, lastTransformSequence)) return;
   // A datagram from another environment is not dropped: its records clear hasTarget.
-  const bool foreign = parentEnvironment != Game::parentEnvironmentId ||
-                       relativeEnvironment != Game::relativeEnvironmentId;
   counters.datagramsAccepted.fetch_add(1, std::memory_order_relaxed);
-  Game::Synchronize(TransformPass(ReadOnlyStream(datagram), divisor, parent, foreign));
+  Game::Synchronize(
+      TransformPass(ReadOnlyStream(datagram), header.divisor, header.parent, header.Foreign()));
 }
 
 void Client::ReceivePhysics(ReadOnlyStream& datagram) {
-  const double serverTime = Read<double>(datagram);
-  const uint64_t sequence = Read<uint64_t>(datagram);
-  const uint64_t parentEnvironment = Read<uint64_t>(datagram);
-  const uint64_t relativeEnvironment = Read<uint64_t>(datagram);
-  const int32_t divisor = Read<int32_t>(datagram);
-  if (divisor == 1) {
-    if (sequence < lastPhysicsSequence) {
-      counters.droppedStale.fetch_add(1, std::memory_order_relaxed);
-      return;
-    }
-    lastPhysicsSequence = sequence;
-    if (!Game::_is_server) Game::timestamp = serverTime;
-  }
+  const StateHeader header = ReadStateHeader(datagram, false);
+  if (!AcceptSequence(header, lastPhysicsSequence)) return;
   // Foreign physics is dropped, after the counter and the time may have moved.
-  if (parentEnvironment != Game::parentEnvironmentId ||
-      relativeEnvironment != Game::relativeEnvironmentId) {
+  if (header.Foreign()) {
     counters.droppedForeign.fetch_add(1, std::memory_order_relaxed);
     return;
   }

@@ -19,6 +19,8 @@ class ClientSideEntity;
 
 namespace client {
 
+struct StateHeader;
+
 // Read-only statistics for status lines. Relaxed atomics, written by whichever thread sees
 // the event; they change no behaviour and no byte on the wire.
 struct Counters {
@@ -96,7 +98,8 @@ class Client {
 
   bool Handshake();
   void Receive();
-  void UdpMessage(const orvex::net::UdpSocket& socket, orvex::filesystem::ReadOnlyStream&& datagram);
+  void UdpMessage(const orvex::net::UdpSocket& socket,
+                  orvex::filesystem::ReadOnlyStream&& datagram);
   void Receive(orvex::filesystem::ReadOnlyStream&& datagram);
 
   // Starts the receive stamp (both receive paths).
@@ -107,6 +110,7 @@ class Client {
   void ReceiveEntityMove();
   void ReceiveTransforms(orvex::filesystem::ReadOnlyStream& datagram);
   void ReceivePhysics(orvex::filesystem::ReadOnlyStream& datagram);
+  bool AcceptSequence(const StateHeader& header, uint64_t& last);
 
   // Outbound helpers, game thread only.
   void UploadEntity(std::shared_ptr<game::entity::ClientSideEntity> entity);

@@ -19,8 +19,8 @@ namespace client {
 
 class TransformPass {
  public:
-  TransformPass(orvex::filesystem::ReadOnlyStream records, int32_t divisor,
-                game::entity::Id parent, bool foreign);
+  TransformPass(orvex::filesystem::ReadOnlyStream records, int32_t divisor, game::entity::Id parent,
+                bool foreign);
   void operator()();
 
  private:
