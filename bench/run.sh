@@ -8,7 +8,8 @@
 # --update-docs replaces the figures between the markers in docs/performance.md.
 # Other flags go to every executable (for example --benchmark_filter=SharedLock).
 # BENCH_REPETITIONS (default 3) sets how many times each benchmark is repeated; the
-# tables report the median.
+# tables report the median. When BUILD_DIR/bin/load-driver exists it runs after them,
+# LOAD_SECONDS (default 5; 0 skips it) per measured phase, and its table is appended.
 set -euo pipefail
 
 if (($# < 1)); then
@@ -45,7 +46,19 @@ for exe in "${benches[@]}"; do
   results+=("$out/$name.json")
 done
 
+# The end-to-end load driver, briefly (LOAD_SECONDS per phase); its table joins the others.
+rm -f "$out/load-driver.md"
+if [[ -x $build/bin/load-driver && ${LOAD_SECONDS:-5} != 0 ]]; then
+  echo "run.sh: load-driver" >&2
+  "$build/bin/load-driver" --seconds "${LOAD_SECONDS:-5}" --json "$out/load-driver.json" \
+    --markdown "$out/load-driver.md" >/dev/null || echo "run.sh: load-driver failed" >&2
+fi
+
 python3 "$here/ratios.py" "${results[@]}" >"$out/ratios.md"
+if [[ -f $out/load-driver.md ]]; then
+  printf '\n' >>"$out/ratios.md"
+  cat "$out/load-driver.md" >>"$out/ratios.md"
+fi
 cat "$out/ratios.md"
 
 if ((update_docs)); then

@@ -12,6 +12,7 @@ namespace {
 using std::chrono::microseconds;
 
 constexpr double kMaxDelayMs = 60000;
+constexpr double kMaxDurationSeconds = 1e7;
 
 [[noreturn]] void Fail(const std::string& reason) {
   throw std::invalid_argument("network simulation: " + reason);
@@ -80,6 +81,9 @@ SimulationSpec SimulationSpec::Parse(const std::string& text) {
       if (error != std::errc() || end != value.data() + value.size()) {
         Fail("seed needs an unsigned integer, got '" + std::string(value) + "'");
       }
+    } else if (key == "for") {
+      spec.duration = std::chrono::milliseconds(
+          static_cast<long>(Number(key, value, "s", kMaxDurationSeconds) * 1000));
     } else if (key.starts_with("in.")) {
       Apply(spec.in, key.substr(3), value);
     } else if (key.starts_with("out.")) {
@@ -111,6 +115,7 @@ bool SimulatedPath::Chance(double probability) {
 int SimulatedPath::Admit(Clock::time_point now, const sockaddr* peer, socklen_t peerLength,
                          const unsigned char* data, unsigned long size) {
   ++stats_.admitted;
+  if (now >= end_) return 1;
   if (Chance(conditions_.loss)) {
     ++stats_.dropped;
     return 0;
@@ -165,7 +170,13 @@ NetworkSimulator::NetworkSimulator(const SimulationSpec& spec, SendFunction send
     : spec_(spec),
       send_(std::move(send)),
       in_(spec.in, spec.seed * 2),
-      out_(spec.out, spec.seed * 2 + 1) {}
+      out_(spec.out, spec.seed * 2 + 1) {
+  if (spec.duration.count() > 0) {
+    const Clock::time_point end = Clock::now() + spec.duration;
+    in_.EndAt(end);
+    out_.EndAt(end);
+  }
+}
 
 NetworkSimulator::~NetworkSimulator() {
   StopSender();

@@ -4,6 +4,9 @@
 // Spec text: comma-separated key=value items. Keys: loss=P%, reorder=P%, dup=P%,
 // delay=Dms, jitter=Jms (delay ± jitter, never below zero), seed=N (default 1). A key
 // applies to both directions, or to one when prefixed "in." or "out." (out.loss=5%).
+// for=Ss (both directions) limits the faults to the first S seconds of the socket's
+// simulation; afterwards every datagram passes untouched (held ones still leave when due),
+// so that a soak can lift the faults and watch the replica converge.
 #pragma once
 
 #include <sys/socket.h>
@@ -37,6 +40,8 @@ struct SimulationSpec {
   PathConditions in;
   PathConditions out;
   uint64_t seed = 1;
+  // How long the faults last from the simulator's creation; zero: for good.
+  std::chrono::milliseconds duration{0};
 
   // Throws std::invalid_argument with a one-line reason.
   static SimulationSpec Parse(const std::string& text);
@@ -72,6 +77,9 @@ class SimulatedPath {
 
   SimulatedPath(const PathConditions& conditions, uint64_t seed);
 
+  // From `end` on, Admit passes every datagram at once, untouched, without a draw.
+  void EndAt(Clock::time_point end) { end_ = end; }
+
   // Decides the fate of a datagram that arrives at `now`. Returns how many copies pass at
   // once (0 when it is dropped or every copy is held, 2 when it is duplicated and not
   // delayed); held copies wait in the queue.
@@ -98,6 +106,7 @@ class SimulatedPath {
   bool Chance(double probability);
 
   PathConditions conditions_;
+  Clock::time_point end_ = Clock::time_point::max();
   uint64_t state_;
   uint64_t order_ = 0;
   Stats stats_;

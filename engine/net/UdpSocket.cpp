@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <stdexcept>
 
 #include "net/Address.h"
@@ -31,6 +32,10 @@ constexpr int kReceiveBufferBytes = 4 << 20;
 
 // The socket whose delivery thread this is; null on every other thread.
 thread_local const UdpSocket* tDeliveringSocket = nullptr;
+
+// The spec that new client-form sockets start with (SimulateNewClientSockets).
+std::mutex newClientSpecMutex;
+std::string newClientSpec;
 
 // Clears the datagram buffer however Flush leaves.
 struct ClearOnExit {
@@ -62,6 +67,12 @@ UdpSocket::UdpSocket(const std::string& host, uint16_t port, unsigned long buffe
                       reinterpret_cast<const unsigned char*>(&target.storage) + target.length);
   remoteAddress_ = AddressText(target.Get());
   remotePort_ = port;
+  std::string spec;
+  {
+    std::lock_guard<std::mutex> lock(newClientSpecMutex);
+    spec = newClientSpec;
+  }
+  if (!spec.empty()) Simulate(spec);
 }
 
 UdpSocket::UdpSocket(BindTag, const std::string& host, uint16_t port, unsigned long bufferSize)
@@ -175,6 +186,12 @@ void UdpSocket::SetDestination(const std::string& host, uint16_t port) {
                       reinterpret_cast<const unsigned char*>(&target.storage) + target.length);
   remoteAddress_ = AddressText(target.Get());
   remotePort_ = port;
+}
+
+void UdpSocket::SimulateNewClientSockets(const std::string& spec) {
+  if (!spec.empty()) SimulationSpec::Parse(spec);
+  std::lock_guard<std::mutex> lock(newClientSpecMutex);
+  newClientSpec = spec;
 }
 
 void UdpSocket::Simulate(const std::string& spec) {

@@ -10,6 +10,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
+#include <iterator>
 #include <mutex>
 #include <stdexcept>
 #include <string>
@@ -174,6 +175,27 @@ TEST(SimulatedPath, ReorderingHoldsDatagramsBehindLaterOnes) {
   SimulatedPath none = PathFor("delay=5ms");
   std::vector<uint32_t> kept = Drive(none, 200);
   EXPECT_TRUE(std::is_sorted(kept.begin(), kept.end()));  // equal holds keep the order
+}
+
+TEST(SimulatedPath, FaultsEndWhenTheirTimeIsUpAndHeldDatagramsStillLeave) {
+  SimulationSpec spec = SimulationSpec::Parse("loss=50%,delay=30ms,dup=50%,for=0.1s");
+  EXPECT_EQ(spec.duration, milliseconds(100));
+  EXPECT_EQ(SimulationSpec::Parse("loss=5%").duration, milliseconds(0));
+  EXPECT_THROW(SimulationSpec::Parse("for=10"), std::invalid_argument);
+
+  SimulatedPath path(spec.in, spec.seed);
+  path.EndAt(Clock::time_point{} + milliseconds(100));
+  // Drive admits one datagram per millisecond: 100 under faults, then 100 untouched.
+  std::vector<uint32_t> out = Drive(path, 200);
+  std::vector<uint32_t> late;
+  std::copy_if(out.begin(), out.end(), std::back_inserter(late),
+               [](uint32_t i) { return i >= 100; });
+  std::vector<uint32_t> each(100);
+  for (uint32_t i = 0; i < 100; ++i) each[i] = 100 + i;
+  EXPECT_EQ(late, each);  // each once, at once, in order
+  const auto& stats = path.GetStats();
+  EXPECT_GT(stats.dropped, 30u);
+  EXPECT_EQ(out.size() - late.size(), 100 - stats.dropped + stats.duplicated);
 }
 
 // ---------------------------------------------------------------------------------------

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cmath>
 #include <cstdint>
 #include <cstdio>
 #include <fstream>
@@ -71,6 +72,9 @@ const Options& Checked(const Options& options) {
   }
   if (!(options.eventsPerSecond >= 0.0)) {
     throw std::invalid_argument("the event rate must not be negative");
+  }
+  if (!(options.freezeAfter >= 0.0) || !std::isfinite(options.freezeAfter)) {
+    throw std::invalid_argument("the freeze time must be a number of seconds, at least 0");
   }
   return options;
 }
@@ -499,7 +503,8 @@ void GameServer::Tick(uint64_t tick, double t) {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     orvex::filesystem::Stream out;
-    const SceneChanges changes = scene_.Step(t, out);
+    const bool frozen = options_.freezeAfter > 0 && t >= options_.freezeAfter;
+    const SceneChanges changes = frozen ? SceneChanges{} : scene_.Step(t, out);
     counters_->creates += changes.creates;
     counters_->updates += changes.updates;
     counters_->moves += changes.moves;

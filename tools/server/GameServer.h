@@ -51,6 +51,9 @@ struct Options {
   int helloTimeoutMs = 10000;    // time a new connection has to complete its hello
   uint64_t parentEnvironment = 0, relativeEnvironment = 0;
   bool quiet = true;  // false: one line per event on std::cerr
+  // Seconds after the start from which the scene stands still (no motion, no events) while
+  // state datagrams keep flowing; 0: never. A soak compares replicas of a still scene.
+  double freezeAfter = 0;
 };
 
 struct Counters {

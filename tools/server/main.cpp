@@ -67,6 +67,8 @@ int main(int argc, char** argv) {
                  "scene updates, moves and destroys per second")
       ->capture_default_str();
   app.add_option("--seed", options.seed, "seed of the scene's events")->capture_default_str();
+  app.add_option("--freeze", options.freezeAfter,
+                 "after this many seconds the scene stands still (0: never)");
   app.add_option("--simulate", options.simulate,
                  "network conditions on the UDP socket, e.g. loss=10%,delay=40ms,seed=7");
   app.add_option("--final-state", finalState, "write the final state as JSON to this file");
