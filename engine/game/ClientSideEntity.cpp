@@ -11,6 +11,7 @@ namespace game::entity {
 
 std::unordered_map<Id, ClientSideEntity::Ptr> ClientSideEntity::_sharedObjects;
 orvex::SharedMutex ClientSideEntity::_sharedObjectsMutex;
+std::atomic<size_t> ActionFlag::pending_{0};
 
 BaseEntity::~BaseEntity() = default;
 
@@ -29,7 +30,7 @@ ClientSideEntity::~ClientSideEntity() = default;
 void ClientSideEntity::QueueAction(orvex::filesystem::Stream action) {
   std::lock_guard<std::mutex> lock(actionsMutex);
   pendingActions.push_back(std::move(action));
-  hasPendingActions.store(true);
+  hasPendingActions = true;
 }
 
 }  // namespace game::entity

@@ -2,6 +2,7 @@
 // inline operations that the client module provides: src/entity).
 #pragma once
 
+#include <atomic>
 #include <glm/glm.hpp>
 #include <memory>
 #include <mutex>
@@ -33,6 +34,40 @@ class BaseEntity {
   Unlocked<glm::dvec3> position;
   Unlocked<Orientation> orientation;
   Unlocked<Id> parentId;
+};
+
+// An entity's "actions queued" flag. Every change of its value is counted process-wide, so
+// the send step can see in one load that no entity has anything queued and skip its walk
+// over the registry. Whoever sets or clears the flag keeps the count right without knowing
+// of it; an entity destroyed with its flag set takes itself out of the count.
+class ActionFlag {
+ public:
+  ActionFlag() = default;
+  ActionFlag(const ActionFlag&) = delete;
+  ActionFlag& operator=(const ActionFlag&) = delete;
+  ~ActionFlag() { Set(false); }
+
+  ActionFlag& operator=(bool value) {
+    Set(value);
+    return *this;
+  }
+  operator bool() const { return flag_.load(std::memory_order_acquire); }  // NOLINT
+
+  // Entities whose flag is set, in the whole process.
+  static size_t Pending() { return pending_.load(std::memory_order_acquire); }
+
+ private:
+  void Set(bool value) {
+    if (flag_.exchange(value, std::memory_order_acq_rel) == value) return;
+    if (value) {
+      pending_.fetch_add(1, std::memory_order_acq_rel);
+    } else {
+      pending_.fetch_sub(1, std::memory_order_acq_rel);
+    }
+  }
+
+  std::atomic<bool> flag_{false};
+  static std::atomic<size_t> pending_;  // defined by game.so
 };
 
 class ClientSideEntity : public BaseEntity, public std::enable_shared_from_this<ClientSideEntity> {
@@ -123,7 +158,7 @@ class ClientSideEntity : public BaseEntity, public std::enable_shared_from_this<
   // by the send step before it takes the mutex.
   std::mutex actionsMutex;
   std::vector<orvex::filesystem::Stream> pendingActions;
-  std::atomic<bool> hasPendingActions{false};
+  ActionFlag hasPendingActions;
 
   // Queues one action (engine convenience for games and tools).
   void QueueAction(orvex::filesystem::Stream action);
