@@ -59,6 +59,13 @@ wire::TransformRecord TransformOf(const Id& id, uint64_t n) {
 }
 
 struct Fixture {
+  // The baseline's lookup: the same map under std::shared_mutex.
+  ClientSideEntity::Ptr PlainGet(const Id& id) {
+    std::shared_lock<std::shared_mutex> lock(plainMutex);
+    const auto it = plain.find(id);
+    return it != plain.end() ? it->second : nullptr;
+  }
+
   std::vector<ReadOnlyStream> transforms;  // 23 records each, parent: none
   std::vector<ReadOnlyStream> physics;     // 20 records each
   // The re-parenting case: the same children under parent A, then under parent B.
@@ -211,12 +218,7 @@ void TransformPlainMap(benchmark::State& state) {
     const ReadOnlyStream& records = f.transforms[i];
     const size_t n = DecodeTransforms(records.GetBuffer(), records.GetBufferSize(), values);
     for (size_t r = 0; r < n; ++r) {
-      ClientSideEntity::Ptr entity;
-      {
-        std::shared_lock<std::shared_mutex> lock(f.plainMutex);
-        const auto it = f.plain.find(values[r].id);
-        if (it != f.plain.end()) entity = it->second;
-      }
+      const ClientSideEntity::Ptr entity = f.PlainGet(values[r].id);
       if (!entity || !entity->serverDriven) continue;
       const float* q = values[r].rotation;
       entity->updateRate = 20.0f;
@@ -267,12 +269,7 @@ void PhysicsPlainMap(benchmark::State& state) {
     const ReadOnlyStream& records = f.physics[i];
     const size_t n = DecodePhysics(records.GetBuffer(), records.GetBufferSize(), values);
     for (size_t r = 0; r < n; ++r) {
-      ClientSideEntity::Ptr entity;
-      {
-        std::shared_lock<std::shared_mutex> lock(f.plainMutex);
-        const auto it = f.plain.find(values[r].id);
-        if (it != f.plain.end()) entity = it->second;
-      }
+      const ClientSideEntity::Ptr entity = f.PlainGet(values[r].id);
       if (entity && entity->serverDriven && entity->parentId.Load().IsNull()) {
         entity->velocity = values[r].velocity;
         entity->physicsExtra = values[r].extra;

@@ -122,6 +122,16 @@ TransformAction DecideMove(float rate, uint8_t smooth, uint8_t storedForceSnap) 
   return action;
 }
 
+// A module message, the same on TCP and in a datagram: code 0x7F, the ModuleID's two words
+// in the order the mod stores them, the payload as an embedded stream (4 + N bytes).
+void WriteModuleRecord(orvex::filesystem::Stream& out, const ModuleID& module,
+                       const orvex::filesystem::Stream& payload) {
+  out.WriteValue(networking::MSG_FOR_MODULE);
+  out.WriteValue(module.prefix);
+  out.WriteValue(module.name);
+  out.Write(payload);
+}
+
 }  // namespace
 
 Client* Client::_instance = nullptr;
@@ -228,10 +238,7 @@ void Client::Connected() {
     if (handler == nullptr) return;
     handler(playerId, username, moduleStream);
     if (moduleStream.GetBufferSize() == 0) return;
-    tcp.WriteValue(networking::MSG_FOR_MODULE);
-    tcp.WriteValue(module->moduleId.prefix);
-    tcp.WriteValue(module->moduleId.name);
-    tcp.Write(moduleStream);
+    WriteModuleRecord(tcp, module->moduleId, moduleStream);
     moduleStream.Flush();
   });
   tcp.Flush();
@@ -587,10 +594,7 @@ void Client::UploadModule(std::shared_ptr<GAME_Mod>& entry) {
 
 void Client::SendModuleReliable(const GAME_Mod& module) {
   if (moduleStream.GetBufferSize() == 0) return;
-  tcp.WriteValue(networking::MSG_FOR_MODULE);
-  tcp.WriteValue(module.moduleId.prefix);
-  tcp.WriteValue(module.moduleId.name);
-  tcp.Write(moduleStream);
+  WriteModuleRecord(tcp, module.moduleId, moduleStream);
   // Clear, not Flush: outside the mod's own Flush the installed handler would run again
   // and send the record twice.
   moduleStream.Clear();
@@ -608,10 +612,7 @@ void Client::SendModuleUnreliable(const GAME_Mod& module) {
   }
   if (udp.GetBufferSize() + size + kModuleRecordOverhead > kDatagramCapacity) udp.Flush();
   if (udp.GetBufferSize() == 0) WriteDatagramHeader();
-  udp.WriteValue(networking::MSG_FOR_MODULE);
-  udp.WriteValue(module.moduleId.prefix);
-  udp.WriteValue(module.moduleId.name);
-  udp.Write(datagramStream);
+  WriteModuleRecord(udp, module.moduleId, datagramStream);
   datagramStream.Clear();
   udpSent = true;
 }
