@@ -8,11 +8,10 @@
 // in magic or from the wrong sender. Then Game::RunSynchronized() runs the passes, as the
 // game thread does once per frame.
 //
-// Parent cycles by design. Parent links must form a tree: a transform record moves its
-// entity under the datagram's parent, and when a later record re-expresses an entity
-// under a new parent, the absolute transforms along a cycle recurse until the stack is
-// exhausted. A server that links an entity under itself or its descendants breaks that
-// contract, so the harness works out the parent links each datagram leaves (every record
+// Parent cycles. Parent links must form a tree: a transform record moves its entity under
+// the datagram's parent. A server that links an entity under itself or its descendants
+// breaks that contract (the client then cuts the chain at 1024 links, a case the entity
+// tests cover), so the harness keeps to trees: it works out the parent links each datagram leaves (every record
 // that the pass applies leaves its entity under the header's parent) and stops the input
 // before a datagram that would close a cycle. It then checks that the replica's parent
 // links are the ones it worked out.

@@ -7,8 +7,8 @@
 #
 #   tools/soak.sh BUILD_DIR [SECONDS]      (./x soak: build/release, SOAK_SECONDS or 300)
 #
-# The soak is the test Soak.* of BUILD_DIR's tools_tests, which ./x test runs for 45 s in
-# the release build; the exit status is the test's.
+# The soak is BUILD_DIR's soak_tests (tests/tools/soak_test.cpp), which ./x test runs for
+# 45 s in the release build (ctest label "soak"); the exit status is the test's.
 set -euo pipefail
 
 if [[ $# -lt 1 || $# -gt 2 ]]; then
@@ -21,10 +21,10 @@ if ! [[ $seconds =~ ^[0-9]+$ ]] || ((seconds < 20)); then
   echo "tools/soak.sh: SECONDS must be a whole number of at least 20" >&2
   exit 64
 fi
-tests=$build/bin/tools_tests
+tests=$build/bin/soak_tests
 if [[ ! -x $tests || ! -x $build/bin/game-server || ! -x $build/bin/game-client ]]; then
-  echo "tools/soak.sh: $build lacks tools_tests, game-server or game-client (build it first)" >&2
+  echo "tools/soak.sh: $build lacks soak_tests, game-server or game-client (build it first)" >&2
   exit 1
 fi
 echo "tools/soak.sh: soaking for $seconds s" >&2
-ORVEX_SOAK_SECONDS=$seconds exec "$tests" --gtest_filter='Soak.*' --gtest_color=no
+ORVEX_SOAK_SECONDS=$seconds exec "$tests" --gtest_color=no

@@ -20,20 +20,33 @@ glm::dmat4 BaseEntity::GetTransform() const {
   return translation * rotation;
 }
 
-// Parent links must form a tree: a cycle recurses until the stack is exhausted.
-glm::dmat4 ClientSideEntity::GetAbsoluteTransformInEnvironment() const {
-  const Id parent = parentId;
-  if (parent.IsNull()) return GetTransform();
-  Ptr parentEntity;
+namespace {
+
+// Parent links must form a tree. A server can still link an entity under its own
+// descendant; a chain this deep is taken for such a cycle and ends like a dangling link,
+// instead of recursing until the stack runs out.
+constexpr int kMaxParentDepth = 1024;
+
+glm::dmat4 Absolute(const ClientSideEntity& entity, int depth) {
+  const Id parent = entity.parentId;
+  if (parent.IsNull()) return entity.GetTransform();
+  if (depth >= kMaxParentDepth) return glm::dmat4(1.0);
+  ClientSideEntity::Ptr parentEntity;
   {
-    std::shared_lock<orvex::SharedMutex> lock(_sharedObjectsMutex);
-    const auto it = _sharedObjects.find(parent);
-    if (it != _sharedObjects.end()) parentEntity = it->second;
+    std::shared_lock<orvex::SharedMutex> lock(ClientSideEntity::_sharedObjectsMutex);
+    const auto it = ClientSideEntity::_sharedObjects.find(parent);
+    if (it != ClientSideEntity::_sharedObjects.end()) parentEntity = it->second;
   }
   // A dangling link yields the identity, not the local transform.
   if (!parentEntity) return glm::dmat4(1.0);
-  const glm::dmat4 local = GetTransform();
-  return parentEntity->GetAbsoluteTransformInEnvironment() * local;
+  const glm::dmat4 local = entity.GetTransform();
+  return Absolute(*parentEntity, depth + 1) * local;
+}
+
+}  // namespace
+
+glm::dmat4 ClientSideEntity::GetAbsoluteTransformInEnvironment() const {
+  return Absolute(*this, 0);
 }
 
 }  // namespace game::entity

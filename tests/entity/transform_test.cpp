@@ -98,5 +98,15 @@ TEST_F(EntityTransform, ParentIdWithAZeroWordMeansNoParent) {
   EXPECT_EQ(entity->GetAbsoluteTransformInEnvironment(), entity->GetTransform());
 }
 
+TEST_F(EntityTransform, AParentCycleFromTheServerEndsInsteadOfExhaustingTheStack) {
+  // Two entities linked under each other: the chain never reaches the environment.
+  const auto a = Place(Id{1, 1}, glm::dvec3(1.0, 0.0, 0.0), Orientation{}, Id{2, 2});
+  const auto b = Place(Id{2, 2}, glm::dvec3(0.0, 1.0, 0.0), Orientation{}, Id{1, 1});
+  const glm::dmat4 absolute = a->GetAbsoluteTransformInEnvironment();
+  EXPECT_TRUE(std::isfinite(absolute[3][0]) && std::isfinite(absolute[3][1]));
+  const auto self = Place(Id{3, 3}, glm::dvec3(1.0), Orientation{}, Id{3, 3});
+  EXPECT_TRUE(std::isfinite(self->GetAbsoluteTransformInEnvironment()[3][0]));
+}
+
 }  // namespace
 }  // namespace entitytest

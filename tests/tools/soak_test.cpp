@@ -49,7 +49,7 @@ namespace {
 using nlohmann::json;
 namespace fs = std::filesystem;
 
-constexpr int kShortSoakSeconds = 45;
+constexpr int kShortSoakSeconds = 25;
 constexpr int kEntities = 3000;
 constexpr double kEventsPerSecond = 20;
 constexpr const char* kFaults = "loss=10%,delay=40ms,jitter=20ms,reorder=20%,dup=5%";

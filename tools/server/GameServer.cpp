@@ -1,5 +1,7 @@
 #include "server/GameServer.h"
 
+#include <sys/socket.h>
+
 #include <algorithm>
 #include <chrono>
 #include <cmath>
@@ -25,6 +27,8 @@ constexpr unsigned long kUdpCapacity = wire::kMaxDatagram;
 constexpr int kPasswordWaitMs = 100;
 // Poll period of the threads that watch the stop flag.
 constexpr int kPollMs = 200;
+// How long Stop waits for told-goodbye clients to leave before it closes their connections.
+constexpr int kGoodbyeGraceMs = 2000;
 constexpr int kStallLimitMs = 5000;
 constexpr int64_t kStatusEveryMs = 5000;
 constexpr const char* kTimedOut = "timed out";
@@ -98,6 +102,7 @@ struct GameServer::Client {
   std::unique_ptr<orvex::net::TcpSocket> tcp;
   std::thread thread;
   std::atomic<bool> finished{false};
+  std::atomic<bool> leaving{false};  // told goodbye, connection half-closed
 
   std::string address;
   int64_t helloDeadlineMs = 0;
@@ -181,6 +186,22 @@ void GameServer::Stop() {
     }
   }
   for (auto& client : welcomed) Deliver(*client);
+  // Half-close after the goodbye and let each client leave on its own before closing:
+  // closing a socket while its peer still sends makes the kernel reset the connection,
+  // and the reset can discard the goodbye before the client has read it.
+  for (auto& client : welcomed) {
+    std::lock_guard<std::mutex> write(client->writeMutex);
+    if (client->tcp) {
+      client->leaving = true;
+      ::shutdown(client->tcp->GetDescriptor(), SHUT_WR);
+    }
+  }
+  const auto grace = std::chrono::steady_clock::now() + std::chrono::milliseconds(kGoodbyeGraceMs);
+  for (auto& client : welcomed) {
+    while (!client->finished && std::chrono::steady_clock::now() < grace) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+  }
   for (auto& client : connections) Close(*client);
   for (auto& client : connections) {
     if (client->thread.joinable()) client->thread.join();
@@ -328,7 +349,8 @@ bool GameServer::Handshake(const std::shared_ptr<Client>& client) {
 }
 
 void GameServer::ReadLoop(Client& c) {
-  while (!stopping_) {
+  // A client told goodbye is read until it leaves (or Stop's grace period ends).
+  while (!stopping_ || c.leaving) {
     const int ready = c.tcp->Poll(kPollMs);
     if (ready == 0) continue;
     if (ready < 0) throw std::runtime_error("connection error");
