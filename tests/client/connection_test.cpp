@@ -12,10 +12,12 @@
 #include "GAME_Mod.h"
 #include "Game.h"
 #include "client/ClientHarness.h"
-#include "client/StderrCapture.h"
 #include "client/TestMods.h"
+#include "support_helpers/StderrCapture.h"
 
 namespace clienttest {
+
+using testing_support::StderrCapture;
 namespace {
 
 using testing::ContainsRegex;

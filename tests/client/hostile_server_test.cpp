@@ -23,11 +23,13 @@
 #include "Game.h"
 #include "client/ClientHarness.h"
 #include "client/OutboundSupport.h"
-#include "client/StderrCapture.h"
 #include "client/TestMods.h"
 #include "game/Networking.h"
+#include "support_helpers/StderrCapture.h"
 
 namespace clienttest {
+
+using testing_support::StderrCapture;
 namespace {
 
 using game::entity::ClientSideEntity;

@@ -11,9 +11,11 @@
 #include <thread>
 
 #include "client/OutboundSupport.h"
-#include "client/StderrCapture.h"
+#include "support_helpers/StderrCapture.h"
 
 namespace clienttest {
+
+using testing_support::StderrCapture;
 namespace {
 
 using orvex::cpu::Profiler;

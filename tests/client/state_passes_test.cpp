@@ -9,10 +9,12 @@
 
 #include "client/ClientHarness.h"
 #include "client/StatePasses.h"
-#include "client/StderrCapture.h"
 #include "client/TestMods.h"
+#include "support_helpers/StderrCapture.h"
 
 namespace clienttest {
+
+using testing_support::StderrCapture;
 namespace {
 
 using game::entity::ClientSideEntity;

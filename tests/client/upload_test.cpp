@@ -7,9 +7,11 @@
 #include <vector>
 
 #include "client/OutboundSupport.h"
-#include "client/StderrCapture.h"
+#include "support_helpers/StderrCapture.h"
 
 namespace clienttest {
+
+using testing_support::StderrCapture;
 namespace {
 
 using orvex::filesystem::WriteOnlyStream;

@@ -5,14 +5,14 @@
 
 #include "entity/EntityTestSupport.h"
 #include "game/graphics/Renderer.h"
-#include "support_helpers/CaptureStderr.h"
+#include "support_helpers/StderrCapture.h"
 
 namespace entitytest {
 namespace {
 
 using game::entity::Orientation;
 using game::graphics::RenderableInstance;
-using testing_support::CaptureStderr;
+using testing_support::StderrCapture;
 
 constexpr Id kId{0x1111, 0x2222};
 constexpr Id kParent{0x3333, 0x4444};
@@ -138,7 +138,7 @@ TEST_F(EntityInterface, EntityWithoutInterfaceIsRemovedSilently) {
     entity.renderables.push_back(instance);
   });
 
-  CaptureStderr err;
+  StderrCapture err;
   EXPECT_EQ(Create(kId, "TEST_empty"), nullptr);
   EXPECT_EQ(Create(Id{5, 6}, "TEST_notloaded"), nullptr);
   EXPECT_EQ(err.Text(), "");

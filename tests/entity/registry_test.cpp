@@ -6,12 +6,12 @@
 #include <vector>
 
 #include "entity/EntityTestSupport.h"
-#include "support_helpers/CaptureStderr.h"
+#include "support_helpers/StderrCapture.h"
 
 namespace entitytest {
 namespace {
 
-using testing_support::CaptureStderr;
+using testing_support::StderrCapture;
 
 // Bytes "ENTY", then 01 02 ... 0C: the text form is the tag followed by 24 hex digits.
 constexpr Id kTagged{0x0403020159544E45ull, 0x0C0B0A0908070605ull};
@@ -54,7 +54,7 @@ TEST_F(EntityRegistry, DuplicateIdIsRejectedAndTheRegisteredEntityIsUntouched) {
   ClientSideEntity::Ptr first = Create(kTagged, "first");
   first->position = glm::dvec3(1.0, 2.0, 3.0);
 
-  CaptureStderr err;
+  StderrCapture err;
   EXPECT_EQ(CreateError(kTagged),
             "UNIQUE_OBJECT ClientSideEntity with id " + kTaggedText + " already exists");
   EXPECT_EQ(err.Text(), "");
@@ -77,7 +77,7 @@ TEST_F(EntityRegistry, DuplicateOfANullIdNamesNoIdBetweenTheTwoTexts) {
 TEST_F(EntityRegistry, DestroyWhileHeldWarnsOnceAndTheObjectLivesOn) {
   ClientSideEntity::Ptr held = Create(kTagged, "held");
   {
-    CaptureStderr err;
+    StderrCapture err;
     ClientSideEntity::Destroy(kTagged);
     EXPECT_EQ(err.Text(), "WARNING: UNIQUE_OBJECT ClientSideEntity with id " + kTaggedText +
                               " being Destroyed while still in use\n");
@@ -119,7 +119,7 @@ TEST_F(EntityRegistry, DestroyOfTheLastReferenceDestroysInsideTheLockAndPrintsNo
   });
   ClientSideEntity::Create<ClientSideEntity>(kTagged, "TEST_locked", "");
 
-  CaptureStderr err;
+  StderrCapture err;
   ClientSideEntity::Destroy(kTagged);
   EXPECT_TRUE(destructorFinished) << "destroyed before Destroy returned";
   if (reader.joinable()) reader.join();
@@ -130,7 +130,7 @@ TEST_F(EntityRegistry, DestroyOfTheLastReferenceDestroysInsideTheLockAndPrintsNo
 
 TEST_F(EntityRegistry, DestroyOfAnUnknownIdChangesNothing) {
   Create(kTagged);
-  CaptureStderr err;
+  StderrCapture err;
   ClientSideEntity::Destroy(Id{kTagged.word0 + 1, kTagged.word1});
   EXPECT_EQ(err.Text(), "");
   EXPECT_TRUE(ClientSideEntity::Exists(kTagged));
@@ -159,7 +159,7 @@ TEST_F(EntityRegistry, ConcurrentReadersSeeConsistentEntriesWhileAWriterChangesT
   constexpr int kLookupsEach = 20000;
   const auto idOf = [](uint64_t i) { return Id{i + 1, i % 8 + 1}; };
 
-  CaptureStderr err;  // destroying an entity that a reader holds warns; expected here
+  StderrCapture err;  // destroying an entity that a reader holds warns; expected here
   std::atomic<int> readersLeft{kReaders};
   std::atomic<int> wrongEntity{0};
 

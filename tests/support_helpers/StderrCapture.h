@@ -10,7 +10,7 @@
 #include <streambuf>
 #include <string>
 
-namespace clienttest {
+namespace testing_support {
 
 class StderrCapture {
  public:
@@ -56,4 +56,4 @@ class StderrCapture {
   std::streambuf* previous_;
 };
 
-}  // namespace clienttest
+}  // namespace testing_support
