@@ -127,7 +127,11 @@ void Stream::Write(const Stream& other) {
 
 void Stream::Read(std::string& text) {
   uint32_t count = ReadValue<uint32_t>();
-  ReadBlock(*this, text, CheckBlockCount(count, kMaxBlockSize, "string"), Available() >= 0);
+  // Read aside, so that a read that fails part-way (a socket closed mid-string) leaves the
+  // caller's text as it was rather than half-filled.
+  std::string got;
+  ReadBlock(*this, got, CheckBlockCount(count, kMaxBlockSize, "string"), Available() >= 0);
+  text = std::move(got);
 }
 
 std::string Stream::ReadString(unsigned long limit) {

@@ -186,10 +186,19 @@ bool Client::Handshake() {
   playerId = Read<uint64_t>(tcp);
   tcp.Read(username);
 
+  // Each name is bounded by the string cap; the list as a whole is bounded by the block cap
+  // (counting each name's 4-byte count), so an endless list cannot exhaust memory.
   std::vector<std::string> mods;
+  unsigned long modListBytes = 0;
   for (;;) {
     std::string mod = tcp.ReadString(kTextLimit);
     if (mod.empty()) break;
+    modListBytes += sizeof(uint32_t) + mod.size();
+    if (modListBytes > orvex::filesystem::Stream::kMaxBlockSize) {
+      throw std::runtime_error("mod list of more than " +
+                               std::to_string(orvex::filesystem::Stream::kMaxBlockSize) +
+                               " bytes exceeds the limit");
+    }
     mods.push_back(std::move(mod));
   }
   const int32_t mode = Read<int32_t>(tcp);
@@ -204,8 +213,9 @@ bool Client::Handshake() {
   if (configLength != 0) {
     tcp.Read(reinterpret_cast<unsigned char*>(configText.data()), configLength);
     // game::Config::Parse reads up to a zero byte, so the count must take one in (the
-    // server sends the terminator; the client adds none).
-    if (std::memchr(configText.data(), '\0', configLength) == nullptr) {
+    // server sends the terminator; the client adds none). A process that hosts the server
+    // does not parse the text, so it keeps whatever came.
+    if (!Game::_is_server && std::memchr(configText.data(), '\0', configLength) == nullptr) {
       throw std::runtime_error("Configuration text is not zero-terminated");
     }
   }

@@ -77,6 +77,14 @@ ByteWriter WelcomeHead() {
   return w;
 }
 
+// A welcome up to its mod list, then `count` mod names of 65535 bytes each.
+ByteWriter LongModList(int count) {
+  ByteWriter w = WelcomeHead().Text("pilot");
+  const std::string name(65535, 'm');
+  for (int i = 0; i < count; ++i) w.Text(name);
+  return w;
+}
+
 wire::EntityCreate Creation(Id id, const std::string& text) {
   wire::EntityCreate message;
   message.id = id;
@@ -163,6 +171,9 @@ TEST_F(HostileWelcome, HugeCountsAreRefusedBeforeAnythingIsAllocated) {
       {"mod name", WelcomeHead().Text("pilot").U32(65536), "65536"},
       {"configuration", WelcomeHead().Text("pilot").Text("").I32(3).U32(0xFFFFFFFF), "4294967295"},
       {"refusal reason", ByteWriter().U8(0).U32(0x80000000), "2147483648"},
+      // Names that are each within their cap but never end: 256 of the longest cross the
+      // list's cap with the last one, so no byte is left unread when the client gives up.
+      {"mod list", LongModList(256), "16777216"},
   };
   const long before = PeakResidentMb();
   for (const Case& c : cases) {
@@ -209,6 +220,12 @@ TEST_F(HostileWelcome, ConfigurationTextNeedsItsZeroByte) {
   welcome.config = {'a', 'b', '\0', 'c', 'd'};
   EXPECT_EQ(ConstructionError(WelcomeBytes(welcome)), "");
   EXPECT_EQ(Game::config.Text(), "ab");
+
+  // A process that hosts the server never parses the text, so it takes any.
+  Game::_is_server = true;
+  welcome.config = {'g', 'o'};
+  EXPECT_EQ(ConstructionError(WelcomeBytes(welcome)), "");
+  EXPECT_EQ(Game::config.ParseCount(), 1);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -276,6 +293,7 @@ TEST_F(HostileReliable, HugeCountsEndTheReceivingThreadWithOneLine) {
 TEST_F(HostileReliable, ACountWhoseBytesNeverComeCostsOnlyWhatArrived) {
   StderrCapture capture;
   Session session;
+  Game::_current_world = "Harbour";
   // 16 MiB is accepted as a count; 64 KiB of it arrive, then the connection ends.
   const long before = PeakResidentMb();
   session.Connection().Send(
@@ -285,6 +303,8 @@ TEST_F(HostileReliable, ACountWhoseBytesNeverComeCostsOnlyWhatArrived) {
   session.StopReceiving();
   EXPECT_EQ(CountOf(capture.Text(), "ERROR: "), 1u);
   EXPECT_LT(PeakResidentMb() - before, 64);
+  // Nothing half-read is carried out: the world keeps its name.
+  EXPECT_EQ(Game::_current_world, "Harbour");
 }
 
 TEST_F(HostileReliable, EveryTruncatedCreationEndsTheThreadAndCreatesNothing) {
