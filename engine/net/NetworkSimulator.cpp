@@ -62,9 +62,9 @@ uint64_t SplitMix(uint64_t& state) {
 
 }  // namespace
 
-SimulationSpec SimulationSpec::Parse(const std::string& text) {
-  SimulationSpec spec;
-  if (Trim(text).empty()) return spec;
+SimulationSettings SimulationSettings::Parse(const std::string& text) {
+  SimulationSettings settings;
+  if (Trim(text).empty()) return settings;
   for (size_t start = 0; start != std::string::npos;) {
     size_t comma = text.find(',', start);
     std::string_view item = Trim(std::string_view(text).substr(start, comma - start));
@@ -77,23 +77,23 @@ SimulationSpec SimulationSpec::Parse(const std::string& text) {
     std::string_view value = Trim(item.substr(equals + 1));
 
     if (key == "seed") {
-      auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), spec.seed);
+      auto [end, error] = std::from_chars(value.data(), value.data() + value.size(), settings.seed);
       if (error != std::errc() || end != value.data() + value.size()) {
         Fail("seed needs an unsigned integer, got '" + std::string(value) + "'");
       }
     } else if (key == "for") {
-      spec.duration = std::chrono::milliseconds(
+      settings.duration = std::chrono::milliseconds(
           static_cast<long>(Number(key, value, "s", kMaxDurationSeconds) * 1000));
     } else if (key.starts_with("in.")) {
-      Apply(spec.in, key.substr(3), value);
+      Apply(settings.in, key.substr(3), value);
     } else if (key.starts_with("out.")) {
-      Apply(spec.out, key.substr(4), value);
+      Apply(settings.out, key.substr(4), value);
     } else {
-      Apply(spec.in, key, value);
-      Apply(spec.out, key, value);
+      Apply(settings.in, key, value);
+      Apply(settings.out, key, value);
     }
   }
-  return spec;
+  return settings;
 }
 
 // ---------------------------------------------------------------------------------------
@@ -166,13 +166,13 @@ bool SimulatedPath::PopDue(Clock::time_point now, HeldDatagram& out) {
 // ---------------------------------------------------------------------------------------
 // NetworkSimulator
 
-NetworkSimulator::NetworkSimulator(const SimulationSpec& spec, SendFunction send)
-    : spec_(spec),
+NetworkSimulator::NetworkSimulator(const SimulationSettings& settings, SendFunction send)
+    : settings_(settings),
       send_(std::move(send)),
-      in_(spec.in, spec.seed * 2),
-      out_(spec.out, spec.seed * 2 + 1) {
-  if (spec.duration.count() > 0) {
-    const Clock::time_point end = Clock::now() + spec.duration;
+      in_(settings.in, settings.seed * 2),
+      out_(settings.out, settings.seed * 2 + 1) {
+  if (settings.duration.count() > 0) {
+    const Clock::time_point end = Clock::now() + settings.duration;
     in_.EndAt(end);
     out_.EndAt(end);
   }

@@ -1,7 +1,7 @@
 // The network condition simulator behind UdpSocket::Simulate: loss, delay with jitter,
 // reordering and duplication of datagrams, per direction, seeded so that a run repeats.
 //
-// Spec text: comma-separated key=value items. Keys: loss=P%, reorder=P%, dup=P%,
+// Settings text: comma-separated key=value items. Keys: loss=P%, reorder=P%, dup=P%,
 // delay=Dms, jitter=Jms (delay ± jitter, never below zero), seed=N (default 1). A key
 // applies to both directions, or to one when prefixed "in." or "out." (out.loss=5%).
 // for=Ss (both directions) limits the faults to the first S seconds of the socket's
@@ -36,7 +36,7 @@ struct PathConditions {
   bool Holds() const { return delay.count() > 0 || jitter.count() > 0 || reorder > 0; }
 };
 
-struct SimulationSpec {
+struct SimulationSettings {
   PathConditions in;
   PathConditions out;
   uint64_t seed = 1;
@@ -44,7 +44,7 @@ struct SimulationSpec {
   std::chrono::milliseconds duration{0};
 
   // Throws std::invalid_argument with a one-line reason.
-  static SimulationSpec Parse(const std::string& text);
+  static SimulationSettings Parse(const std::string& text);
 };
 
 // A datagram that waits in a path: an owning copy with its peer (the sender of an incoming
@@ -123,14 +123,14 @@ class NetworkSimulator {
   using SendFunction = std::function<void(const sockaddr* to, socklen_t toLength,
                                           const unsigned char* data, unsigned long size)>;
 
-  NetworkSimulator(const SimulationSpec& spec, SendFunction send);
+  NetworkSimulator(const SimulationSettings& settings, SendFunction send);
   NetworkSimulator(const NetworkSimulator&) = delete;
   NetworkSimulator& operator=(const NetworkSimulator&) = delete;
   ~NetworkSimulator();
 
-  bool SimulatesIn() const { return spec_.in.Active(); }
-  bool SimulatesOut() const { return spec_.out.Active(); }
-  const SimulationSpec& Spec() const { return spec_; }
+  bool SimulatesIn() const { return settings_.in.Active(); }
+  bool SimulatesOut() const { return settings_.out.Active(); }
+  const SimulationSettings& Settings() const { return settings_; }
 
   // Delivery thread only.
   SimulatedPath& In() { return in_; }
@@ -147,7 +147,7 @@ class NetworkSimulator {
  private:
   void SenderLoop();
 
-  const SimulationSpec spec_;
+  const SimulationSettings settings_;
   const SendFunction send_;
   SimulatedPath in_;
 

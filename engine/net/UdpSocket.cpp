@@ -33,9 +33,9 @@ constexpr int kReceiveBufferBytes = 4 << 20;
 // The socket whose delivery thread this is; null on every other thread.
 thread_local const UdpSocket* tDeliveringSocket = nullptr;
 
-// The spec that new client-form sockets start with (SimulateNewClientSockets).
-std::mutex newClientSpecMutex;
-std::string newClientSpec;
+// The settings that new client-form sockets start with (SimulateNewClientSockets).
+std::mutex newClientSettingsMutex;
+std::string newClientSettings;
 
 // Clears the datagram buffer however Flush leaves.
 struct ClearOnExit {
@@ -67,12 +67,12 @@ UdpSocket::UdpSocket(const std::string& host, uint16_t port, unsigned long buffe
                       reinterpret_cast<const unsigned char*>(&target.storage) + target.length);
   remoteAddress_ = AddressText(target.Get());
   remotePort_ = port;
-  std::string spec;
+  std::string settings;
   {
-    std::lock_guard<std::mutex> lock(newClientSpecMutex);
-    spec = newClientSpec;
+    std::lock_guard<std::mutex> lock(newClientSettingsMutex);
+    settings = newClientSettings;
   }
-  if (!spec.empty()) Simulate(spec);
+  if (!settings.empty()) Simulate(settings);
 }
 
 UdpSocket::UdpSocket(BindTag, const std::string& host, uint16_t port, unsigned long bufferSize)
@@ -188,20 +188,20 @@ void UdpSocket::SetDestination(const std::string& host, uint16_t port) {
   remotePort_ = port;
 }
 
-void UdpSocket::SimulateNewClientSockets(const std::string& spec) {
-  if (!spec.empty()) SimulationSpec::Parse(spec);
-  std::lock_guard<std::mutex> lock(newClientSpecMutex);
-  newClientSpec = spec;
+void UdpSocket::SimulateNewClientSockets(const std::string& settings) {
+  if (!settings.empty()) SimulationSettings::Parse(settings);
+  std::lock_guard<std::mutex> lock(newClientSettingsMutex);
+  newClientSettings = settings;
 }
 
-void UdpSocket::Simulate(const std::string& spec) {
+void UdpSocket::Simulate(const std::string& settings) {
   if (delivery_.joinable()) throw std::logic_error("UdpSocket::Simulate called while receiving");
-  if (spec.empty()) {
+  if (settings.empty()) {
     simulator_.reset();
     return;
   }
   simulator_ = std::make_unique<NetworkSimulator>(
-      SimulationSpec::Parse(spec),
+      SimulationSettings::Parse(settings),
       [this](const sockaddr* to, socklen_t toLength, const unsigned char* data,
              unsigned long size) { SendDatagram(to, toLength, data, size); });
 }

@@ -141,7 +141,7 @@ class Client {
   uint64_t lastPhysicsSequence = 0;
   std::vector<char> configText;
 
-  // Appended after the specified members.
+  // Appended after the members above; read-only, they change no behaviour.
   Counters counters;
   // The per-call flags of Send(). They live in the client rather than on Send()'s stack so
   // that a module flush handler left installed by a failed flush never refers to a dead

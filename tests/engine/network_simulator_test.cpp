@@ -1,4 +1,4 @@
-// The network condition simulator: spec syntax, seeded fates (counts, never timings: time
+// The network condition simulator: settings syntax, seeded fates (counts, never timings: time
 // is an argument of the path), and the sender thread of the outgoing direction.
 #include "net/NetworkSimulator.h"
 
@@ -22,7 +22,7 @@ using orvex::net::HeldDatagram;
 using orvex::net::NetworkSimulator;
 using orvex::net::PathConditions;
 using orvex::net::SimulatedPath;
-using orvex::net::SimulationSpec;
+using orvex::net::SimulationSettings;
 using std::chrono::milliseconds;
 using Clock = std::chrono::steady_clock;
 
@@ -62,40 +62,40 @@ std::vector<uint32_t> Drive(SimulatedPath& path, uint32_t count) {
   return out;
 }
 
-SimulatedPath PathFor(const std::string& spec) {
-  SimulationSpec parsed = SimulationSpec::Parse(spec);
+SimulatedPath PathFor(const std::string& settings) {
+  SimulationSettings parsed = SimulationSettings::Parse(settings);
   return SimulatedPath(parsed.in, parsed.seed);
 }
 
 // ---------------------------------------------------------------------------------------
 
-TEST(SimulationSpec, KeysApplyToBothDirectionsOrToTheNamedOne) {
-  SimulationSpec spec = SimulationSpec::Parse(
+TEST(SimulationSettings, KeysApplyToBothDirectionsOrToTheNamedOne) {
+  SimulationSettings settings = SimulationSettings::Parse(
       "loss=10%, delay=40ms,jitter=20ms,reorder=20%,dup=5%,out.loss=2.5%,in.delay=0ms,seed=7");
-  EXPECT_DOUBLE_EQ(spec.in.loss, 0.10);
-  EXPECT_DOUBLE_EQ(spec.out.loss, 0.025);
-  EXPECT_EQ(spec.in.delay, milliseconds(0));
-  EXPECT_EQ(spec.out.delay, milliseconds(40));
-  EXPECT_EQ(spec.in.jitter, milliseconds(20));
-  EXPECT_DOUBLE_EQ(spec.out.reorder, 0.20);
-  EXPECT_DOUBLE_EQ(spec.in.duplicate, 0.05);
-  EXPECT_EQ(spec.seed, 7u);
+  EXPECT_DOUBLE_EQ(settings.in.loss, 0.10);
+  EXPECT_DOUBLE_EQ(settings.out.loss, 0.025);
+  EXPECT_EQ(settings.in.delay, milliseconds(0));
+  EXPECT_EQ(settings.out.delay, milliseconds(40));
+  EXPECT_EQ(settings.in.jitter, milliseconds(20));
+  EXPECT_DOUBLE_EQ(settings.out.reorder, 0.20);
+  EXPECT_DOUBLE_EQ(settings.in.duplicate, 0.05);
+  EXPECT_EQ(settings.seed, 7u);
 
-  SimulationSpec outOnly = SimulationSpec::Parse("out.delay=1.5ms");
+  SimulationSettings outOnly = SimulationSettings::Parse("out.delay=1.5ms");
   EXPECT_FALSE(outOnly.in.Active());
   EXPECT_TRUE(outOnly.out.Holds());
   EXPECT_EQ(outOnly.out.delay, std::chrono::microseconds(1500));
   EXPECT_EQ(outOnly.seed, 1u);
 }
 
-TEST(SimulationSpec, BadTextIsRefusedWithAOneLineReason) {
+TEST(SimulationSettings, BadTextIsRefusedWithAOneLineReason) {
   const char* bad[] = {"loss=5",      "loss=101%", "loss=-1%",   "delay=10", "delay=10s",
                        "jitter=x ms", "foo=1%",    "in.seed=3",  "seed=-2",  "loss",
                        ",",           "loss=5%,",  "up.loss=5%", "dup=5%%",  "delay=61000ms"};
   for (const char* text : bad) {
     SCOPED_TRACE(text);
     try {
-      SimulationSpec::Parse(text);
+      SimulationSettings::Parse(text);
       ADD_FAILURE() << "accepted";
     } catch (const std::invalid_argument& e) {
       std::string what = e.what();
@@ -178,12 +178,12 @@ TEST(SimulatedPath, ReorderingHoldsDatagramsBehindLaterOnes) {
 }
 
 TEST(SimulatedPath, FaultsEndWhenTheirTimeIsUpAndHeldDatagramsStillLeave) {
-  SimulationSpec spec = SimulationSpec::Parse("loss=50%,delay=30ms,dup=50%,for=0.1s");
-  EXPECT_EQ(spec.duration, milliseconds(100));
-  EXPECT_EQ(SimulationSpec::Parse("loss=5%").duration, milliseconds(0));
-  EXPECT_THROW(SimulationSpec::Parse("for=10"), std::invalid_argument);
+  SimulationSettings settings = SimulationSettings::Parse("loss=50%,delay=30ms,dup=50%,for=0.1s");
+  EXPECT_EQ(settings.duration, milliseconds(100));
+  EXPECT_EQ(SimulationSettings::Parse("loss=5%").duration, milliseconds(0));
+  EXPECT_THROW(SimulationSettings::Parse("for=10"), std::invalid_argument);
 
-  SimulatedPath path(spec.in, spec.seed);
+  SimulatedPath path(settings.in, settings.seed);
   path.EndAt(Clock::time_point{} + milliseconds(100));
   // Drive admits one datagram per millisecond: 100 under faults, then 100 untouched.
   std::vector<uint32_t> out = Drive(path, 200);
@@ -221,7 +221,7 @@ struct Wire {
 
 TEST(NetworkSimulator, UndelayedSendsLeaveBeforeSendReturns) {
   Wire wire;
-  NetworkSimulator simulator(SimulationSpec::Parse("out.dup=100%"), wire.Function());
+  NetworkSimulator simulator(SimulationSettings::Parse("out.dup=100%"), wire.Function());
   const unsigned char byte = 5;
   simulator.Send(Peer(), sizeof kPeer, &byte, 1);
   std::lock_guard lock(wire.mutex);
@@ -230,13 +230,13 @@ TEST(NetworkSimulator, UndelayedSendsLeaveBeforeSendReturns) {
 
 TEST(NetworkSimulator, TheSenderThreadSendsHeldDatagramsAndStopDropsTheRest) {
   Wire wire;
-  NetworkSimulator simulator(SimulationSpec::Parse("out.delay=2ms,out.jitter=1ms"),
+  NetworkSimulator simulator(SimulationSettings::Parse("out.delay=2ms,out.jitter=1ms"),
                              wire.Function());
   for (unsigned char i = 0; i < 20; ++i) simulator.Send(Peer(), sizeof kPeer, &i, 1);
   EXPECT_EQ(wire.WaitFor(20), 20u);
   simulator.StopSender();
 
-  NetworkSimulator slow(SimulationSpec::Parse("out.delay=60000ms"), wire.Function());
+  NetworkSimulator slow(SimulationSettings::Parse("out.delay=60000ms"), wire.Function());
   const unsigned char byte = 1;
   slow.Send(Peer(), sizeof kPeer, &byte, 1);
   slow.StopSender();

@@ -328,7 +328,7 @@ TEST(UdpSimulation, DelayedAndReorderedDatagramsAllArriveOnce) {
   EXPECT_EQ(seen, std::vector<int>(50, 1));
 }
 
-TEST(UdpSimulation, BadSpecsAreRefused) {
+TEST(UdpSimulation, BadSettingsAreRefused) {
   UdpSocket server(UdpSocket::BindTag{}, "127.0.0.1", 0, 0);
   EXPECT_THROW(server.Simulate("loss=5"), std::invalid_argument);
   server.Simulate("loss=5%");

@@ -158,7 +158,7 @@ int main(int argc, char** argv) {
                         options.relativeEnvironment)) {
     return Usage("--environment takes PARENT,RELATIVE: two unsigned decimal numbers");
   }
-  // The client module owns its UDP socket; the engine hands the spec to it at creation.
+  // The client module owns its UDP socket; the engine hands the settings to it at creation.
   try {
     orvex::net::UdpSocket::SimulateNewClientSockets(options.simulate);
   } catch (const std::invalid_argument& e) {

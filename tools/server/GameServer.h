@@ -44,7 +44,7 @@ struct Options {
   int32_t mode = 1;
   std::string config = "gravity=9.81";  // sent with its terminating zero
   std::string adminToken;               // a hello with this token is told it is admin
-  std::string simulate;                 // the UDP socket's network condition spec
+  std::string simulate;                 // the UDP socket's network condition settings
   uint64_t seed = 1;
   double eventsPerSecond = 1.0;  // scene updates, moves and destroys
   int clientTimeoutMs = 20000;   // silence after which a client is dropped
@@ -102,7 +102,7 @@ class GameServer {
   ~GameServer();
 
   // Binds TCP and UDP to one port and starts the threads. Throws std::runtime_error when it
-  // cannot bind, std::invalid_argument for a bad simulation spec. Call once.
+  // cannot bind, std::invalid_argument for bad simulation settings. Call once.
   void Start();
   // Tells every client goodbye (MSG_DISCONNECT), closes the connections and joins every
   // thread. Idempotent; the destructor calls it.

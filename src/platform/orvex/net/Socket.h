@@ -150,15 +150,15 @@ class UdpSocket : public Socket, public filesystem::Stream {
 
   // Server form: where Flush sends (numeric address text or host name).
   void SetDestination(const std::string& host, uint16_t port);
-  // Turns the network condition simulator on (a spec such as
+  // Turns the network condition simulator on (a settings text such as
   // "loss=10%,delay=40ms,jitter=20ms,reorder=20%,dup=5%,seed=7") or off (empty text).
-  // Call before Receive. Throws std::invalid_argument on a bad spec.
-  void Simulate(const std::string& spec);
-  // Sets the spec that every client-form socket created afterwards in this process starts
+  // Call before Receive. Throws std::invalid_argument on bad settings.
+  void Simulate(const std::string& settings);
+  // Sets the settings that every client-form socket created afterwards in this process starts
   // with (empty text: none), for a host whose sockets belong to a module it cannot reach
   // into, such as a game whose network client owns its socket. Any thread; throws
-  // std::invalid_argument on a bad spec.
-  static void SimulateNewClientSockets(const std::string& spec);
+  // std::invalid_argument on bad settings.
+  static void SimulateNewClientSockets(const std::string& settings);
 
   uint64_t GetDatagramsIn() const { return datagramsIn_.load(std::memory_order_relaxed); }
   uint64_t GetDatagramsOut() const { return datagramsOut_.load(std::memory_order_relaxed); }
