@@ -35,18 +35,8 @@ void Save(const std::string& target, const std::string& name, const Bytes& bytes
   if (!file) throw std::runtime_error("cannot write " + (dir / name).string());
 }
 
-template <typename Write>
-Bytes Encode(Write write) {
-  orvex::filesystem::Stream out;
-  write(out);
-  return wire::BytesOf(out);
-}
-
-Bytes Join(const std::vector<Bytes>& parts) {
-  Bytes all;
-  for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
-  return all;
-}
+using wire::Encode;
+using wire::Join;
 
 wire::Welcome DefaultWelcome() {
   wire::Welcome welcome;

@@ -19,8 +19,7 @@ namespace clienttest {
 
 using Bytes = std::vector<uint8_t>;
 
-// The bytes that `write` puts into an in-memory stream.
-Bytes Encode(const std::function<void(orvex::filesystem::Stream&)>& write);
+using wire::Encode;
 
 // A welcome with one player, no mods, mode 3 and a short configuration text.
 wire::Welcome DefaultWelcome();

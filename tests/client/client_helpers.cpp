@@ -40,12 +40,6 @@ struct Joiner {
 
 }  // namespace
 
-Bytes Encode(const std::function<void(orvex::filesystem::Stream&)>& write) {
-  orvex::filesystem::Stream stream;
-  write(stream);
-  return Bytes(stream.GetBuffer(), stream.GetBuffer() + stream.GetBufferSize());
-}
-
 wire::Welcome DefaultWelcome() {
   wire::Welcome welcome;
   welcome.serverTag = 0x0A0B;

@@ -386,4 +386,16 @@ Bytes BytesOf(const Stream& stream) {
   return Bytes(start, start + stream.GetBufferSize());
 }
 
+Bytes Encode(const std::function<void(Stream&)>& write) {
+  Stream stream;
+  write(stream);
+  return BytesOf(stream);
+}
+
+Bytes Join(std::initializer_list<Bytes> parts) {
+  Bytes all;
+  for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
+  return all;
+}
+
 }  // namespace wire

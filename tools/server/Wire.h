@@ -18,6 +18,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <initializer_list>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -251,5 +253,12 @@ class ByteWriter {
 
 // The bytes that `stream` holds waiting, copied.
 Bytes BytesOf(const Stream& stream);
+
+// The bytes that `write` puts into a fresh stream, e.g. Encode([](Stream& s) { WriteWorld(s,
+// "arena"); }).
+Bytes Encode(const std::function<void(Stream&)>& write);
+
+// The parts one after the other.
+Bytes Join(std::initializer_list<Bytes> parts);
 
 }  // namespace wire

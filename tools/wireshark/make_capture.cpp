@@ -49,17 +49,8 @@ Bytes Text(const std::string& text) {
   return Bytes(text.begin(), text.end());
 }
 
-Bytes Encode(const std::function<void(wire::Stream&)>& write) {
-  wire::Stream stream;
-  write(stream);
-  return wire::BytesOf(stream);
-}
-
-Bytes Concat(std::initializer_list<Bytes> parts) {
-  Bytes all;
-  for (const Bytes& part : parts) all.insert(all.end(), part.begin(), part.end());
-  return all;
-}
+using wire::Encode;
+using wire::Join;
 
 // What the server received from the real client, one entry per flush.
 struct ClientBytes {
@@ -206,7 +197,7 @@ void WriteCapture(const std::string& path, const ClientBytes& client) {
 
   capture::TcpConnection tcp(file, clientPort, kServerPort);
   tcp.FromClient(client.hello);
-  tcp.FromServer(Concat({
+  tcp.FromServer(Join({
       Encode([](wire::Stream& s) { wire::WriteWelcome(s, MakeWelcome()); }),
       Encode([](wire::Stream& s) { wire::WriteWorld(s, "sandbox"); }),
       Encode([](wire::Stream& s) { wire::WriteAdminStatus(s, "player", 0); }),
@@ -224,7 +215,7 @@ void WriteCapture(const std::string& path, const ClientBytes& client) {
     wire::WriteEntityUpdate(s, {kShip, none, {3, 4, 5}, {}, 1, 0, Text("fuel=80")});
   });
   tcp.FromServer(Bytes(update.begin(), update.begin() + 40));
-  tcp.FromServer(Concat({
+  tcp.FromServer(Join({
       Bytes(update.begin() + 40, update.end()),
       Encode([&](wire::Stream& s) {
         wire::WriteEntityMove(s, {kTurret, 1, {0, 0.5, 1.5}, {}});
