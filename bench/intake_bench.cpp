@@ -26,7 +26,7 @@
 
 #include "BenchSupport.h"
 #include "game/Networking.h"
-#include "support_helpers/ClientTestPeer.h"
+#include "testlib/ClientTestPeer.h"
 
 namespace {
 

@@ -3,14 +3,32 @@
 #include "game/entity/ClientSideEntity.h"
 
 #include <utility>
+#include <vector>
 
 #include "GAME_Mod.h"
+#include "Game.h"
 #include "game/graphics/Renderer.h"
 
 namespace game::entity {
 
 std::unordered_map<Id, ClientSideEntity::Ptr> ClientSideEntity::_sharedObjects;
 orvex::SharedMutex ClientSideEntity::_sharedObjectsMutex;
+
+}  // namespace game::entity
+
+void Game::ResetEntities() {
+  using game::entity::ClientSideEntity;
+  // The registry's lock belongs to the module, so the contract is the caller's: no other
+  // thread touches the registry meanwhile. The entities die after the map is emptied, so a
+  // destructor that looks at the registry finds it empty; clear() keeps the buckets a host
+  // reserved.
+  std::vector<ClientSideEntity::Ptr> doomed;
+  doomed.reserve(ClientSideEntity::_sharedObjects.size());
+  for (auto& entry : ClientSideEntity::_sharedObjects) doomed.push_back(std::move(entry.second));
+  ClientSideEntity::_sharedObjects.clear();
+}
+
+namespace game::entity {
 std::atomic<size_t> ActionFlag::pending_{0};
 
 BaseEntity::~BaseEntity() = default;

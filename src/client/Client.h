@@ -93,7 +93,7 @@ class Client {
   uint64_t GetBytesOut() const { return tcp.GetBytesOut() + udp.GetBytesOut(); }
 
  private:
-  // Tests and fuzzers reach the datagram intake directly (tests/support_helpers).
+  // Tests and fuzzers reach the datagram intake directly (tests/testlib).
   friend class ClientTestPeer;
 
   bool Handshake();

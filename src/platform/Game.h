@@ -46,4 +46,7 @@ class Game {
   // Puts every static back to its load-time value, drops queued work, and installs the
   // headless renderer. For hosts and tests that run several games in one process.
   static void Reset();
+  // Empties the entity registry and then destroys the entities. Between games only (before
+  // unloading mods, between test cases): no other thread may use the registry meanwhile.
+  static void ResetEntities();
 };

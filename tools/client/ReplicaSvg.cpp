@@ -215,6 +215,10 @@ int main(int argc, char** argv) {
               << std::endl;
     return 0;
   }
+  if (argc == 2 && std::string(argv[1]) == "--version") {
+    std::cout << "replica-svg " << ORVEX_VERSION << std::endl;
+    return 0;
+  }
   if (argc != 3) {
     std::cerr << "replica-svg: usage: replica-svg DUMP.json OUT.svg" << std::endl;
     return 64;

@@ -44,8 +44,8 @@ extern "C" void OnStopSignal(int) {
 }
 
 struct Options {
-  std::string host;
-  int port = 0;
+  std::string host = "127.0.0.1";
+  int port = 7777;
   std::string token;
   std::string password;
   double seconds = 0;  // 0: no time limit
@@ -128,9 +128,11 @@ int main(int argc, char** argv) {
       "A headless game: joins a game server with the network client module, replicates its "
       "entities with one sandbox mod per mod the server names, shows a status line and can "
       "dump the replica as JSON."};
-  app.add_option("--host", options.host, "server host name or address")->required();
+  app.set_version_flag("--version", std::string("game-client ") + ORVEX_VERSION);
+  // The defaults are game-server's: a server and a client started without arguments meet.
+  app.add_option("--host", options.host, "server host name or address")->capture_default_str();
   app.add_option("--port", options.port, "server port (TCP and UDP)")
-      ->required()
+      ->capture_default_str()
       ->check(CLI::Range(1, 65535));
   app.add_option("--token", options.token, "access token (at most 64 bytes)");
   app.add_option("--password", options.password, "server password (none when empty)");

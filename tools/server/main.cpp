@@ -47,6 +47,7 @@ int main(int argc, char** argv) {
   CLI::App app{
       "The reference game server: handshake, a moving scene of entities streamed to every "
       "client, module messages echoed back, entity actions logged."};
+  app.set_version_flag("--version", std::string("game-server ") + ORVEX_VERSION);
   app.add_option("--port", port, "TCP and UDP port; 0 picks a free one (default 7777)");
   app.add_option("--host", options.host, "address to listen on; :: for every address")
       ->capture_default_str();

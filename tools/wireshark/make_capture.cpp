@@ -277,6 +277,7 @@ void WriteCapture(const std::string& path, const ClientBytes& client) {
 int main(int argc, char** argv) {
   std::string path;
   CLI::App app{"Writes a deterministic pcap capture of the protocol, made with the real client."};
+  app.set_version_flag("--version", std::string("make_capture ") + ORVEX_VERSION);
   app.add_option("output", path, "the pcap file to write")->required();
   try {
     app.parse(argc, argv);

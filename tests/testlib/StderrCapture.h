@@ -10,7 +10,7 @@
 #include <streambuf>
 #include <string>
 
-namespace testing_support {
+namespace testlib {
 
 class StderrCapture {
  public:
@@ -56,4 +56,4 @@ class StderrCapture {
   std::streambuf* previous_;
 };
 
-}  // namespace testing_support
+}  // namespace testlib
