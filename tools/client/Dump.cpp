@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <fstream>
 #include <shared_mutex>
+#include <sstream>
 #include <stdexcept>
 
 #include <nlohmann/json.hpp>
@@ -12,6 +12,7 @@
 #include "Game.h"
 #include "client/Client.h"
 #include "client/Sandbox.h"
+#include "common/OutputFile.h"
 #include "game/entity/ClientSideEntity.h"
 
 namespace gameclient {
@@ -146,11 +147,9 @@ void WriteDump(std::ostream& out, const Identity& identity) {
 }
 
 void WriteDumpFile(const std::string& path, const Identity& identity) {
-  std::ofstream out(path, std::ios::binary | std::ios::trunc);
-  if (!out) throw std::runtime_error("cannot open " + path + " for writing");
+  std::ostringstream out;
   WriteDump(out, identity);
-  out.flush();
-  if (!out) throw std::runtime_error("cannot write " + path);
+  tools::WriteText(path, out.str());
 }
 
 }  // namespace gameclient

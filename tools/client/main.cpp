@@ -26,6 +26,7 @@
 #include "client/Dump.h"
 #include "client/Sandbox.h"
 #include "client/Status.h"
+#include "common/OutputFile.h"
 #include "orvex/net/Socket.h"
 
 namespace {
@@ -143,7 +144,8 @@ int main(int argc, char** argv) {
   app.add_option("--environment", options.environment,
                  "PARENT,RELATIVE: the player's environment ids")
       ->capture_default_str();
-  app.add_option("--dump", options.dump, "write the replica as JSON to this file at the end");
+  app.add_option("--dump", options.dump,
+                 "write the replica as JSON to this file at the end (-: standard output)");
   app.add_flag("--quiet", options.quiet, "no status line or summary on standard error");
   app.add_option("--simulate", options.simulate,
                  "network conditions on the client's UDP socket, e.g. loss=10%,delay=40ms,seed=7");
@@ -159,6 +161,13 @@ int main(int argc, char** argv) {
   if (!ParseEnvironment(options.environment, options.parentEnvironment,
                         options.relativeEnvironment)) {
     return Usage("--environment takes PARENT,RELATIVE: two unsigned decimal numbers");
+  }
+  if (!options.dump.empty()) {
+    try {
+      tools::CheckWritable(options.dump);
+    } catch (const std::runtime_error& e) {
+      return Usage(e.what());
+    }
   }
   // The client module owns its UDP socket; the engine hands the settings to it at creation.
   try {

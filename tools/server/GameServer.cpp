@@ -14,6 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/OutputFile.h"
 #include "game/Networking.h"
 #include "orvex/net/Socket.h"
 #include "server/Ports.h"
@@ -149,11 +150,19 @@ int64_t GameServer::NowMs() const {
 
 void GameServer::Start() {
   if (started_.exchange(true)) throw std::logic_error("the server was started already");
-  PortPair pair = BindSamePort(options_.host, options_.port, kUdpCapacity);
-  listener_ = std::move(pair.tcp);
-  udp_ = std::move(pair.udp);
+  try {
+    PortPair pair = BindSamePort(options_.host, options_.port, kUdpCapacity);
+    listener_ = std::move(pair.tcp);
+    udp_ = std::move(pair.udp);
+    if (!options_.simulate.empty()) udp_->Simulate(options_.simulate);
+  } catch (...) {
+    // Nothing runs yet: the server never started, and Stop() has nothing to do or say.
+    listener_.reset();
+    udp_.reset();
+    started_ = false;
+    throw;
+  }
   port_ = listener_->GetPort();
-  if (!options_.simulate.empty()) udp_->Simulate(options_.simulate);
   startMs_ = NowMs();
   lastStatusMs_ = startMs_;
   udp_->Receive(
@@ -722,11 +731,7 @@ std::string GameServer::StateJson() const {
 }
 
 void GameServer::WriteState(const std::string& path) const {
-  const std::string text = StateJson();
-  std::ofstream file(path, std::ios::binary | std::ios::trunc);
-  file << text << '\n';
-  file.close();
-  if (!file) throw std::runtime_error("cannot write " + path);
+  tools::WriteText(path, StateJson() + "\n");
 }
 
 void GameServer::Log(const std::string& line) const {

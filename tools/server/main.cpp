@@ -12,6 +12,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "common/OutputFile.h"
 #include "server/GameServer.h"
 
 namespace {
@@ -72,7 +73,8 @@ int main(int argc, char** argv) {
                  "after this many seconds the scene stands still (0: never)");
   app.add_option("--simulate", options.simulate,
                  "network conditions on the UDP socket, e.g. loss=10%,delay=40ms,seed=7");
-  app.add_option("--final-state", finalState, "write the final state as JSON to this file");
+  app.add_option("--final-state", finalState,
+                 "write the final state as JSON to this file at the end (-: standard output)");
   app.add_flag("--quiet", quiet, "no log lines on standard error");
 
   try {
@@ -86,6 +88,13 @@ int main(int argc, char** argv) {
   if (!(seconds >= 0) || !std::isfinite(seconds)) return Usage("--seconds must not be negative");
   if (!(timeoutSeconds > 0) || timeoutSeconds > 86400) {
     return Usage("--timeout must be above 0 and at most 86400 seconds");
+  }
+  if (!finalState.empty()) {
+    try {
+      tools::CheckWritable(finalState);
+    } catch (const std::runtime_error& e) {
+      return Usage(e.what());
+    }
   }
   options.port = static_cast<uint16_t>(port);
   options.entities = static_cast<size_t>(entities);
