@@ -1,8 +1,8 @@
 // make_capture: writes a small, deterministic capture of the protocol for the dissector's
 // test. The client's bytes are the real ones: a client::Client runs against the in-process
 // test server, and every flush it makes is recorded as one TCP segment or datagram. The
-// server's bytes come from the wire writers. Ports in the file are fixed (server 7777) so
-// the file is the same on every run.
+// server's bytes come from the wire writers. Ports in the file are fixed (server 7777, or
+// --port) so the file is the same on every run.
 //
 // The capture, in order:
 //   stream 0 (client port 40001): hello with password; one segment of welcome, world,
@@ -14,6 +14,8 @@
 //     server's disconnect, the client's keep-alive and disconnect.
 //   stream 1 (client port 40003): a hello without password, refused with "Wrong password".
 //   stream 2 (client port 40005): a hand-made hello whose token count is 1000, refused.
+//   then, on stream 0's datagram ports: a physics datagram repeating the newest sequence
+//     and a transforms datagram whose sequence goes back.
 #include <exception>
 #include <functional>
 #include <initializer_list>
@@ -38,7 +40,6 @@ using capture::Bytes;
 using game::entity::Id;
 using orvex::modular::ModuleID;
 
-constexpr uint16_t kServerPort = 7777;
 constexpr const char* kChatMod = "DEMO_chat";
 
 // Ids whose text form reads well: a tag, then capital hex of the remaining bytes.
@@ -189,13 +190,13 @@ ClientBytes RecordClient() {
   return out;
 }
 
-void WriteCapture(const std::string& path, const ClientBytes& client) {
+void WriteCapture(const std::string& path, const ClientBytes& client, uint16_t serverPort) {
   capture::PcapFile file(path);
   const uint16_t clientPort = 40001, clientUdpPort = 40002;
   const Id none{};
   const ModuleID ship("CORE_ship"), chat(kChatMod);
 
-  capture::TcpConnection tcp(file, clientPort, kServerPort);
+  capture::TcpConnection tcp(file, clientPort, serverPort);
   tcp.FromClient(client.hello);
   tcp.FromServer(Join({
       Encode([](wire::Stream& s) { wire::WriteWelcome(s, MakeWelcome()); }),
@@ -226,31 +227,31 @@ void WriteCapture(const std::string& path, const ClientBytes& client) {
       Encode([&](wire::Stream& s) { wire::WriteModuleMessage(s, chat, Text("welcome")); }));
   tcp.FromClient(client.frame);
 
-  file.Udp(clientUdpPort, kServerPort, client.moduleDatagram);
-  file.Udp(kServerPort, clientUdpPort, wire::ModuleDatagram(chat, Text("aim:12")));
+  file.Udp(clientUdpPort, serverPort, client.moduleDatagram);
+  file.Udp(serverPort, clientUdpPort, wire::ModuleDatagram(chat, Text("aim:12")));
   const wire::StateHeader header{12.5, 42, 0, 0, 1};
-  file.Udp(kServerPort, clientUdpPort,
+  file.Udp(serverPort, clientUdpPort,
            wire::TransformsDatagram(header, kShip,
                                     {{kTurret, {0, 0, 1.5}, {1, 0, 0, 0}},
                                      {Id{0x000000034E4F5244ull, 0x2827262524232221ull},  // DRON...
                                       {-7.25, 8, 0.125},
                                       {0.5f, 0.5f, -0.5f, 0.5f}}}));
-  file.Udp(kServerPort, clientUdpPort,
+  file.Udp(serverPort, clientUdpPort,
            wire::PhysicsDatagram(header, {{kShip, {1, 0, 0}, {0, 0, 0.25}}}));
-  file.Udp(clientUdpPort, kServerPort, client.keepAliveDatagram);
+  file.Udp(clientUdpPort, serverPort, client.keepAliveDatagram);
   // Cut inside the second record: the end marker never comes.
   Bytes cut = wire::TransformsDatagram(
       {12.55, 43, 0, 0, 1}, kShip,
       {{kTurret, {0, 0, 1.5}, {1, 0, 0, 0}}, {kShip, {1, 1, 1}, {1, 0, 0, 0}}}, false);
   cut.resize(wire::kTransformsHeaderSize + wire::kTransformRecordSize + 20);
-  file.Udp(kServerPort, clientUdpPort, cut);
+  file.Udp(serverPort, clientUdpPort, cut);
 
   tcp.FromServer(Encode([](wire::Stream& s) { wire::WriteDisconnect(s); }));
   tcp.FromClient(client.keepAlive);
   tcp.FromClient(client.disconnect);
   tcp.Close();
 
-  capture::TcpConnection refused(file, 40003, kServerPort);
+  capture::TcpConnection refused(file, 40003, serverPort);
   refused.FromClient(client.refusedHello);
   refused.FromServer(Encode([](wire::Stream& s) { wire::WriteRefusal(s, "Wrong password"); }));
   refused.Close();
@@ -265,10 +266,16 @@ void WriteCapture(const std::string& path, const ClientBytes& client) {
   } catch (const std::exception& e) {
     reason += std::string(": ") + e.what();
   }
-  capture::TcpConnection bad(file, 40005, kServerPort);
+  capture::TcpConnection bad(file, 40005, serverPort);
   bad.FromClient(malformed);
   bad.FromServer(Encode([&](wire::Stream& s) { wire::WriteRefusal(s, reason); }));
   bad.Close();
+
+  file.Udp(serverPort, clientUdpPort,
+           wire::PhysicsDatagram(header, {{kShip, {2, 0, 0}, {0, 0, 0.5}}}));
+  file.Udp(
+      serverPort, clientUdpPort,
+      wire::TransformsDatagram({12.45, 41, 0, 0, 1}, kShip, {{kTurret, {0, 0, 1}, {1, 0, 0, 0}}}));
   file.Close();
 }
 
@@ -276,9 +283,11 @@ void WriteCapture(const std::string& path, const ClientBytes& client) {
 
 int main(int argc, char** argv) {
   std::string path;
+  uint16_t port = 7777;
   CLI::App app{"Writes a deterministic pcap capture of the protocol, made with the real client."};
   app.set_version_flag("--version", std::string("make_capture ") + ORVEX_VERSION);
   app.add_option("output", path, "the pcap file to write")->required();
+  app.add_option("--port", port, "the server's port in the capture")->capture_default_str();
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -287,7 +296,7 @@ int main(int argc, char** argv) {
     return 64;
   }
   try {
-    WriteCapture(path, RecordClient());
+    WriteCapture(path, RecordClient(), port);
   } catch (const std::exception& e) {
     std::cerr << "make_capture: " << e.what() << std::endl;
     return 1;

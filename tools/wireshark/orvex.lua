@@ -3,7 +3,12 @@
 --
 --   tshark -X lua_script:tools/wireshark/orvex.lua -r capture.pcap -V
 --
--- Direction comes from the port: traffic to the server port is the client's. TCP messages
+-- The protocol is found on any port: heuristic dissectors take a TCP stream that opens with
+-- the hello (lead byte 0x07 and the magic) and a datagram that opens with the magic, and
+-- "Decode As" or the port preference work as well. Direction comes from the conversation:
+-- the endpoint a hello went to is the server, on TCP and on UDP alike (the server's socket
+-- shares its port); only traffic seen before any hello falls back to the port preference.
+-- State datagrams whose sequence goes back get an expert warning. TCP messages
 -- carry no length prefix, so each one is measured first (a dry run of its decoder) and
 -- TCP is asked for more bytes when the segment ends inside it. The client's hello is told
 -- apart by its lead byte 0x07, which no other client message starts with. The server's
@@ -100,11 +105,15 @@ local e_malformed = ProtoExpert.new("orvex.malformed", "Malformed message",
 local e_unknown = ProtoExpert.new("orvex.unknown_code", "Unknown code",
   expert.group.PROTOCOL, expert.severity.WARN)
 local e_note = ProtoExpert.new("orvex.note", "Note", expert.group.PROTOCOL, expert.severity.NOTE)
+local e_stale = ProtoExpert.new("orvex.sequence.stale", "Sequence below the newest",
+  expert.group.SEQUENCE, expert.severity.WARN)
+local e_repeated = ProtoExpert.new("orvex.sequence.repeated", "Sequence repeated",
+  expert.group.SEQUENCE, expert.severity.NOTE)
 
 local field_list = {}
 for _, v in pairs(f) do field_list[#field_list + 1] = v end
 orvex.fields = field_list
-orvex.experts = { e_malformed, e_unknown, e_note }
+orvex.experts = { e_malformed, e_unknown, e_note, e_stale, e_repeated }
 
 -- pinfo.port_type values (Wireshark's enum port_type).
 local PT_TCP, PT_UDP = 2, 3
@@ -389,9 +398,37 @@ end
 -- calls apart). Field extractors such as tcp.stream return nothing in tshark's tree-less
 -- first pass, so a connection is keyed by its addresses and ports; a hello starts it anew.
 local started, replies = {}, {}
+-- Server endpoints ("address:port") learned from hellos, the newest sequence per
+-- conversation and kind, and each frame's sequence note: all from frames in order.
+local servers, newest, sequence_notes = {}, {}, {}
 
 function orvex.init()
-  started, replies = {}, {}
+  started, replies, servers, newest, sequence_notes = {}, {}, {}, {}, {}
+end
+
+local function endpoint(addr, port) return tostring(addr) .. ":" .. port end
+local function src_endpoint(pinfo) return endpoint(pinfo.src, pinfo.src_port) end
+local function dst_endpoint(pinfo) return endpoint(pinfo.dst, pinfo.dst_port) end
+
+local function opens_with_hello(tvb)
+  return tvb:len() >= 9 and tvb:range(0, 1):uint() == 0x07 and tvb:range(1, 8):string() == MAGIC
+end
+local function opens_with_magic(tvb) return tvb:len() >= 8 and tvb:range(0, 8):string() == MAGIC end
+
+-- Whether a packet goes to the server. A hello does, and marks its destination as a server;
+-- then traffic to a server endpoint does and traffic from one does not. A datagram that
+-- opens with the magic comes from the server. Otherwise the port preference decides.
+local function toward_server(tvb, pinfo)
+  local src, dst = src_endpoint(pinfo), dst_endpoint(pinfo)
+  if pinfo.port_type == PT_TCP and opens_with_hello(tvb) then
+    servers[dst] = true
+    return true
+  end
+  if servers[dst] and not servers[src] then return true end
+  if servers[src] and not servers[dst] then return false end
+  if pinfo.port_type == PT_UDP and opens_with_magic(tvb) then return false end
+  local port = orvex.prefs.port
+  return pinfo.dst_port == port and pinfo.src_port ~= port
 end
 
 local function connection(pinfo, to_server)
@@ -535,10 +572,10 @@ local function server_datagram(r, top)
     r:u64(f.parent_env)
     r:u64(f.relative_env)
     local parent = code == 0x44 and r:id(PARENT) or nil
-    r:i32(f.divisor)
+    local divisor = r:i32(f.divisor)
     local n = records(r, top, code == 0x44)
     return string.format("%s seq=%s time=%s%s records=%d", CODES[code], tostring(seq), num(time),
-      parent and " parent=" .. parent or "", n)
+      parent and " parent=" .. parent or "", n), code, seq, divisor
   elseif code == 0x7F then
     r.context = "inside the module datagram"
     return "Module datagram " .. module_payload(r)
@@ -577,20 +614,41 @@ end
 
 -- Protocol ----------------------------------------------------------------------------
 
+-- The client's sequence rule, for state datagrams with divisor 1: below the newest of its
+-- kind is stale and dropped; equal is applied (the rest of a tick, or a duplicate).
+local function sequence_note(pinfo, code, seq, divisor)
+  if pinfo.visited then return sequence_notes[pinfo.number] end
+  if divisor ~= 1 then return nil end
+  local key = src_endpoint(pinfo) .. ">" .. dst_endpoint(pinfo) .. "/" .. code
+  local last, note = newest[key], nil
+  if last and seq < last then
+    note = { e_stale, "Sequence below the newest (" .. tostring(last) .. "): the client drops it as stale" }
+  elseif last and seq == last then
+    note = { e_repeated, "Same sequence as the newest: the client applies it" }
+  end
+  if not last or seq > last then newest[key] = seq end
+  sequence_notes[pinfo.number] = note
+  return note
+end
+
 function orvex.dissector(tvb, pinfo, tree)
-  local port = orvex.prefs.port
-  local to_server = pinfo.dst_port == port and pinfo.src_port ~= port
-  pinfo.cols.protocol:set("ORVEX")
   if pinfo.port_type ~= PT_TCP and pinfo.port_type ~= PT_UDP then return 0 end
+  local to_server = toward_server(tvb, pinfo)
+  pinfo.cols.protocol:set("ORVEX")
   local infos
   if pinfo.port_type == PT_TCP then
     infos = dissect_tcp(tvb, pinfo, tree, to_server)
   else
     local top = tree:add(orvex, tvb(), title(to_server))
     local r = reader(tvb, 0, top)
-    local ok, result = pcall(to_server and client_datagram or server_datagram, r, top)
+    local ok, result, code, seq, divisor = pcall(to_server and client_datagram or server_datagram, r, top)
     if ok then
       infos = { result }
+      local note = seq and sequence_note(pinfo, code, seq, divisor)
+      if note then
+        top:add_proto_expert_info(note[1], note[2])
+        infos[1] = result .. " [" .. note[2] .. "]"
+      end
     else
       local text
       if type(result) == "table" and result.more and tvb:reported_len() > tvb:len() then
@@ -639,3 +697,18 @@ function orvex.prefs_changed()
 end
 
 register_port()
+
+-- Any other port: a TCP stream is taken when it opens with the hello or belongs to a server
+-- endpoint seen before, and then stays with this dissector; a datagram when it opens with
+-- the magic or goes to or comes from a server endpoint.
+local function heuristic(tvb, pinfo, tree)
+  local known = servers[src_endpoint(pinfo)] or servers[dst_endpoint(pinfo)]
+  local opens = pinfo.port_type == PT_TCP and opens_with_hello(tvb) or
+    pinfo.port_type == PT_UDP and opens_with_magic(tvb)
+  if not known and not opens then return false end
+  pinfo.conversation = orvex
+  orvex.dissector(tvb, pinfo, tree)
+  return true
+end
+orvex:register_heuristic("tcp", heuristic)
+orvex:register_heuristic("udp", heuristic)
