@@ -1,5 +1,6 @@
-// TCP stream. The descriptor stays in blocking mode for the reader (recv waits for bytes);
-// the writer sends with MSG_DONTWAIT and waits in poll, so that a stalled peer is noticed.
+// TCP stream. The descriptor stays in blocking mode; the reader waits for bytes in poll up to
+// the stall limit before each recv, and the writer sends with MSG_DONTWAIT and waits in poll
+// up to the flush's deadline, so that a peer that stops sending or reading is noticed.
 // Reader and writer share only the descriptor and the atomics.
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -130,6 +131,17 @@ void TcpSocket::ThrowReadError(int error) const {
 }
 
 unsigned long TcpSocket::Receive(unsigned char* data, unsigned long size, bool dontWait) {
+  if (!dontWait && stallLimitMs_ >= 0) {
+    // A read is only ever asked for bytes that belong to something already started (the
+    // caller polls before a message), so a silence this long is a peer that stopped halfway.
+    pollfd entry{fd_, POLLIN, 0};
+    const int rc = PollRetrying(&entry, 1, stallLimitMs_);
+    if (rc == 0) {
+      throw std::runtime_error("TCP read stalled: no byte for " + std::to_string(stallLimitMs_) +
+                               " ms");
+    }
+    if (rc < 0) ThrowReadError(errno);
+  }
   for (;;) {
     ssize_t n = recv(fd_, data, size, dontWait ? MSG_DONTWAIT : 0);
     if (n > 0) {
@@ -197,6 +209,10 @@ void TcpSocket::Flush() {
     out_.clear();
     throw std::runtime_error(writeError_);
   }
+  // One deadline for the whole flush: a peer that reads a little now and then cannot keep
+  // the writer here longer than the stall limit.
+  const auto deadline =
+      std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(stallLimitMs_, 0));
   unsigned long sent = 0;
   while (sent < out_.size()) {
     ssize_t n = send(fd_, out_.data() + sent, out_.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
@@ -209,9 +225,15 @@ void TcpSocket::Flush() {
     if (n < 0 && error == EINTR) continue;
     if (n < 0 && (error == EAGAIN || error == EWOULDBLOCK)) {
       pollfd entry{fd_, POLLOUT, 0};
-      int rc = PollRetrying(&entry, 1, stallLimitMs_);
+      int wait = -1;
+      if (stallLimitMs_ >= 0) {
+        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        wait = static_cast<int>(std::max<long>(0, left.count()));
+      }
+      int rc = PollRetrying(&entry, 1, wait);
       if (rc > 0) continue;  // writable, or an error that the next send reports
-      writeError_ = rc == 0 ? "TCP flush stalled: the peer read nothing for " +
+      writeError_ = rc == 0 ? "TCP flush stalled: the peer did not take it within " +
                                   std::to_string(stallLimitMs_) + " ms"
                             : "TCP send failed: " + ErrorText(errno);
     } else if (shutdown_.load()) {

@@ -54,12 +54,14 @@ class Socket {
 // Threads: one reader (Read, ReadString, ReadStream, Poll) and one writer (Write, Flush)
 // may use the socket at the same time; they share nothing but the descriptor. A closed or
 // broken connection is a std::runtime_error from the read or the flush, never a hang and
-// never SIGPIPE. A flush that makes no progress for the stall limit (the constructor's
-// time-out) fails, so a peer that stops reading cannot freeze the writer.
+// never SIGPIPE. Every wait has an end, the stall limit (the constructor's time-out; negative:
+// none): a read that receives no byte for that long fails, and so does a flush that has not
+// sent everything by then (one deadline for the whole flush), so a peer that stops sending
+// halfway or reads slowly cannot freeze the reader or the writer.
 class TcpSocket : public Socket, public filesystem::Stream {
  public:
   // Connects to host:port. `bufferSize` is the initial capacity of each buffer (0: the
-  // default, 64 KiB); `timeoutMs` bounds the connect and each stalled flush.
+  // default, 64 KiB); `timeoutMs` bounds the connect and is the stall limit.
   TcpSocket(const std::string& host, uint16_t port, unsigned long bufferSize, int timeoutMs);
   // Adopts a connected descriptor (a listener's accepted connection).
   TcpSocket(int connectedFd, int timeoutMs);
