@@ -118,6 +118,7 @@ void WriteDump(std::ostream& out, const Identity& identity) {
   out << "  \"username\": " << JsonString(identity.username) << ",\n";
   out << "  \"admin\": " << Bool(identity.admin) << ",\n";
   out << "  \"error\": " << JsonString(client::Client::error) << ",\n";
+  out << "  \"ending\": " << JsonString(identity.ending) << ",\n";
   out << "  \"world\": " << JsonString(Game::_current_world) << ",\n";
   out << "  \"mode\": " << Game::_mode << ",\n";
   out << "  \"mods\": [";

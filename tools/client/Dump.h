@@ -1,12 +1,11 @@
 // The headless game's JSON dump of the replica and of the game state the module wrote.
 //
 // One object, keys in this order: "playerId" (decimal string), "username", "admin",
-// "error", "world", "mode", "mods", "timestamp", "config", "entities" (sorted by id word 0,
-// then word 1) and "moduleMessages" (arrival order). Ids are [word0, word1] as decimal
-// strings, byte strings are lower-case hex, vectors [x, y, z], quaternions [w, x, y, z].
-// Doubles carry 17 significant digits and always a '.' or an exponent, so they read back
-// bit-exact as doubles (-0.0 included); non-finite ones are the strings "inf", "-inf",
-// "nan". See docs/game-client.md.
+// "error", "ending", "world", "mode", "mods", "timestamp", "config", "entities" (sorted by id word
+// 0, then word 1) and "moduleMessages" (arrival order). Ids are [word0, word1] as decimal strings,
+// byte strings are lower-case hex, vectors [x, y, z], quaternions [w, x, y, z]. Doubles carry 17
+// significant digits and always a '.' or an exponent, so they read back bit-exact as doubles (-0.0
+// included); non-finite ones are the strings "inf", "-inf", "nan". See docs/game-client.md.
 #pragma once
 
 #include <cstdint>
@@ -16,11 +15,12 @@
 
 namespace gameclient {
 
-// What the identity accessors returned while the client was live.
+// What the identity accessors returned while the client was live, and how the run ended.
 struct Identity {
   uint64_t playerId = 0;
   std::string username;
   bool admin = false;
+  std::string ending;
 };
 
 // Writes the dump. Reads the entity registry under its shared lock, the game statics and

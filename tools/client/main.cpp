@@ -1,10 +1,11 @@
 // game-client: a headless game that loads the network client module and drives it as a game
 // does, with a sandbox mod for each mod the server names. See docs/game-client.md.
 //
-// Exit status: 0 when the run ended by time, by signal or because the game was asked to
-// quit; 1 when client::Client::error is set at the end (or the run failed otherwise);
-// 2 when the client's constructor threw (the reason is the last line on stderr); 64 for
-// bad arguments.
+// Exit status: 0 when the run ended by time, by signal or by the server's goodbye; 1 for a
+// lost connection (the receiving thread's error, a failed flush, the module's silence
+// check) or another failure; 2 when the client's constructor threw (the reason is the last
+// line on stderr); 64 for bad arguments; 128 + the signal for a second signal, or a signal
+// during the connection attempt. See docs/game-client.md, "Endings".
 #include <signal.h>
 #include <unistd.h>
 
@@ -27,6 +28,7 @@
 #include "client/Sandbox.h"
 #include "client/Status.h"
 #include "common/OutputFile.h"
+#include "game/Networking.h"
 #include "orvex/net/Socket.h"
 
 namespace {
@@ -35,14 +37,26 @@ constexpr int kUsageError = 64;
 constexpr int kFailed = 1;
 constexpr int kConstructorFailed = 2;
 
-// Set by the signal handler, which may run on any of the process's threads; lock-free, so
-// setting it is async-signal-safe.
+// Written by the signal handler, which may run on any of the process's threads; lock-free,
+// so touching them is async-signal-safe.
 std::atomic<bool> stopSignal{false};
-static_assert(std::atomic<bool>::is_always_lock_free);
+std::atomic<int> signalsSeen{0};
+// True until the constructor returns: there is nothing to end cleanly before that.
+std::atomic<bool> connecting{true};
+static_assert(std::atomic<bool>::is_always_lock_free && std::atomic<int>::is_always_lock_free);
 
-extern "C" void OnStopSignal(int) {
+// The first signal ends the run at the next frame; a second one, or one that arrives while
+// the constructor still connects, ends the process at once.
+extern "C" void OnStopSignal(int signal) {
+  if (signalsSeen.fetch_add(1) > 0 || connecting.load()) _exit(128 + signal);
   stopSignal.store(true);
 }
+
+// How a run ended: the summary's words, the dump's "ending" and the exit status.
+struct Ending {
+  std::string text;
+  int status = 0;
+};
 
 struct Options {
   std::string host = "127.0.0.1";
@@ -87,9 +101,20 @@ void InstallSignalHandlers() {
   sigaction(SIGTERM, &action, nullptr);
 }
 
+// Why the game stopped being active: the module quits the game for the server's goodbye,
+// for a failed flush (it sets Client::error) and for a silent server (it sets nothing).
+Ending QuitEnding(const client::Client& client) {
+  if (client.GetCounters().reliableByCode[networking::MSG_DISCONNECT].load() > 0) {
+    return {"the server disconnected", 0};
+  }
+  if (!client::Client::error.empty()) return {"lost connection: a flush failed", kFailed};
+  return {"lost connection: the server fell silent", kFailed};
+}
+
 // The game's main loop, from the receiving thread's start to its join. Returns how the run
-// ended, for the summary.
-std::string Run(client::Client& client, const Options& options, gameclient::StatusLine* status) {
+// ended. `receiverDone` is set when ReceivingThread() has returned.
+Ending Run(client::Client& client, const Options& options, gameclient::StatusLine* status,
+           const std::atomic<bool>& receiverDone) {
   using Clock = std::chrono::steady_clock;
   const auto start = Clock::now();
   const bool limited = options.seconds > 0;
@@ -98,16 +123,13 @@ std::string Run(client::Client& client, const Options& options, gameclient::Stat
   const auto frame =
       std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(1.0 / options.fps));
 
-  std::string ending = "the game was asked to quit";
   auto next = start;
   while (Game::isActive.load()) {
-    if (stopSignal.load()) {
-      ending = "signal";
-      break;
-    }
-    if (limited && Clock::now() >= deadline) {
-      ending = "time";
-      break;
+    if (stopSignal.load()) return {"signal", 0};
+    if (limited && Clock::now() >= deadline) return {"time", 0};
+    // The thread only returns by itself after a read failed: the connection is gone.
+    if (receiverDone.load() && Game::isActive.load()) {
+      return {"lost connection: the receiving thread ended", kFailed};
     }
     Game::RunSynchronized();
     client.Send();
@@ -118,7 +140,7 @@ std::string Run(client::Client& client, const Options& options, gameclient::Stat
     if (next < now) next = now;
     std::this_thread::sleep_until(next);
   }
-  return ending;
+  return QuitEnding(client);
 }
 
 }  // namespace
@@ -192,6 +214,7 @@ int main(int argc, char** argv) {
     std::cerr << e.what() << std::endl;
     return kConstructorFailed;
   }
+  connecting.store(false);
 
   for (const std::string& name : Game::_mods) {
     try {
@@ -203,17 +226,20 @@ int main(int argc, char** argv) {
 
   gameclient::StatusLine status(std::cerr, isatty(STDERR_FILENO) == 1);
   const auto start = std::chrono::steady_clock::now();
-  std::string ending;
+  Ending ending;
   bool failed = false;
-  std::thread receiver([&client] { client->ReceivingThread(); });
+  std::atomic<bool> receiverDone{false};
+  std::thread receiver([&client, &receiverDone] {
+    client->ReceivingThread();
+    receiverDone.store(true);
+  });
   try {
     client->Connected();
-    ending = Run(*client, options, options.quiet ? nullptr : &status);
+    ending = Run(*client, options, options.quiet ? nullptr : &status, receiverDone);
   } catch (const std::exception& e) {
     status.Close();
     std::cerr << "game-client: " << e.what() << std::endl;
-    ending = "failure";
-    failed = true;
+    ending = {"failure", kFailed};
   }
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
@@ -224,6 +250,7 @@ int main(int argc, char** argv) {
   identity.playerId = client::Client::GetPlayerID();
   identity.username = client::Client::GetUsername();
   identity.admin = client::Client::IsAdmin();
+  identity.ending = ending.text;
   gameclient::Figures figures = gameclient::Measure(*client);
   client.reset();
   try {
@@ -244,7 +271,7 @@ int main(int argc, char** argv) {
   }
   if (!options.quiet) {
     status.Close();
-    std::cerr << gameclient::SummaryText(figures, seconds, ending) << std::flush;
+    std::cerr << gameclient::SummaryText(figures, seconds, ending.text) << std::flush;
   }
-  return failed || !client::Client::error.empty() ? kFailed : 0;
+  return failed || ending.status != 0 ? kFailed : 0;
 }
