@@ -61,8 +61,10 @@ std::vector<EntityView> SortedEntities() {
 void WriteEntity(std::ostream& out, const ClientSideEntity& e) {
   const std::shared_ptr<ClientSideEntity::Interface> interface = e.interface;
   std::vector<sandbox::Bytes> syncs;
+  uint64_t syncsLeftOut = 0;
   if (auto sandboxInterface = std::dynamic_pointer_cast<sandbox::SandboxInterface>(interface)) {
     syncs = sandboxInterface->Syncs();
+    syncsLeftOut = sandboxInterface->SyncsLeftOut();
   }
   out << "{\"id\": " << IdPair(e.id) << ", \"parent\": " << IdPair(e.parentId)
       << ", \"module\": " << JsonString(e.moduleId.String()) << ", \"text\": " << JsonString(e.text)
@@ -79,7 +81,7 @@ void WriteEntity(std::ostream& out, const ClientSideEntity& e) {
       << ", \"ready\": " << Bool(e.ready) << ", \"aimId\": " << (interface ? interface->aimId : 0)
       << ", \"sync\": [";
   for (size_t i = 0; i < syncs.size(); ++i) out << (i ? ", " : "") << '"' << Hex(syncs[i]) << '"';
-  out << "]}";
+  out << "], \"syncLeftOut\": " << syncsLeftOut << "}";
 }
 
 }  // namespace
@@ -143,7 +145,8 @@ void WriteDump(std::ostream& out, const Identity& identity) {
     out << (i ? ",\n    " : "\n    ") << "{\"module\": " << JsonString(messages[i].module)
         << ", \"payload\": \"" << Hex(messages[i].payload) << "\"}";
   }
-  out << (messages.empty() ? "]\n" : "\n  ]\n");
+  out << (messages.empty() ? "],\n" : "\n  ],\n");
+  out << "  \"moduleMessagesLeftOut\": " << sandbox::ModuleMessagesLeftOut() << "\n";
   out << "}\n";
 }
 

@@ -2,7 +2,8 @@
 //
 // One object, keys in this order: "playerId" (decimal string), "username", "admin",
 // "error", "ending", "world", "mode", "mods", "timestamp", "config", "entities" (sorted by id word
-// 0, then word 1) and "moduleMessages" (arrival order). Ids are [word0, word1] as decimal strings,
+// 0, then word 1), "moduleMessages" (the newest kept, arrival order) and
+// "moduleMessagesLeftOut". Ids are [word0, word1] as decimal strings,
 // byte strings are lower-case hex, vectors [x, y, z], quaternions [w, x, y, z]. Doubles carry 17
 // significant digits and always a '.' or an exponent, so they read back bit-exact as doubles (-0.0
 // included); non-finite ones are the strings "inf", "-inf", "nan". See docs/game-client.md.

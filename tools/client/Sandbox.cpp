@@ -23,10 +23,10 @@ Bytes Remaining(ReadOnlyStream& data) {
   return bytes;
 }
 
-// Every payload any instance received, in arrival order.
+// The newest payloads any instance received, in arrival order.
 struct MessageLog {
   std::mutex mutex;
-  std::vector<ModuleMessage> messages;
+  History<ModuleMessage> messages{kKeptModuleMessages};
 };
 
 MessageLog& Log() {
@@ -47,7 +47,7 @@ class Instance {
     {
       MessageLog& log = Log();
       std::lock_guard<std::mutex> lock(log.mutex);
-      log.messages.push_back(ModuleMessage{module_, payload});
+      log.messages.Add(ModuleMessage{module_, payload});
     }
     if (payload.empty()) return;
     switch (payload[0]) {
@@ -169,12 +169,17 @@ void SupplyInterface(ClientSideEntity& entity) {
 void SandboxInterface::Sync(ReadOnlyStream& data) {
   Bytes bytes = Remaining(data);
   std::lock_guard<std::mutex> lock(mutex_);
-  syncs_.push_back(std::move(bytes));
+  syncs_.Add(std::move(bytes));
 }
 
 std::vector<Bytes> SandboxInterface::Syncs() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return syncs_;
+  return syncs_.Items();
+}
+
+uint64_t SandboxInterface::SyncsLeftOut() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return syncs_.LeftOut();
 }
 
 std::shared_ptr<GAME_Mod> Load(const std::string& name) {
@@ -227,13 +232,19 @@ void UnloadAll() {
   }
   MessageLog& log = Log();
   std::lock_guard<std::mutex> lock(log.mutex);
-  log.messages.clear();
+  log.messages.Clear();
 }
 
 std::vector<ModuleMessage> ModuleMessages() {
   MessageLog& log = Log();
   std::lock_guard<std::mutex> lock(log.mutex);
-  return log.messages;
+  return log.messages.Items();
+}
+
+uint64_t ModuleMessagesLeftOut() {
+  MessageLog& log = Log();
+  std::lock_guard<std::mutex> lock(log.mutex);
+  return log.messages.LeftOut();
 }
 
 }  // namespace sandbox

@@ -8,7 +8,8 @@
 //     Every entity with an interface has one renderable instance.
 //   - the interface's Sync records all remaining bytes; Init is the default.
 //   - connect: writes the user name as a platform string.
-//   - message: records the payload, then by its first byte: 'R' sends the whole payload
+//   - message: records the payload (the newest ones), then by its first byte: 'R' sends the whole
+//   payload
 //     back in the next Send() as a reliable module message, 'U' as an unreliable one;
 //     'A' + 16-byte entity id queues the bytes after the id as one action on that entity
 //     (nothing when the entity is unknown or the id is cut short); anything else: nothing.
@@ -27,6 +28,7 @@
 #include <string>
 #include <vector>
 
+#include "client/History.h"
 #include "game/entity/ClientSideEntity.h"
 
 class GAME_Mod;
@@ -38,17 +40,23 @@ using Bytes = std::vector<uint8_t>;
 // The handlers of a mod are plain function pointers, so every instance is bound to one
 // of a fixed number of slots.
 inline constexpr size_t kMaxMods = 64;
+// What is kept for the dump: the newest module messages (all instances together) and the
+// newest Sync records of each interface; older ones are counted, not kept.
+inline constexpr size_t kKeptModuleMessages = 4096;
+inline constexpr size_t kKeptSyncs = 16;
 
 // The interface of every sandbox entity that has one.
 class SandboxInterface : public game::entity::ClientSideEntity::Interface {
  public:
   void Sync(orvex::filesystem::ReadOnlyStream& data) override;
-  // The bytes of each Sync call, in order.
+  // The bytes of the newest kKeptSyncs Sync calls, in order, and how many older ones were
+  // let go.
   std::vector<Bytes> Syncs() const;
+  uint64_t SyncsLeftOut() const;
 
  private:
   mutable std::mutex mutex_;
-  std::vector<Bytes> syncs_;
+  History<Bytes> syncs_{kKeptSyncs};
 };
 
 struct ModuleMessage {
@@ -62,7 +70,9 @@ struct ModuleMessage {
 std::shared_ptr<GAME_Mod> Load(const std::string& name);
 // Unloads every sandbox instance and forgets the recorded module messages.
 void UnloadAll();
-// Every payload a sandbox message handler received, in order of arrival (all instances).
+// The newest kKeptModuleMessages payloads that sandbox message handlers received, in order of
+// arrival (all instances), and how many older ones were let go.
 std::vector<ModuleMessage> ModuleMessages();
+uint64_t ModuleMessagesLeftOut();
 
 }  // namespace sandbox
