@@ -1,12 +1,14 @@
 // Entity transforms, in 64-bit floating point. Quaternions are stored w, x, y, z and are
 // used as they are: a non-unit orientation also scales.
 //
-// The registry lock is taken shared only around each parent lookup, never across the
-// recursion; placement fields are read without a lock (Unlocked).
-#include <glm/gtc/matrix_transform.hpp>
-#include <glm/gtc/quaternion.hpp>
+// The registry lock is taken shared only around each parent lookup, never across the walk or
+// the arithmetic; placement fields are read without a lock (Unlocked).
+#include <array>
 #include <mutex>
 #include <shared_mutex>
+
+#include <glm/gtc/matrix_transform.hpp>
+#include <glm/gtc/quaternion.hpp>
 
 #include "game/entity/ClientSideEntity.h"
 
@@ -22,31 +24,75 @@ glm::dmat4 BaseEntity::GetTransform() const {
 
 namespace {
 
-// Parent links must form a tree. A server can still link an entity under its own
-// descendant; a chain this deep is taken for such a cycle and ends like a dangling link,
-// instead of recursing until the stack runs out.
-constexpr int kMaxParentDepth = 1024;
-
-glm::dmat4 Absolute(const ClientSideEntity& entity, int depth) {
-  const Id parent = entity.parentId;
-  if (parent.IsNull()) return entity.GetTransform();
-  if (depth >= kMaxParentDepth) return glm::dmat4(1.0);
-  ClientSideEntity::Ptr parentEntity;
-  {
-    std::shared_lock<orvex::SharedMutex> lock(ClientSideEntity::_sharedObjectsMutex);
-    const auto it = ClientSideEntity::_sharedObjects.find(parent);
-    if (it != ClientSideEntity::_sharedObjects.end()) parentEntity = it->second;
-  }
-  // A dangling link yields the identity, not the local transform.
-  if (!parentEntity) return glm::dmat4(1.0);
-  const glm::dmat4 local = entity.GetTransform();
-  return Absolute(*parentEntity, depth + 1) * local;
-}
+// Parent links must form a tree, but a server can link an entity under its own descendant
+// or build a chain of any depth. The walk is a loop with bounded work: the link that leads
+// back to an entity already on the walk ends the chain like a dangling link (Brent's cycle
+// detection finds it within a small multiple of the cycle's length, with no lookups beyond
+// the walk's own), and so does a chain deeper than kMaxParentDepth links. docs/entities.md
+// says how the depth was chosen.
+constexpr size_t kMaxParentDepth = 32;
 
 }  // namespace
 
 glm::dmat4 ClientSideEntity::GetAbsoluteTransformInEnvironment() const {
-  return Absolute(*this, 0);
+  // chain[i + 1] is chain[i]'s parent; held[] keeps the parents alive until the product is
+  // formed. The product covers chain[0 .. end): with `top`, chain[end - 1] has no parent
+  // and its own transform is the last factor; otherwise chain[end]'s parent link is taken
+  // as dangling, which yields the identity for chain[end] and everything above it.
+  std::array<const ClientSideEntity*, kMaxParentDepth + 2> chain{};
+  std::array<Ptr, kMaxParentDepth + 2> held;
+  chain[0] = this;
+  size_t walked = 1;  // entries of chain[] filled
+  size_t end = 0;
+  bool top = false;
+  // Brent: `mark` is the entity at the latest power-of-two checkpoint, `since` the steps
+  // taken from it, `power` the length of the current stretch.
+  const ClientSideEntity* mark = this;
+  size_t since = 0, power = 1;
+  for (;;) {
+    const ClientSideEntity& entity = *chain[walked - 1];
+    const Id parent = entity.parentId;
+    if (parent.IsNull()) {
+      top = true;
+      end = walked;
+      break;
+    }
+    if (walked > kMaxParentDepth) {
+      end = walked - 1;
+      break;
+    }
+    Ptr parentEntity;
+    {
+      std::shared_lock<orvex::SharedMutex> lock(ClientSideEntity::_sharedObjectsMutex);
+      const auto it = ClientSideEntity::_sharedObjects.find(parent);
+      if (it != ClientSideEntity::_sharedObjects.end()) parentEntity = it->second;
+    }
+    if (!parentEntity) {
+      end = walked - 1;
+      break;
+    }
+    chain[walked] = parentEntity.get();
+    held[walked] = std::move(parentEntity);
+    ++walked;
+    ++since;
+    if (chain[walked - 1] == mark) {
+      // A cycle of length `since`: the first entity on it is the first i whose entry comes
+      // back `since` steps later, and the entity before its return closes the cycle.
+      size_t first = 0;
+      while (chain[first] != chain[first + since]) ++first;
+      end = first + since - 1;
+      break;
+    }
+    if (since == power) {
+      mark = chain[walked - 1];
+      since = 0;
+      power *= 2;
+    }
+  }
+  if (!top && end == 0) return glm::dmat4(1.0);
+  glm::dmat4 result = top ? chain[end - 1]->GetTransform() : glm::dmat4(1.0);
+  for (size_t i = top ? end - 1 : end; i-- > 0;) result = result * chain[i]->GetTransform();
+  return result;
 }
 
 }  // namespace game::entity
