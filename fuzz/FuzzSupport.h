@@ -1,104 +1,68 @@
-// Pieces shared by the fuzz targets: quiet diagnostics, the fuzz mods, a loopback server
-// that answers the client's connections one at a time, and the reset between runs.
-//
-// Every target runs its input on libFuzzer's thread and leaves nothing behind that the
-// next input could see, except what the target documents (the datagram target keeps one
-// client for the whole process).
+// Pieces shared by the fuzz targets: quiet diagnostics, the fuzz mods, serving one
+// connection of the in-process test server, and the datagram target's fixed entities.
 #pragma once
 
 #include <condition_variable>
-#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "game/entity/Id.h"
-
-namespace orvex::net {
-class TcpListener;
-}
+#include "server/TestServer.h"
 
 namespace fuzz {
 
-using Bytes = std::vector<uint8_t>;
+using wire::Bytes;
 
-// Module texts of the fuzz mods.
-//   FUZZ_ship:   entities with an interface, driven by the server;
-//   FUZZ_static: entities with an interface, not driven;
-//   FUZZ_none:   entities without an interface (the client removes them again at once);
-//   FUZZ_probe:  a module message handler that reads its payload.
-// Each interface has one renderable instance. Sync and the message handler read their
-// data with the platform readers in ways that never throw on a bounded stream.
+// The fuzz mods. FUZZ_ship and FUZZ_static give their entities an interface with one
+// renderable, server-driven or not; FUZZ_none gives none (the client removes such entities
+// again at once); FUZZ_probe handles module messages. Their Sync and message handler read
+// with the platform readers in ways that never throw on a bounded stream.
 inline constexpr const char* kShip = "FUZZ_ship";
 inline constexpr const char* kStatic = "FUZZ_static";
 inline constexpr const char* kNone = "FUZZ_none";
 inline constexpr const char* kProbe = "FUZZ_probe";
 
-// Routes std::cerr into a line filter for the whole process. The client's diagnostics
-// (one line per dropped datagram or ended thread) would drown libFuzzer's own report, so
-// lines are kept in memory and only "ASSERTION FAILED" lines, which explain the abort
-// that follows them, reach the real standard error; ORVEX_FUZZ_VERBOSE=1 passes every line.
-void QuietDiagnostics();
-// The lines written to std::cerr since the last call (at most the last 64).
-std::vector<std::string> TakeLines();
-
-// Loads the fuzz mods (once per process).
-void InstallMods();
-// Whether the entity constructor gives an entity of `moduleText` an interface, exactly as
-// the fuzz mods' suppliers decide it.
+// Once per process: loads the fuzz mods and routes std::cerr into a line filter. The
+// client's diagnostics would drown libFuzzer's report, so only "ASSERTION FAILED" lines,
+// which explain the abort after them, reach standard error (ORVEX_FUZZ_VERBOSE=1: all).
+void Start();
+// Whether an entity of `moduleText` gets an interface, as the fuzz mods decide it.
 bool SuppliesInterface(const std::string& moduleText);
 
-// Empties the entity registry (entities die outside its lock), runs Game::Reset() and
-// marks the game active again.
-void ResetGame();
-
-// Ends the process with `what` on standard error: the harness found a real fault that no
-// sanitizer reports (a wrong result, a clean error that is not clean).
+// Ends the process with "fuzz harness: `what`": a fault that no sanitizer reports.
 [[noreturn]] void Fail(const std::string& what);
 // Requires an error text to be one line of text.
 void RequireOneLine(const char* text);
 
-// A listener on 127.0.0.1 and one thread that serves the connections the target makes,
-// one at a time: it reads the client's hello, sends the reply that the target armed,
-// optionally ends its sending side, and then reads until the client closes.
-// Threads: Arm and WaitServed on the target's thread; the rest on the server thread.
+// The in-process test server with one thread that serves its connections one at a time:
+// it reads the hello and sends the reply armed for the connection. With `close` it then ends
+// its side, and the client must close within seconds; without, the connection stays open
+// for good. Lives until the process ends. Arm and WaitServed: the target's thread.
 class LoopbackServer {
  public:
-  LoopbackServer();
-  ~LoopbackServer();
-  LoopbackServer(const LoopbackServer&) = delete;
-  LoopbackServer& operator=(const LoopbackServer&) = delete;
-
-  uint16_t Port() const { return port_; }
-
-  // Arms the reply for the next connection. With `endAfterReply` the server ends its
-  // sending side after the reply, so a client read beyond it fails at once, and the client
-  // must close within seconds. Without it the connection stays open until the client
-  // closes it, and the server must not be destroyed before that.
-  void Arm(Bytes reply, bool endAfterReply);
-  // Waits until the armed connection was served and the client has closed it.
+  uint16_t Port() const { return server_.Port(); }
+  void Arm(Bytes reply, bool close);
+  // Waits until the armed connection (one with `close`) was served and closed.
   void WaitServed();
 
  private:
-  void Loop();
+  void ServeOne();
 
-  std::unique_ptr<orvex::net::TcpListener> listener_;
-  uint16_t port_ = 0;
+  testserver::TestServer server_;
   std::mutex mutex_;
   std::condition_variable changed_;
-  bool armed_ = false;
-  bool served_ = false;
-  bool stopping_ = false;
+  bool armed_ = false, served_ = false, close_ = false;
   Bytes reply_;
-  bool endAfterReply_ = false;
-  std::thread thread_;
+  std::unique_ptr<testserver::TestConnection> open_;
+  std::thread thread_{[this] {
+    for (;;) ServeOne();
+  }};
 };
 
-// The entities of the datagram target: created once per process, put back to these
-// placements before every input. Driven ones take transform and physics records; the
-// static one never does. Two ride on the first.
+// The datagram target's entities, put back before every input. The driven ones
+// take transform and physics records, the static one never does; two ride on the first.
 struct FixedEntity {
   game::entity::Id id;
   const char* module;

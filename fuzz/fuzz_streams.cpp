@@ -1,25 +1,17 @@
 // The platform stream readers, the trust boundary for every byte a server sends: strings
-// with and without a limit, embedded streams nested in one another, fixed-width values,
-// on owning streams, views, copies and the in-memory Stream. The input is both the bytes
-// and the program: every step reads an operation byte from the stream it works on, then
-// the operation's own fields.
-//
-// Each read is checked against a model of the bytes (what it must return, how far it
-// moves), reads past the end must yield zeros, a limit must refuse exactly the counts
-// above it with a one-line std::runtime_error, and whatever was read must read back the
-// same after the writers encode it again.
+// with and without a limit, nested embedded streams, fixed-width values, on owning streams,
+// views, copies and the in-memory Stream. The input is both data and program: each step
+// reads an operation byte, then its fields. Every read must agree with a model of the bytes
+// (zeros past the end), a limit must refuse exactly the counts above it with a one-line
+// error, and what was read must read back the same once written again.
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <cstring>
 #include <stdexcept>
-#include <string>
 #include <type_traits>
 
 #include <glm/vec3.hpp>
 
 #include "FuzzSupport.h"
-#include "game/entity/Id.h"
 #include "orvex/filesystem/Stream.h"
 
 namespace {
@@ -30,6 +22,10 @@ using orvex::filesystem::Stream;
 constexpr int kMaxDepth = 8;
 constexpr int kMaxSteps = 256;
 
+bool SameBytes(const void* a, const void* b, size_t n) {
+  return n == 0 || std::memcmp(a, b, n) == 0;
+}
+
 // The bytes a stream must still hold: bytes[pos, size).
 struct Model {
   const uint8_t* bytes;
@@ -38,66 +34,41 @@ struct Model {
 
   size_t Left() const { return size - pos; }
   // The next `n` bytes as a read returns them (zeros beyond the end); consumes them.
-  void Take(uint8_t* out, size_t n) {
+  void Take(void* out, size_t n) {
     const size_t have = std::min(n, Left());
     if (have != 0) std::memcpy(out, bytes + pos, have);
-    std::memset(out + have, 0, n - have);
+    std::memset(static_cast<uint8_t*>(out) + have, 0, n - have);
     pos += have;
   }
   uint32_t TakeCount() {
-    uint8_t raw[4];
-    Take(raw, sizeof raw);
     uint32_t count;
-    std::memcpy(&count, raw, sizeof count);
+    Take(&count, sizeof count);
     return count;
+  }
+  // A string read of `count` bytes gave `text`: it must hold the bytes that are there.
+  void TakeText(const std::string& text, uint32_t count, const char* what) {
+    const size_t n = std::min<size_t>(count, Left());
+    if (text.size() != n || !SameBytes(text.data(), bytes + pos, n)) fuzz::Fail(what);
+    pos += n;
   }
 };
 
 template <typename S>
 void Agree(const S& stream, const Model& model) {
   if (stream.GetBufferSize() != model.Left()) fuzz::Fail("a stream lost count of its bytes");
-  if (model.Left() != 0 &&
-      std::memcmp(stream.GetBuffer(), model.bytes + model.pos, model.Left()) != 0) {
+  if (!SameBytes(stream.GetBuffer(), model.bytes + model.pos, model.Left())) {
     fuzz::Fail("a stream's waiting bytes are not the ones it was given");
   }
 }
 
-void RoundTrip(const std::string& text) {
-  Stream out;
-  out.Write(text);
-  std::string back;
-  out.Read(back);
-  if (back != text || out.GetBufferSize() != 0) fuzz::Fail("a string did not read back");
-}
-
-void RoundTrip(const ReadOnlyStream& block) {
-  Stream out;
-  out.Write(block);
-  ReadOnlyStream back = out.ReadStream();
-  if (back.GetBufferSize() != block.GetBufferSize() ||
-      (block.GetBufferSize() != 0 &&
-       std::memcmp(back.GetBuffer(), block.GetBuffer(), block.GetBufferSize()) != 0)) {
-    fuzz::Fail("an embedded stream did not read back");
-  }
-}
-
 template <typename T, typename S>
-void CheckValue(S& stream, Model& model) {
+T CheckValue(S& stream, Model& model) {
   static_assert(std::is_trivially_copyable_v<T>);
   const T value = stream.template ReadValue<T>();
   uint8_t expected[sizeof(T)];
   model.Take(expected, sizeof expected);
   if (std::memcmp(&value, expected, sizeof(T)) != 0) fuzz::Fail("a value read wrong bytes");
-}
-
-// One byte, from the stream and from the model alike.
-template <typename S>
-uint8_t Byte(S& stream, Model& model) {
-  uint8_t expected;
-  model.Take(&expected, 1);
-  const uint8_t got = stream.template ReadValue<uint8_t>();
-  if (got != expected) fuzz::Fail("a byte read wrong");
-  return got;
+  return value;
 }
 
 template <typename S>
@@ -106,45 +77,42 @@ void Run(S& stream, Model model, int depth, int& steps);
 // One step: an operation byte, then that operation on `stream`.
 template <typename S>
 void Step(S& stream, Model& model, int depth, int& steps) {
-  switch (Byte(stream, model) % 10) {
-    case 0: {  // a string without limit of its own
+  const bool deeper = depth < kMaxDepth;
+  switch (CheckValue<uint8_t>(stream, model) % 10) {
+    case 0: {  // a string without limit of its own; written again, it reads back the same
       const uint32_t count = model.TakeCount();
-      const size_t n = std::min<size_t>(count, model.Left());
-      std::string text;
+      std::string text, back;
       stream.Read(text);
-      if (text.size() != n || (n != 0 && std::memcmp(text.data(), model.bytes + model.pos, n))) {
-        fuzz::Fail("a string read wrong bytes");
-      }
-      model.pos += n;
-      RoundTrip(text);
+      model.TakeText(text, count, "a string read wrong bytes");
+      Stream out;
+      out.Write(text);
+      out.Read(back);
+      if (back != text || out.GetBufferSize() != 0) fuzz::Fail("a string did not read back");
       break;
     }
     case 1: {  // a string with a limit, taken from the next byte
-      const unsigned long limit = Byte(stream, model) * 16ul;
+      const unsigned long limit = CheckValue<uint8_t>(stream, model) * 16ul;
       const uint32_t count = model.TakeCount();
       try {
         const std::string text = stream.ReadString(limit);
         if (count > limit) fuzz::Fail("a string above its limit was accepted");
-        const size_t n = std::min<size_t>(count, model.Left());
-        if (text.size() != n || (n != 0 && std::memcmp(text.data(), model.bytes + model.pos, n))) {
-          fuzz::Fail("a limited string read wrong bytes");
-        }
-        model.pos += n;
+        model.TakeText(text, count, "a limited string read wrong bytes");
       } catch (const std::runtime_error& refusal) {
         if (count <= limit) fuzz::Fail("a string within its limit was refused");
         fuzz::RequireOneLine(refusal.what());
       }
       break;
     }
-    case 2: {  // an embedded stream, worked on in turn
-      const uint32_t count = model.TakeCount();
-      const size_t n = std::min<size_t>(count, model.Left());
+    case 2: {  // an embedded stream: it reads back the same when written again, then is run
+      const size_t n = std::min<size_t>(model.TakeCount(), model.Left());
       ReadOnlyStream block = stream.ReadStream();
-      Model inner{model.bytes + model.pos, n, 0};
+      const Model inner{model.bytes + model.pos, n, 0};
       model.pos += n;
       Agree(block, inner);
-      RoundTrip(block);
-      if (depth < kMaxDepth) Run(block, inner, depth + 1, steps);
+      Stream out;
+      out.Write(block);
+      Agree(out.ReadStream(), inner);
+      if (deeper) Run(block, inner, depth + 1, steps);
       break;
     }
     case 3:
@@ -159,37 +127,36 @@ void Step(S& stream, Model& model, int depth, int& steps) {
       CheckValue<glm::dvec3>(stream, model);
       break;
     case 6: {  // a read of up to 255 bytes, beyond the end as often as not
-      const uint8_t n = Byte(stream, model);
+      const uint8_t n = CheckValue<uint8_t>(stream, model);
       uint8_t got[255], expected[255];
       stream.Read(got, n);
       model.Take(expected, n);
-      if (std::memcmp(got, expected, n) != 0) fuzz::Fail("a block read wrong bytes");
+      if (!SameBytes(got, expected, n)) fuzz::Fail("a block read wrong bytes");
       break;
     }
     case 7: {  // a copy reads on by itself; the original stays where it was
       S copy(stream);
-      Model copyModel = model;
-      Agree(copy, copyModel);
-      if (depth < kMaxDepth) Run(copy, copyModel, depth + 1, steps);
+      Agree(copy, model);
+      if (deeper) Run(copy, model, depth + 1, steps);
       break;
     }
     case 8: {  // the same bytes in the in-memory stream, and as a view
       Stream memory;
       memory.Write(stream.GetBuffer(), stream.GetBufferSize());
-      if (depth < kMaxDepth) Run(memory, model, depth + 1, steps);
+      if (deeper) Run(memory, model, depth + 1, steps);
       if constexpr (std::is_same_v<S, ReadOnlyStream>) {
-        ReadOnlyStream view = ReadOnlyStream::View(stream.GetBuffer(), stream.GetBufferSize());
+        const ReadOnlyStream view =
+            ReadOnlyStream::View(stream.GetBuffer(), stream.GetBufferSize());
         ReadOnlyStream owned(view);
         if (!owned.OwnsBytes()) fuzz::Fail("a copy of a view does not own its bytes");
-        if (depth < kMaxDepth) Run(owned, model, depth + 1, steps);
+        if (deeper) Run(owned, model, depth + 1, steps);
       }
       break;
     }
-    default: {  // skips the rest
+    default:  // skips the rest
       stream.Flush();
       model.pos = model.size;
       break;
-    }
   }
   Agree(stream, model);
 }

@@ -1,13 +1,8 @@
-// The welcome: every byte that the server sends after the client's hello. A loopback
-// server answers a real client::Client constructor with the input and ends the
-// connection. The constructor either builds a client that reports what the welcome said,
-// or fails with a one-line std::runtime_error; anything else is a fault (a sanitizer
-// report, another exception type, an allocation above libFuzzer's limit, a hang).
-#include <cstddef>
-#include <cstdint>
+// The welcome: whatever the server sends after the hello, answered to a real client::Client
+// constructor by a loopback server that then ends the connection. The constructor builds a
+// client that reports what the welcome said, or fails with a one-line std::runtime_error.
 #include <cstring>
 #include <stdexcept>
-#include <string>
 
 #include "FuzzSupport.h"
 #include "Game.h"
@@ -29,14 +24,12 @@ bool CompleteRefusal(const uint8_t* data, size_t size, std::string& reason) {
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::QuietDiagnostics();
-  fuzz::InstallMods();
+  fuzz::Start();
   return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  // One listener and server thread for the whole process; never destroyed, so that no
-  // exit-time destructor waits for it.
+  // One server for the whole process; never destroyed, so no exit-time destructor waits.
   static fuzz::LoopbackServer& server = *new fuzz::LoopbackServer();
   server.Arm(fuzz::Bytes(data, data + size), true);
   try {
@@ -49,19 +42,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
       if (mod.empty()) fuzz::Fail("the welcome's mod list took in an empty name");
     }
   } catch (const std::runtime_error& failure) {
-    // A complete refusal carries the server's own text, verbatim, whatever it holds (what()
-    // shows it up to a zero byte).
+    // A complete refusal carries the server's own text verbatim (what() shows it up to a
+    // zero byte); any other failure is one line.
     std::string reason;
-    if (CompleteRefusal(data, size, reason)) {
-      if (failure.what() != reason.substr(0, reason.find('\0'))) {
-        fuzz::Fail("a refusal did not carry the server's text");
-      }
-    } else {
+    if (!CompleteRefusal(data, size, reason)) {
       fuzz::RequireOneLine(failure.what());
+    } else if (failure.what() != reason.substr(0, reason.find('\0'))) {
+      fuzz::Fail("a refusal did not carry the server's text");
     }
   }
   server.WaitServed();
-  fuzz::TakeLines();
-  fuzz::ResetGame();
+  Game::ResetEntities();
+  Game::Reset();
   return 0;
 }

@@ -1,272 +1,167 @@
-// Datagrams from the server: the checks that decide whether one is taken in, the sequence
-// and environment filters, and the hand-over to the game thread.
+// Datagram intake: drop reasons, signs of life, sequence and environment filters, hand-over.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
 #include <vector>
 
+#include "ClientSession.h"
+#include "FakeClock.h"
 #include "GAME_Mod.h"
 #include "Game.h"
-#include "client/ClientHarness.h"
-#include "client/OutboundSupport.h"
-#include "client/TestMods.h"
-#include "support_helpers/StderrCapture.h"
+#include "Hex.h"
+#include "StderrCapture.h"
+#include "TestMods.h"
+#include "Wait.h"
 
-namespace clienttest {
-
-using testing_support::StderrCapture;
 namespace {
 
-using game::entity::ClientSideEntity;
-using game::entity::Id;
+using namespace testlib;
+using Counter = std::atomic<uint64_t> client::Counters::*;
 
-Bytes Transforms(uint64_t sequence, double serverTime,
-                 const std::vector<wire::TransformRecord>& records, int32_t divisor = 1,
-                 uint64_t parentEnvironment = 0, uint64_t relativeEnvironment = 0) {
-  wire::StateHeader header;
-  header.serverTime = serverTime;
-  header.sequence = sequence;
-  header.parentEnvironment = parentEnvironment;
-  header.relativeEnvironment = relativeEnvironment;
-  header.divisor = divisor;
-  return wire::TransformsDatagram(header, Id{}, records);
+const Bytes kMagic = TextBytes("TOVRANE!");
+
+Bytes operator+(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
 }
 
-Bytes Physics(uint64_t sequence, double serverTime, const std::vector<wire::PhysicsRecord>& records,
-              int32_t divisor = 1, uint64_t parentEnvironment = 0,
-              uint64_t relativeEnvironment = 0) {
-  wire::StateHeader header;
-  header.serverTime = serverTime;
-  header.sequence = sequence;
-  header.parentEnvironment = parentEnvironment;
-  header.relativeEnvironment = relativeEnvironment;
-  header.divisor = divisor;
-  return wire::PhysicsDatagram(header, records);
-}
-
-wire::TransformRecord At(Id id, double x) {
+Bytes Transforms(uint64_t sequence, double time, double x, int32_t divisor = 1,
+                 uint64_t parentEnvironment = 0) {
   wire::TransformRecord record;
-  record.id = id;
+  record.id = EntityId(1);
   record.position = glm::dvec3(x, 0, 0);
-  return record;
+  return wire::TransformsDatagram({time, sequence, parentEnvironment, 0, divisor}, {}, {record});
 }
 
-wire::PhysicsRecord Moving(Id id, double vx) {
-  wire::PhysicsRecord record;
-  record.id = id;
-  record.velocity = glm::dvec3(vx, 0, 0);
-  record.extra = glm::dvec3(0, 0, vx);
-  return record;
+Bytes Physics(uint64_t sequence, double time, uint64_t parentEnvironment = 0,
+              uint64_t relativeEnvironment = 0) {
+  return wire::PhysicsDatagram({time, sequence, parentEnvironment, relativeEnvironment, 1},
+                               {{EntityId(1), {time, 0, 0}, {}}});
 }
 
-class DatagramIntake : public ClientTest {
+class DatagramIntake : public testing::Test {
  protected:
-  void SetUp() override {
-    ClientTest::SetUp();
-    // The receive stamp and the liveness check read this clock.
-    FakeClock::Install();
-    EntityMod::Install();
+  void Start() {
+    session.reset();
+    ResetClientState();
+    FakeClock::Install();  // the receive stamp and the liveness check read it
     RecorderMod::Install();
+    ship = MakeEntity(EntityId(1), "ship");
     session = std::make_unique<Session>();
     session->LearnDatagramAddress();
   }
-  void TearDown() override {
-    session.reset();
-    ClientTest::TearDown();
-  }
-
   const client::Counters& Counters() { return session->Client().GetCounters(); }
 
-  // Sends a datagram, followed by a probe; returns once both were taken in or dropped.
-  void Send(const Bytes& bytes) { session->SendDatagram(bytes); }
-  // Refreshes the receive stamp with the present (through the probe).
-  void StampNow() { Send(Bytes(1, 0)); }
-
-  // Sends a datagram that the client drops before the receive stamp, then a 7-byte one,
-  // and waits until the short one was dropped: neither refreshes the stamp, so this is the
-  // barrier for cases that watch the stamp.
-  void SendUnstamped(const Bytes& bytes) {
-    const uint64_t shortOnes = Counters().droppedShort;
-    server().SendDatagram(session->clientAddress, session->clientPort, bytes);
-    server().SendDatagram(session->clientAddress, session->clientPort, Bytes(7, 'T'));
-    ASSERT_TRUE(WaitUntil([&] { return Counters().droppedShort > shortOnes; }));
-  }
-
-  // Whether the send step gives up on a silent server now (it then quits the game).
-  bool LivenessGivesUp() {
-    StderrCapture quiet;
-    session->Client().Send();
-    return Game::QuitRequested();
-  }
-
-  testserver::TestServer& server() { return session->server; }
-  static void Advance(double seconds) { FakeClock::Advance(seconds * 1000.0); }
-  static size_t RunGameThread() { return Game::RunSynchronized(); }
-
+  CleanClientState clean;
   std::unique_ptr<Session> session;
+  game::entity::ClientSideEntity::Ptr ship;
 };
 
-const Bytes kMagic{'T', 'O', 'V', 'R', 'A', 'N', 'E', '!'};
-
-TEST_F(DatagramIntake, MagicAloneCountsAsSignOfLife) {
-  StampNow();
-  Advance(20);
-  SendUnstamped(kMagic);
-  EXPECT_FALSE(LivenessGivesUp()) << "the 8-byte datagram did not refresh the stamp";
-
-  Advance(20);
-  EXPECT_TRUE(LivenessGivesUp()) << "the clock seam does not reach the liveness check";
-}
-
-TEST_F(DatagramIntake, ShortDatagramsAndWrongMagicAreDroppedSilently) {
-  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship");
-  StampNow();
-  Advance(20);
-  StderrCapture captured;
-
-  SendUnstamped(Bytes(kMagic.begin(), kMagic.end() - 1));
-  Bytes wrongMagic = Transforms(1, 5.0, {At(EntityId(1), 3)});
-  wrongMagic[7] = '?';
-  SendUnstamped(wrongMagic);
-
-  EXPECT_EQ(RunGameThread(), 0u);
-  EXPECT_FALSE(ship->hasTarget);
-  EXPECT_EQ(Game::timestamp, 0.0);
-  EXPECT_EQ(captured.Text(), "");
-  EXPECT_TRUE(LivenessGivesUp()) << "a dropped datagram refreshed the stamp";
-}
-
-TEST_F(DatagramIntake, DatagramFromAnotherAddressIsReportedAndChangesNothing) {
-  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship");
-  StampNow();
-  Advance(20);
-  StderrCapture captured;
-
-  server().SendDatagramFrom("127.0.0.2", session->clientAddress, session->clientPort,
-                            Transforms(1, 5.0, {At(EntityId(1), 3)}));
-  ASSERT_TRUE(captured.WaitFor("\n"));
-
-  EXPECT_EQ(captured.Text(), "Client received UDP packet from wrong ip address\n");
-  EXPECT_EQ(RunGameThread(), 0u);
-  EXPECT_FALSE(ship->hasTarget);
-  EXPECT_EQ(Game::timestamp, 0.0);
-  EXPECT_TRUE(LivenessGivesUp()) << "a foreign sender refreshed the stamp";
-}
-
-TEST_F(DatagramIntake, TransformSequenceDropsOnlyOlderDatagramsWhenTheDivisorIsOne) {
-  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship");
-  struct Step {
-    uint64_t sequence;
-    int32_t divisor;
-    double x;
-    bool accepted;
-    double timestampAfter;
+// Each row is sent 20 s after the last sign of life: a datagram that counts as one keeps
+// the send step from giving up on the server.
+TEST_F(DatagramIntake, DropReasons) {
+  Bytes foreignMagic = Transforms(9, 5.0, 3);
+  foreignMagic[7] = '?';
+  const struct {
+    const char* name;
+    Bytes bytes;
+    bool fromStranger;
+    Counter counter;  // null: taken in
+    bool signOfLife;
+    const char* text;
+  } rows[] = {
+      {"short", Bytes(7, 'T'), false, &client::Counters::droppedShort, false, ""},
+      {"foreign magic", foreignMagic, false, &client::Counters::droppedMagic, false, ""},
+      {"foreign sender", Transforms(9, 5.0, 3), true, &client::Counters::droppedSender, false,
+       "Client received UDP packet from wrong ip address\n"},
+      {"stale sequence", Transforms(4, 5.0, 3), false, &client::Counters::droppedStale, true, ""},
+      {"foreign physics", Physics(9, 1.0, 77), false, &client::Counters::droppedForeign, true, ""},
+      {"magic alone", kMagic, false, nullptr, true, ""},
+      {"unknown code", kMagic + Bytes{0x99}, false, nullptr, true, ""},
   };
-  const Step steps[] = {
-      {5, 1, 50, true, 50},   // first
-      {5, 1, 51, true, 51},   // equal: accepted
-      {4, 1, 40, false, 51},  // older: dropped
-      {6, 1, 60, true, 60},   // newer
-      {0, 2, 1, true, 60},    // divisor 2: no sequence test, no time
-      {5, 1, 52, false, 60},  // the divisor-2 datagram left the counter at 6
-  };
-  double lastX = 0;
-  for (const Step& step : steps) {
-    SCOPED_TRACE(testing::Message()
-                 << "sequence " << step.sequence << ", divisor " << step.divisor);
-    Send(Transforms(step.sequence, step.x, {At(EntityId(1), step.x)}, step.divisor));
-    EXPECT_EQ(RunGameThread(), step.accepted ? 1u : 0u);
-    if (step.accepted) lastX = step.x;
-    EXPECT_EQ(glm::dvec3(ship->targetPosition).x, lastX);
-    EXPECT_EQ(Game::timestamp, step.timestampAfter);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    Start();
+    session->SendDatagram(Transforms(5, 1.0, 1));  // stamped at 0 s; sequence 5
+    EXPECT_EQ(Game::RunSynchronized(), 1u);
+    FakeClock::Advance(20000);
+    const uint64_t before = row.counter ? (Counters().*row.counter).load() : 0;
+    const uint64_t shortOnes = Counters().droppedShort;
+    StderrCapture captured;
+    if (row.fromStranger) {
+      session->server.SendDatagramFrom("127.0.0.2", session->clientAddress, session->clientPort,
+                                       row.bytes);
+    } else {
+      session->server.SendDatagram(session->clientAddress, session->clientPort, row.bytes);
+    }
+    // A short datagram, dropped before the stamp, is the barrier.
+    session->server.SendDatagram(session->clientAddress, session->clientPort, Bytes(7, 'T'));
+    const uint64_t barrier = shortOnes + (row.counter == &client::Counters::droppedShort ? 2 : 1);
+    ASSERT_TRUE(WaitUntil([&] { return Counters().droppedShort >= barrier; }));
+    if (row.counter) {
+      EXPECT_EQ(Counters().*row.counter, before + (barrier - shortOnes));
+    }
+    EXPECT_EQ(Game::RunSynchronized(), 0u);
+    EXPECT_EQ(Game::timestamp, 1.0);
+    EXPECT_EQ(captured.Text(), row.text);
+    StderrCapture quiet;
+    session->Client().Send();
+    EXPECT_EQ(Game::QuitRequested(), !row.signOfLife);
   }
 }
 
-TEST_F(DatagramIntake, PhysicsSequenceIsCountedApartFromTransforms) {
-  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship");
-  Send(Transforms(10, 1.0, {}));
-  Send(Physics(3, 2.0, {Moving(EntityId(1), 3)}));
-  EXPECT_EQ(RunGameThread(), 2u) << "a transform sequence must not make physics stale";
-  EXPECT_EQ(Game::timestamp, 2.0);
-
-  Send(Physics(2, 3.0, {Moving(EntityId(1), 2)}));
-  Send(Transforms(10, 4.0, {}));
-  EXPECT_EQ(RunGameThread(), 1u);
-  EXPECT_EQ(glm::dvec3(ship->velocity).x, 3.0);
-  EXPECT_EQ(Game::timestamp, 4.0);
-}
-
-TEST_F(DatagramIntake, ProcessThatHostsTheServerNeverTakesTheServerTime) {
-  Game::_is_server = true;
-  Send(Transforms(1, 11.0, {}));
-  Send(Physics(1, 12.0, {}));
-  EXPECT_EQ(RunGameThread(), 2u);
-  EXPECT_EQ(Game::timestamp, 0.0);
-}
-
-TEST_F(DatagramIntake, ForeignTransformsOnlyClearTheTarget) {
+// One sequence counter per kind, tested only for divisor 1, where the datagram also sets
+// the server time; foreign physics moves its counter and time, then is dropped; foreign
+// transforms are taken (their records clear targets).
+TEST_F(DatagramIntake, SequenceAndEnvironmentSteps) {
+  Start();
   Game::parentEnvironmentId = 10;
-  Game::relativeEnvironmentId = 20;
-  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship", EntityId(50), {1, 2, 3});
-  ship->targetPosition = glm::dvec3(4, 5, 6);
-  ship->updateRate = 0.25f;
-  ship->hasTarget = true;
-  ship->stale = true;
-  const ClientSideEntity::Ptr rock = MakeEntity(EntityId(2), "static");
-  rock->hasTarget = true;
-
-  for (const auto& [parentEnvironment, relativeEnvironment] :
-       {std::pair<uint64_t, uint64_t>{10, 21}, {11, 20}}) {
-    ship->hasTarget = true;
-    Send(Transforms(1, 7.0, {At(EntityId(1), 99), At(EntityId(2), 99)}, 1, parentEnvironment,
-                    relativeEnvironment));
-    EXPECT_EQ(RunGameThread(), 1u);
-    EXPECT_FALSE(ship->hasTarget);
+  const struct {
+    const char* name;
+    Bytes bytes;
+    size_t applied;
+    double timestamp;
+  } steps[] = {
+      {"first transforms", Transforms(5, 50, 50, 1, 10), 1, 50},
+      {"equal sequence", Transforms(5, 51, 51, 1, 10), 1, 51},
+      {"older sequence", Transforms(4, 40, 40, 1, 10), 0, 51},
+      {"newer sequence", Transforms(6, 60, 60, 1, 10), 1, 60},
+      {"divisor 2: no sequence, no time", Transforms(0, 1, 1, 2, 10), 1, 60},
+      {"divisor 2 left the counter at 6", Transforms(5, 52, 52, 1, 10), 0, 60},
+      {"physics counted apart", Physics(3, 70, 10), 1, 70},
+      {"older physics", Physics(2, 71, 10), 0, 70},
+      {"foreign physics", Physics(9, 90, 11), 0, 90},
+      {"stale after the foreign 9", Physics(8, 80, 10), 0, 90},
+      {"physics 9", Physics(9, 91, 10), 1, 91},
+      {"foreign relative environment", Physics(10, 92, 10, 5), 0, 92},
+      {"foreign transforms", Transforms(7, 92, 92, 1, 11), 1, 92},
+  };
+  for (const auto& step : steps) {
+    SCOPED_TRACE(step.name);
+    session->SendDatagram(step.bytes);
+    EXPECT_EQ(Game::RunSynchronized(), step.applied);
+    EXPECT_EQ(Game::timestamp, step.timestamp);
   }
-  EXPECT_EQ(glm::dvec3(ship->position), glm::dvec3(1, 2, 3));
-  EXPECT_EQ(glm::dvec3(ship->targetPosition), glm::dvec3(4, 5, 6));
-  EXPECT_EQ(float(ship->updateRate), 0.25f);
-  EXPECT_EQ(Id(ship->parentId), EntityId(50));
-  EXPECT_TRUE(ship->stale);
-  EXPECT_TRUE(rock->hasTarget) << "an entity that is not driven is left alone";
+  EXPECT_EQ(glm::dvec3(ship->velocity).x, 91.0);
 
-  // The next transform from the local environment snaps the entity.
-  Send(Transforms(2, 8.0, {At(EntityId(1), 42)}, 1, 10, 20));
-  EXPECT_EQ(RunGameThread(), 1u);
-  EXPECT_EQ(glm::dvec3(ship->position), glm::dvec3(42, 0, 0));
-  EXPECT_TRUE(ship->hasTarget);
-}
-
-TEST_F(DatagramIntake, ForeignPhysicsIsDroppedAfterItsSequenceCounts) {
-  Game::parentEnvironmentId = 10;
-  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship");
-
-  Send(Physics(9, 90.0, {Moving(EntityId(1), 9)}, 1, 11, 0));
-  EXPECT_EQ(RunGameThread(), 0u);
-  EXPECT_EQ(glm::dvec3(ship->velocity), glm::dvec3(0.0));
-  EXPECT_EQ(Game::timestamp, 90.0);
-
-  Send(Physics(8, 80.0, {Moving(EntityId(1), 8)}, 1, 10, 0));
-  EXPECT_EQ(RunGameThread(), 0u) << "sequence 8 must be stale after the foreign 9";
-
-  Send(Physics(9, 91.0, {Moving(EntityId(1), 9)}, 1, 10, 0));
-  EXPECT_EQ(RunGameThread(), 1u);
-  EXPECT_EQ(glm::dvec3(ship->velocity), glm::dvec3(9, 0, 0));
+  Game::_is_server = true;  // a process that hosts the server never takes the server time
+  session->SendDatagram(Transforms(8, 200, 0, 1, 10));
+  session->SendDatagram(Physics(10, 201, 10));
+  EXPECT_EQ(Game::RunSynchronized(), 2u);
+  EXPECT_EQ(Game::timestamp, 92.0);
 }
 
 TEST_F(DatagramIntake, ModuleDatagramsGoStraightToTheirHandler) {
-  auto silent = std::make_shared<GAME_Mod>("TEST_nohandler");
-  GAME_Mod::Load(silent);
+  Start();
+  GAME_Mod::Load(std::make_shared<GAME_Mod>("TEST_nohandler"));
   const Bytes payload{0x44, 0x00, 0x01};
-
-  Send(wire::ModuleDatagram(orvex::modular::ModuleID("NONE_loaded"), payload));
-  Send(wire::ModuleDatagram(orvex::modular::ModuleID("TEST_nohandler"), payload));
-  Send(wire::ModuleDatagram(RecorderMod::Id(), payload));
-
+  for (const char* module : {"NONE_loaded", "TEST_nohandler", RecorderMod::kName}) {
+    session->SendDatagram(wire::ModuleDatagram(orvex::modular::ModuleID(module), payload));
+  }
   EXPECT_EQ(RecorderMod::Payloads(), std::vector<Bytes>{payload});
-  EXPECT_EQ(RunGameThread(), 0u) << "module handlers do not wait for the game thread";
+  EXPECT_EQ(Game::RunSynchronized(), 0u) << "module handlers do not wait for the game thread";
 }
 
 }  // namespace
-}  // namespace clienttest

@@ -1,5 +1,4 @@
-// The transform and physics passes that apply a state datagram's records to the replica on
-// the game thread. Each case runs a pass directly over record bytes.
+// The transform and physics passes that apply a state datagram's records to the replica.
 #include <gtest/gtest.h>
 
 #include <cmath>
@@ -7,342 +6,208 @@
 #include <string>
 #include <vector>
 
-#include "client/ClientHarness.h"
+#include "Messages.h"
+#include "StderrCapture.h"
+#include "TestMods.h"
 #include "client/StatePasses.h"
-#include "client/TestMods.h"
-#include "support_helpers/StderrCapture.h"
 
-namespace clienttest {
-
-using testing_support::StderrCapture;
 namespace {
 
 using game::entity::ClientSideEntity;
 using game::entity::Id;
 using game::entity::Orientation;
 using orvex::filesystem::ReadOnlyStream;
+using namespace testlib;
 
 constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
-// The records of a datagram, without its header.
-Bytes TransformRecords(const std::vector<wire::TransformRecord>& records) {
+wire::TransformRecord Record(Id id, glm::dvec3 position, Orientation turn = {}) {
+  return {id, position, {float(turn.w), float(turn.x), float(turn.y), float(turn.z)}};
+}
+
+void RunTransforms(const std::vector<wire::TransformRecord>& records, int32_t divisor = 1,
+                   Id parent = {}, bool foreign = false) {
   const Bytes datagram = wire::TransformsDatagram({}, Id{}, records);
-  return Bytes(datagram.begin() + wire::kTransformsHeaderSize, datagram.end());
+  const Bytes body(datagram.begin() + wire::kTransformsHeaderSize, datagram.end());
+  client::TransformPass(ReadOnlyStream(body.data(), body.size()), divisor, parent, foreign)();
 }
 
-Bytes PhysicsRecords(const std::vector<wire::PhysicsRecord>& records) {
+void RunPhysics(const std::vector<wire::PhysicsRecord>& records) {
   const Bytes datagram = wire::PhysicsDatagram({}, records);
-  return Bytes(datagram.begin() + wire::kPhysicsHeaderSize, datagram.end());
-}
-
-void RunTransforms(const Bytes& records, int32_t divisor = 1, Id parent = {},
-                   bool foreign = false) {
-  client::TransformPass pass(ReadOnlyStream(records.data(), records.size()), divisor, parent,
-                             foreign);
-  pass();
-}
-
-void RunPhysics(const Bytes& records) {
-  client::PhysicsPass pass(ReadOnlyStream(records.data(), records.size()));
-  pass();
-}
-
-wire::TransformRecord Record(Id id, glm::dvec3 position, float w = 1, float x = 0, float y = 0,
-                             float z = 0) {
-  wire::TransformRecord record;
-  record.id = id;
-  record.position = position;
-  record.orientation[0] = w;
-  record.orientation[1] = x;
-  record.orientation[2] = y;
-  record.orientation[3] = z;
-  return record;
-}
-
-wire::PhysicsRecord Physics(Id id, glm::dvec3 velocity, glm::dvec3 extra) {
-  wire::PhysicsRecord record;
-  record.id = id;
-  record.velocity = velocity;
-  record.extra = extra;
-  return record;
+  const Bytes body(datagram.begin() + wire::kPhysicsHeaderSize, datagram.end());
+  client::PhysicsPass(ReadOnlyStream(body.data(), body.size()))();
 }
 
 // A unit quaternion for a rotation of `degrees` about `axis`.
 Orientation Rotation(double degrees, glm::dvec3 axis) {
   const double half = degrees * M_PI / 360.0;
-  axis = glm::normalize(axis);
-  return Orientation{std::cos(half), axis.x * std::sin(half), axis.y * std::sin(half),
-                     axis.z * std::sin(half)};
+  axis = glm::normalize(axis) * std::sin(half);
+  return Orientation{std::cos(half), axis.x, axis.y, axis.z};
 }
 
-void ExpectNear(const glm::dmat4& actual, const glm::dmat4& expected, double tolerance) {
-  for (int column = 0; column < 4; ++column) {
-    for (int row = 0; row < 4; ++row) {
-      EXPECT_NEAR(actual[column][row], expected[column][row], tolerance)
-          << "element [" << column << "][" << row << "]";
-    }
-  }
-}
+class StatePass : public testing::Test {
+  CleanClientState clean;
+};
 
-class TransformPass : public ClientTest {};
-
-TEST_F(TransformPass, RecordLayoutIsIdPositionDoublesThenOrientationFloatsWFirst) {
+TEST_F(StatePass, TransformRecordsListRateAndSkips) {
   const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship");
-  const Bytes records = wire::ByteWriter()
-                            .Entity(EntityId(1))
-                            .F64(1.5)
-                            .F64(-2.25)
-                            .F64(1e10)
-                            .F32(0.5f)
-                            .F32(-0.5f)
-                            .F32(0.25f)
-                            .F32(0.75f)
-                            .Entity(Id{})
-                            .bytes();
-  RunTransforms(records);
+  const ClientSideEntity::Ptr rock = MakeEntity(EntityId(2), "static", {}, {5, 5, 5});
+  const ClientSideEntity::Ptr after = MakeEntity(EntityId(3), "ship");
+  // The record: id, position as three doubles, orientation as four floats w first.
+  wire::ByteWriter records;
+  records.Entity(EntityId(1)).F64(1.5).F64(-2.25).F64(1e10);
+  records.F32(0.5f).F32(-0.5f).F32(0.25f).F32(0.75f).Entity(Id{});
+  client::TransformPass(ReadOnlyStream(records.bytes().data(), records.bytes().size()), 1, {},
+                        false)();
   EXPECT_EQ(glm::dvec3(ship->targetPosition), glm::dvec3(1.5, -2.25, 1e10));
   EXPECT_EQ(Orientation(ship->targetOrientation), (Orientation{0.5, -0.5, 0.25, 0.75}));
-}
 
-TEST_F(TransformPass, ListEndsAtTheFirstIdWithAZeroWord) {
-  const ClientSideEntity::Ptr first = MakeEntity(EntityId(1), "ship");
-  const ClientSideEntity::Ptr after = MakeEntity(EntityId(2), "ship");
+  // The list ends at the first id with a zero word; unknown and undriven ones are skipped.
   for (const Id end : {Id{0, 7}, Id{7, 0}}) {
-    SCOPED_TRACE(testing::Message() << "end id " << end.word0 << ", " << end.word1);
-    first->hasTarget = after->hasTarget = false;
-    RunTransforms(TransformRecords(
-        {Record(EntityId(1), {1, 1, 1}), Record(end, {}), Record(EntityId(2), {2, 2, 2})}));
-    EXPECT_TRUE(first->hasTarget);
+    ship->hasTarget = after->hasTarget = false;
+    RunTransforms({Record(EntityId(404), {}), Record(EntityId(2), {1, 1, 1}),
+                   Record(EntityId(1), {1, 1, 1}), Record(end, {}), Record(EntityId(3), {})});
+    EXPECT_TRUE(ship->hasTarget);
     EXPECT_FALSE(after->hasTarget);
   }
+  EXPECT_EQ(glm::dvec3(rock->position), glm::dvec3(5, 5, 5));
+  EXPECT_EQ(glm::dvec3(rock->targetPosition), glm::dvec3(0.0));
+  EXPECT_FALSE(rock->hasTarget);
 
-  // A list that starts with such an id applies nothing.
-  first->hasTarget = false;
-  RunTransforms(TransformRecords({Record(Id{0, 1}, {}), Record(EntityId(1), {3, 3, 3})}));
-  EXPECT_FALSE(first->hasTarget);
-}
-
-TEST_F(TransformPass, DrivenEntityWithoutTargetSnaps) {
-  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship", {}, {9, 9, 9});
-  ship->stale = true;
-  RunTransforms(TransformRecords({Record(EntityId(1), {1, 2, 3}, 0.5f, 0.5f, -0.5f, 0.5f)}));
-
-  const Orientation sent{0.5, 0.5, -0.5, 0.5};
-  EXPECT_EQ(glm::dvec3(ship->position), glm::dvec3(1, 2, 3));
-  EXPECT_EQ(Orientation(ship->orientation), sent);
-  EXPECT_EQ(glm::dvec3(ship->targetPosition), glm::dvec3(1, 2, 3));
-  EXPECT_EQ(Orientation(ship->targetOrientation), sent);
-  EXPECT_TRUE(ship->hasTarget);
-  EXPECT_FALSE(ship->stale);
-}
-
-TEST_F(TransformPass, DrivenEntityWithTargetUnderTheSameParentGetsOnlyANewTarget) {
-  const ClientSideEntity::Ptr parent = MakeEntity(EntityId(9), "static");
-  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship", EntityId(9), {9, 9, 9});
-  ship->hasTarget = true;
-  ship->stale = true;
-  RunTransforms(TransformRecords({Record(EntityId(1), {1, 2, 3}, 0, 1, 0, 0)}), 1, EntityId(9));
-
-  EXPECT_EQ(glm::dvec3(ship->position), glm::dvec3(9, 9, 9));
-  EXPECT_EQ(Orientation(ship->orientation), Orientation{});
-  EXPECT_EQ(glm::dvec3(ship->targetPosition), glm::dvec3(1, 2, 3));
-  EXPECT_EQ(Orientation(ship->targetOrientation), (Orientation{0, 1, 0, 0}));
-  EXPECT_EQ(Id(ship->parentId), EntityId(9));
-  EXPECT_TRUE(ship->hasTarget);
-  EXPECT_FALSE(ship->stale);
-}
-
-TEST_F(TransformPass, UpdateRateIsTwentyOverTheDivisorInSinglePrecision) {
-  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship");
+  // The update rate is 20 over the divisor, in single precision.
   const struct {
     int32_t divisor;
     float rate;
-  } cases[] = {{1, 20.0f},
-               {4, 5.0f},
-               {3, 20.0f / 3.0f},
-               {-2, -10.0f},
-               {0, std::numeric_limits<float>::infinity()}};
-  for (const auto& c : cases) {
-    SCOPED_TRACE(testing::Message() << "divisor " << c.divisor);
-    RunTransforms(TransformRecords({Record(EntityId(1), {})}), c.divisor);
-    EXPECT_EQ(float(ship->updateRate), c.rate);
+  } rates[] = {{4, 5.0f}, {3, 20.0f / 3.0f}, {-2, -10.0f}, {0, INFINITY}};
+  for (const auto& r : rates) {
+    RunTransforms({Record(EntityId(1), {})}, r.divisor);
+    EXPECT_EQ(float(ship->updateRate), r.rate) << "divisor " << r.divisor;
   }
-}
 
-TEST_F(TransformPass, UnknownAndUndrivenEntitiesAreSkipped) {
-  const ClientSideEntity::Ptr rock = MakeEntity(EntityId(2), "static", {}, {5, 5, 5});
-  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(3), "ship");
-  RunTransforms(TransformRecords({Record(EntityId(1), {1, 1, 1}), Record(EntityId(2), {1, 1, 1}),
-                                  Record(EntityId(3), {1, 1, 1})}));
-
-  EXPECT_EQ(glm::dvec3(rock->position), glm::dvec3(5, 5, 5));
-  EXPECT_EQ(glm::dvec3(rock->targetPosition), glm::dvec3(0.0));
-  EXPECT_EQ(float(rock->updateRate), 0.0f);
-  EXPECT_FALSE(rock->hasTarget);
-  EXPECT_TRUE(ship->hasTarget) << "a skipped record must not end the list";
-}
-
-TEST_F(TransformPass, ForeignRecordsClearTheTargetAndNothingElse) {
-  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship", {}, {5, 5, 5});
-  ship->hasTarget = true;
-  ship->stale = true;
-  RunTransforms(TransformRecords({Record(EntityId(1), {1, 1, 1})}), 4, EntityId(8), true);
-
+  // Foreign records clear the target and nothing else.
+  ship->hasTarget = ship->stale = true;
+  ship->updateRate = 0.25f;
+  RunTransforms({Record(EntityId(1), {9, 9, 9})}, 4, EntityId(8), true);
   EXPECT_FALSE(ship->hasTarget);
-  EXPECT_EQ(glm::dvec3(ship->position), glm::dvec3(5, 5, 5));
-  EXPECT_EQ(glm::dvec3(ship->targetPosition), glm::dvec3(0.0));
-  EXPECT_EQ(float(ship->updateRate), 0.0f);
-  EXPECT_EQ(Id(ship->parentId), Id{});
   EXPECT_TRUE(ship->stale);
+  EXPECT_EQ(glm::dvec3(ship->targetPosition), glm::dvec3(0.0));
+  EXPECT_EQ(float(ship->updateRate), 0.25f);
+  EXPECT_EQ(Id(ship->parentId), Id{});
 }
 
-TEST_F(TransformPass, NaNEndsThePassAndKeepsWhatWasApplied) {
-  for (int field = 0; field < 7; ++field) {
-    SCOPED_TRACE(testing::Message() << "NaN in field " << field);
-    ResetProcessState();
-    std::vector<ClientSideEntity::Ptr> ships;
-    std::vector<wire::TransformRecord> records;
-    for (uint64_t n = 1; n <= 4; ++n) {
-      ships.push_back(MakeEntity(EntityId(n), "ship"));
-      records.push_back(Record(EntityId(n), {double(n), 0, 0}));
-    }
-    if (field < 3) {
-      records[2].position[field] = kNaN;
-    } else {
-      records[2].orientation[field - 3] = std::numeric_limits<float>::quiet_NaN();
-    }
-
-    StderrCapture captured;
-    RunTransforms(TransformRecords(records));
-    EXPECT_EQ(captured.Text(), "Client Received NaN transform data\n");
-    EXPECT_TRUE(ships[0]->hasTarget);
-    EXPECT_TRUE(ships[1]->hasTarget);
-    EXPECT_FALSE(ships[2]->hasTarget);
-    EXPECT_FALSE(ships[3]->hasTarget);
-    EXPECT_EQ(glm::dvec3(ships[2]->targetPosition), glm::dvec3(0.0));
-  }
-}
-
-// Parent changes. `oldParent` and `newParent` are placed apart, rotated and nested, so that a
+// The ship sits under `old`; `old` and `fresh` are placed apart, rotated and nested so that a
 // wrong order of the matrix product shows.
-class ParentChange : public ClientTest {
- protected:
-  void SetUp() override {
-    ClientTest::SetUp();
-    MakeEntity(EntityId(20), "static", {}, {-4, 1, 2}, Rotation(30, {1, 0, 0}));
-    MakeEntity(kOldParent, "static", EntityId(20), {10, 0, 0}, Rotation(90, {0, 0, 1}));
-    MakeEntity(kNewParent, "static", {}, {0, 5, -3}, Rotation(-45, {0, 1, 1}));
-    ship = MakeEntity(EntityId(1), "ship", kOldParent, {1, 2, 3}, Rotation(60, {1, 1, 0}));
-    ship->hasTarget = true;
+TEST_F(StatePass, TransformSnapsTargetsOrReexpresses) {
+  const Id old = EntityId(21), fresh = EntityId(22), unknown = EntityId(404);
+  MakeEntity(EntityId(20), "static", {}, {-4, 1, 2}, Rotation(30, {1, 0, 0}));
+  MakeEntity(old, "static", EntityId(20), {10, 0, 0}, Rotation(90, {0, 0, 1}));
+  MakeEntity(fresh, "static", {}, {0, 5, -3}, Rotation(-45, {0, 1, 1}));
+  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship");
+  enum Outcome { kSnap, kTarget, kKeepPlace };
+  const struct {
+    const char* name;
+    Id from;
+    bool hasTarget;
+    Id to;
+    Outcome outcome;
+  } rows[] = {
+      {"no target yet", old, false, old, kSnap},
+      {"same parent with a target", old, true, old, kTarget},
+      {"both parents known", old, true, fresh, kKeepPlace},
+      {"new parent unknown", old, true, unknown, kSnap},
+      {"old parent unknown", unknown, true, fresh, kSnap},
+      {"into the environment", old, true, Id{5, 0}, kSnap},
+      {"out of the environment", Id{}, true, fresh, kSnap},
+  };
+  const glm::dvec3 sent{7, 8, 9}, start{1, 2, 3};
+  const Orientation turn{0, 0, 1, 0}, startTurn = Rotation(60, {1, 1, 0});
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    ship->parentId = row.from;
+    ship->position = start;
+    ship->orientation = startTurn;
+    ship->hasTarget = row.hasTarget;
     ship->stale = true;
-  }
+    const glm::dmat4 before = ship->GetAbsoluteTransformInEnvironment();
+    RunTransforms({Record(EntityId(1), sent, turn)}, 1, row.to);
 
-  const Id kOldParent = EntityId(21);
-  const Id kNewParent = EntityId(22);
-  ClientSideEntity::Ptr ship;
-};
-
-TEST_F(ParentChange, WithBothParentsKnownKeepsThePlaceInTheWorld) {
-  const glm::dmat4 before = ship->GetAbsoluteTransformInEnvironment();
-  RunTransforms(TransformRecords({Record(EntityId(1), {7, 8, 9}, 0, 0, 1, 0)}), 1, kNewParent);
-
-  EXPECT_EQ(Id(ship->parentId), kNewParent);
-  ExpectNear(ship->GetAbsoluteTransformInEnvironment(), before, 1e-5);
-  EXPECT_EQ(glm::dvec3(ship->targetPosition), glm::dvec3(7, 8, 9));
-  EXPECT_EQ(Orientation(ship->targetOrientation), (Orientation{0, 0, 1, 0}));
-  EXPECT_NE(glm::dvec3(ship->position), glm::dvec3(7, 8, 9)) << "re-expressed, not snapped";
-  EXPECT_NE(glm::dvec3(ship->position), glm::dvec3(1, 2, 3)) << "not re-expressed at all";
-  EXPECT_TRUE(ship->hasTarget);
-  EXPECT_FALSE(ship->stale);
-}
-
-TEST_F(ParentChange, WithAParentUnknownSnaps) {
-  for (const auto& [from, to] : {std::pair<Id, Id>{kOldParent, EntityId(404)},
-                                 std::pair<Id, Id>{EntityId(404), kNewParent}}) {
-    SCOPED_TRACE(testing::Message() << "from " << from.word0 << " to " << to.word0);
-    ship->parentId = from;
-    ship->hasTarget = true;
-    ship->stale = true;
-    RunTransforms(TransformRecords({Record(EntityId(1), {7, 8, 9}, 0, 0, 1, 0)}), 1, to);
-
-    EXPECT_EQ(Id(ship->parentId), to);
-    EXPECT_EQ(glm::dvec3(ship->position), glm::dvec3(7, 8, 9));
-    EXPECT_EQ(Orientation(ship->orientation), (Orientation{0, 0, 1, 0}));
+    EXPECT_EQ(Id(ship->parentId), row.to);
+    EXPECT_EQ(glm::dvec3(ship->targetPosition), sent);
+    EXPECT_EQ(Orientation(ship->targetOrientation), turn);
     EXPECT_TRUE(ship->hasTarget);
     EXPECT_FALSE(ship->stale);
+    if (row.outcome == kSnap) {
+      EXPECT_EQ(glm::dvec3(ship->position), sent);
+      EXPECT_EQ(Orientation(ship->orientation), turn);
+    } else if (row.outcome == kTarget) {
+      EXPECT_EQ(glm::dvec3(ship->position), start);
+      EXPECT_EQ(Orientation(ship->orientation), startTurn);
+    } else {
+      const glm::dmat4 now = ship->GetAbsoluteTransformInEnvironment();
+      for (int i = 0; i < 16; ++i) EXPECT_NEAR(now[i / 4][i % 4], before[i / 4][i % 4], 1e-5);
+      EXPECT_NE(glm::dvec3(ship->position), sent) << "snapped, not re-expressed";
+      EXPECT_NE(glm::dvec3(ship->position), start) << "not re-expressed at all";
+    }
   }
 }
 
-TEST_F(ParentChange, WithoutTargetOrToOrFromTheEnvironmentSnaps) {
-  const struct {
-    const char* what;
-    Id from, to;
-    bool hasTarget;
-  } cases[] = {
-      {"no target yet", kOldParent, kNewParent, false},
-      {"into the environment", kOldParent, Id{5, 0}, true},
-      {"out of the environment", Id{}, kNewParent, true},
-  };
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.what);
-    ship->parentId = c.from;
-    ship->hasTarget = c.hasTarget;
-    ship->position = glm::dvec3(1, 2, 3);
-    RunTransforms(TransformRecords({Record(EntityId(1), {7, 8, 9})}), 1, c.to);
-
-    EXPECT_EQ(Id(ship->parentId), c.to);
-    EXPECT_EQ(glm::dvec3(ship->position), glm::dvec3(7, 8, 9));
-    EXPECT_TRUE(ship->hasTarget);
-  }
-}
-
-class PhysicsPass : public ClientTest {};
-
-TEST_F(PhysicsPass, OnlyDrivenEntitiesWithoutParentTakePhysics) {
+TEST_F(StatePass, PhysicsOnlyForDrivenEntitiesWithoutParent) {
   MakeEntity(EntityId(9), "static");
   const ClientSideEntity::Ptr free = MakeEntity(EntityId(1), "ship", {}, {5, 5, 5});
   const ClientSideEntity::Ptr carried = MakeEntity(EntityId(2), "ship", EntityId(9));
   const ClientSideEntity::Ptr rock = MakeEntity(EntityId(3), "static");
   const ClientSideEntity::Ptr halfParent = MakeEntity(EntityId(4), "ship", Id{9, 0});
-  RunPhysics(PhysicsRecords(
-      {Physics(EntityId(404), {1, 1, 1}, {1, 1, 1}), Physics(EntityId(1), {1, 2, 3}, {4, 5, 6}),
-       Physics(EntityId(2), {1, 2, 3}, {4, 5, 6}), Physics(EntityId(3), {1, 2, 3}, {4, 5, 6}),
-       Physics(EntityId(4), {7, 8, 9}, {1, 1, 1})}));
-
+  RunPhysics({{EntityId(404), {1, 1, 1}, {1, 1, 1}},
+              {EntityId(1), {1, 2, 3}, {4, 5, 6}},
+              {EntityId(2), {1, 2, 3}, {4, 5, 6}},
+              {EntityId(3), {1, 2, 3}, {4, 5, 6}},
+              {EntityId(4), {7, 8, 9}, {1, 1, 1}}});
   EXPECT_EQ(glm::dvec3(free->velocity), glm::dvec3(1, 2, 3));
   EXPECT_EQ(glm::dvec3(free->physicsExtra), glm::dvec3(4, 5, 6));
   EXPECT_EQ(glm::dvec3(free->position), glm::dvec3(5, 5, 5));
-  EXPECT_EQ(float(free->updateRate), 0.0f);
   EXPECT_FALSE(free->hasTarget);
   EXPECT_EQ(glm::dvec3(carried->velocity), glm::dvec3(0.0));
-  EXPECT_EQ(glm::dvec3(carried->physicsExtra), glm::dvec3(0.0));
   EXPECT_EQ(glm::dvec3(rock->velocity), glm::dvec3(0.0));
   EXPECT_EQ(glm::dvec3(halfParent->velocity), glm::dvec3(7, 8, 9))
       << "a parent id with a zero word means no parent";
 }
 
-TEST_F(PhysicsPass, NaNEndsThePassAndKeepsWhatWasApplied) {
-  for (int field = 0; field < 6; ++field) {
-    SCOPED_TRACE(testing::Message() << "NaN in field " << field);
-    ResetProcessState();
+// A NaN in any field of record 3 of 4 ends the pass with one line; records 1 and 2 stay.
+TEST_F(StatePass, NaNEndsThePassAndKeepsWhatWasApplied) {
+  const char* const fields[] = {"x", "y", "z", "w", "qx", "qy", "qz"};
+  for (int field = 0; field < 13; ++field) {
+    const bool physics = field >= 7;
+    SCOPED_TRACE(testing::Message() << (physics ? "physics " : "transform ")
+                                    << (physics ? (field < 10 ? "velocity " : "extra ") : "")
+                                    << fields[physics ? (field - 7) % 3 : field]);
+    ResetClientState();
     std::vector<ClientSideEntity::Ptr> ships;
-    std::vector<wire::PhysicsRecord> records;
+    std::vector<wire::TransformRecord> transforms;
+    std::vector<wire::PhysicsRecord> motions;
     for (uint64_t n = 1; n <= 4; ++n) {
       ships.push_back(MakeEntity(EntityId(n), "ship"));
-      records.push_back(Physics(EntityId(n), {double(n), 0, 0}, {0, 0, double(n)}));
+      transforms.push_back(Record(EntityId(n), {double(n), 0, 0}));
+      motions.push_back({EntityId(n), {double(n), 0, 0}, {0, 0, double(n)}});
     }
-    (field < 3 ? records[2].velocity : records[2].extra)[field % 3] = kNaN;
-
+    if (physics) {
+      (field < 10 ? motions[2].velocity : motions[2].extra)[(field - 7) % 3] = kNaN;
+    } else if (field < 3) {
+      transforms[2].position[field] = kNaN;
+    } else {
+      transforms[2].orientation[field - 3] = NAN;
+    }
     StderrCapture captured;
-    RunPhysics(PhysicsRecords(records));
-    EXPECT_EQ(captured.Text(), "Client Received NaN physics data\n");
-    EXPECT_EQ(glm::dvec3(ships[0]->velocity).x, 1.0);
-    EXPECT_EQ(glm::dvec3(ships[1]->velocity).x, 2.0);
-    EXPECT_EQ(glm::dvec3(ships[2]->velocity), glm::dvec3(0.0));
+    physics ? RunPhysics(motions) : RunTransforms(transforms);
+    EXPECT_EQ(captured.Text(), physics ? "Client Received NaN physics data\n"
+                                       : "Client Received NaN transform data\n");
+    for (size_t i = 0; i < 4; ++i) {
+      EXPECT_EQ(physics ? glm::dvec3(ships[i]->velocity).x : double(ships[i]->hasTarget),
+                i < 2 ? (physics ? double(i + 1) : 1.0) : 0.0)
+          << "record " << i + 1;
+    }
+    EXPECT_EQ(glm::dvec3(ships[2]->targetPosition), glm::dvec3(0.0));
     EXPECT_EQ(glm::dvec3(ships[2]->physicsExtra), glm::dvec3(0.0));
-    EXPECT_EQ(glm::dvec3(ships[3]->velocity), glm::dvec3(0.0));
   }
 }
 
 }  // namespace
-}  // namespace clienttest

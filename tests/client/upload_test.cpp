@@ -1,295 +1,185 @@
-// What one Send() uploads: queued entity actions on TCP, and each mod's reliable and
-// unreliable messages, read byte for byte by the server on loopback.
+// What one Send() uploads: entity actions and each mod's reliable and unreliable messages.
 #include <gtest/gtest.h>
 
-#include <map>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
-#include "client/OutboundSupport.h"
-#include "support_helpers/StderrCapture.h"
+#include "ClientSession.h"
+#include "FakeClock.h"
+#include "Hex.h"
+#include "StderrCapture.h"
+#include "TestMods.h"
 
-namespace clienttest {
-
-using testing_support::StderrCapture;
 namespace {
 
+using namespace testlib;
 using orvex::filesystem::WriteOnlyStream;
 
-class EntityActionUpload : public OutboundTest {};
+Bytes operator+(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
 
-TEST_F(EntityActionUpload, QueuedActionsLeaveAsOneRecordEachInQueuingOrder) {
-  auto entity = MakeBareEntity(1);
-  const std::vector<Bytes> actions = {Pattern(3, 0x10), Bytes{}, Pattern(300, 0x20)};
-  for (const Bytes& action : actions) QueueAction(*entity, action);
-
-  const uint64_t sent = SendFrame();
-
-  Bytes expected;
-  for (const Bytes& action : actions) {
-    const Bytes record = ActionRecord(entity->id, action);
-    expected.insert(expected.end(), record.begin(), record.end());
+class Upload : public testing::Test {
+ protected:
+  Upload() { Start(); }
+  void Start() {
+    session.reset();
+    ResetClientState();
+    FakeClock::Install();
+    SessionOptions options;
+    options.startReceiving = false;
+    session = std::make_unique<Session>(options);
   }
-  EXPECT_HEX_EQ(Server().ReadBytes(expected.size()), expected);
-  // The records count as the frame's TCP traffic: no TCP keep-alive, only the datagram one.
-  EXPECT_EQ(sent, expected.size() + KeepAliveDatagram().size());
-  EXPECT_FALSE(entity->hasPendingActions);
-  EXPECT_TRUE(entity->pendingActions.empty());
-
-  // Uploaded once: the next silent frame sends a keep-alive, not the actions again.
-  FakeClock::Advance(1);
-  SendFrame();
-  EXPECT_HEX_EQ(Server().ReadBytes(1), Bytes{0x03});
-}
-
-TEST_F(EntityActionUpload, ActionsWithoutTheFlagStayQueuedAndUnsent) {
-  auto entity = MakeBareEntity(1);
-  {
-    std::lock_guard<std::mutex> lock(entity->actionsMutex);
-    orvex::filesystem::Stream action;
-    WriteBytes(action, Pattern(5));
-    entity->pendingActions.push_back(action);
+  uint64_t SendFrame() {
+    const uint64_t before = session->Client().GetBytesOut();
+    session->Client().Send();
+    return session->Client().GetBytesOut() - before;
   }
+  Bytes Tcp(size_t n) { return session->Connection().ReadBytes(n); }
 
-  const uint64_t sent = SendFrame();
+  CleanClientState clean;
+  std::unique_ptr<Session> session;
+};
 
-  EXPECT_HEX_EQ(Server().ReadBytes(1), Bytes{0x03}) << "only the TCP keep-alive may leave";
-  EXPECT_EQ(sent, 1 + KeepAliveDatagram().size());
-  EXPECT_EQ(entity->pendingActions.size(), 1u);
-}
-
-TEST_F(EntityActionUpload, FlagWithAnEmptyQueueSendsNothingAndIsCleared) {
-  auto entity = MakeBareEntity(1);
-  entity->hasPendingActions = true;
-
-  const uint64_t sent = SendFrame();
-
-  // Nothing was written, so the frame counts as silent on TCP.
-  EXPECT_HEX_EQ(Server().ReadBytes(1), Bytes{0x03});
-  EXPECT_EQ(sent, 1 + KeepAliveDatagram().size());
-  EXPECT_FALSE(entity->hasPendingActions);
-}
-
-TEST_F(EntityActionUpload, EveryEntityWithActionsIsUploadedInTheSameFrame) {
-  auto first = MakeBareEntity(1);
-  auto second = MakeBareEntity(2);
-  auto idle = MakeBareEntity(3);
-  QueueAction(*first, Pattern(4, 0xA0));
-  QueueAction(*second, Pattern(6, 0xB0));
-  QueueAction(*first, Pattern(2, 0xC0));
-
-  const uint64_t sent = SendFrame();
-
-  // The registry decides the order of entities; each entity's actions keep their order.
-  std::map<uint64_t, std::vector<Bytes>> byEntity;
-  std::vector<uint64_t> order;
-  uint64_t recordBytes = 0;
-  for (int i = 0; i < 3; ++i) {
-    wire::ClientMessage message = Server().ReadMessage();
-    ASSERT_EQ(message.code, 0x43);
-    order.push_back(message.entity.word0);
-    recordBytes += 1 + 16 + 4 + message.payload.size();
-    byEntity[message.entity.word0].push_back(message.payload);
+// A frame's bytes for the mods of a row. Traffic on a channel replaces its keep-alive; a
+// flush of the reliable stream ends a record, one of the unreliable stream sends a
+// datagram; an unreliable payload over 1366 bytes (1400 with the header) is discarded.
+TEST_F(Upload, ModuleMessages) {
+  const auto reliable = [](size_t n) -> SendScript {
+    return [n](WriteOnlyStream& r, WriteOnlyStream&) { WriteBytes(r, Pattern(n)); };
+  };
+  const auto unreliable = [](size_t n) -> SendScript {
+    return [n](WriteOnlyStream&, WriteOnlyStream& u) { WriteBytes(u, Pattern(n)); };
+  };
+  const auto both = [](size_t r, size_t u) -> SendScript {
+    return [r, u](WriteOnlyStream& rs, WriteOnlyStream& us) {
+      WriteBytes(rs, Pattern(r));
+      WriteBytes(us, Pattern(u));
+    };
+  };
+  const SendScript flushes = [](WriteOnlyStream& r, WriteOnlyStream& u) {
+    r.Flush();  // nothing written yet: no record
+    WriteBytes(r, Pattern(3));
+    r.Flush();
+    WriteBytes(r, Pattern(2));
+    WriteBytes(u, Pattern(3));
+    u.Flush();
+    WriteBytes(u, Pattern(2));
+  };
+  const Bytes tcpKeepAlive{0x03};
+  const auto record = [](size_t n) { return ModuleRecord("TEST_alpha", Pattern(n)); };
+  const auto datagram = [](size_t n, const char* mod = "TEST_alpha") {
+    return ClientModuleDatagram(mod, Pattern(n));
+  };
+  const struct {
+    const char* name;
+    std::vector<std::pair<const char*, SendScript>> mods;
+    Bytes tcp;
+    std::vector<Bytes> datagrams;
+    bool discarded;
+  } rows[] = {
+      // clang-format off
+      {"no send handlers", {{"TEST_mute", nullptr}, {"TEST_quiet", nullptr}}, tcpKeepAlive, {KeepAliveDatagram()}, false},
+      {"reliable", {{"TEST_alpha", reliable(5)}}, record(5), {KeepAliveDatagram()}, false},
+      {"unreliable", {{"TEST_alpha", unreliable(4)}}, tcpKeepAlive, {datagram(4)}, false},
+      {"both channels", {{"TEST_alpha", both(7, 9)}}, record(7), {datagram(9)}, false},
+      {"one datagram per mod in load order", {{"TEST_alpha", unreliable(10)}, {"TEST_mute", nullptr}, {"TEST_beta", unreliable(20)}}, tcpKeepAlive, {datagram(10), datagram(20, "TEST_beta")}, false},
+      {"flushes split records and datagrams", {{"TEST_alpha", flushes}}, record(3) + record(2), {datagram(3), datagram(2)}, false},
+      {"1365 bytes", {{"TEST_alpha", unreliable(1365)}}, tcpKeepAlive, {datagram(1365)}, false},
+      {"1366 bytes fill a 1400-byte datagram", {{"TEST_alpha", unreliable(1366)}}, tcpKeepAlive, {datagram(1366)}, false},
+      {"1367 bytes: discarded, the reliable part leaves", {{"TEST_alpha", both(6, 1367)}}, record(6), {KeepAliveDatagram()}, true},
+      {"1400 bytes: discarded, the next mod's leaves", {{"TEST_alpha", unreliable(1400)}, {"TEST_beta", unreliable(3)}}, tcpKeepAlive, {datagram(3, "TEST_beta")}, true},
+      // clang-format on
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    Start();
+    for (const auto& [name, script] : row.mods) LoadSendMod(name, script);
+    StderrCapture captured;
+    uint64_t expected = row.tcp.size();
+    for (const Bytes& d : row.datagrams) expected += d.size();
+    EXPECT_EQ(SendFrame(), expected);
+    EXPECT_HEX_EQ(Tcp(row.tcp.size()), row.tcp);
+    for (const Bytes& d : row.datagrams) EXPECT_HEX_EQ(session->NextDatagram(), d);
+    EXPECT_TRUE(session->NoMoreDatagrams());
+    EXPECT_EQ(captured.Text(),
+              row.discarded ? "Datagram packet size exceeds 1366 bytes and is therefore discarded\n"
+                            : "");
   }
-  EXPECT_EQ(byEntity[first->id.word0], (std::vector<Bytes>{Pattern(4, 0xA0), Pattern(2, 0xC0)}));
-  EXPECT_EQ(byEntity[second->id.word0], std::vector<Bytes>{Pattern(6, 0xB0)});
-  EXPECT_EQ(byEntity.count(idle->id.word0), 0u);
-  EXPECT_TRUE(order == (std::vector<uint64_t>{1, 1, 2}) ||
-              order == (std::vector<uint64_t>{2, 1, 1}))
-      << "one entity's records are not interleaved with another's";
-  EXPECT_EQ(sent, recordBytes + KeepAliveDatagram().size());
 }
 
-class ModuleUpload : public OutboundTest {};
-
-TEST_F(ModuleUpload, ReliableMessageIsOneTcpRecordAndNoDatagram) {
-  LoadSendMod("TEST_alpha", [](WriteOnlyStream& reliable, WriteOnlyStream&) {
-    WriteBytes(reliable, Pattern(5, 0x61));
-  });
-
-  const uint64_t sent = SendFrame();
-
-  const Bytes record = ModuleRecord("TEST_alpha", Pattern(5, 0x61));
-  EXPECT_HEX_EQ(Server().ReadBytes(record.size()), record);
-  // The datagram channel stayed silent, so its keep-alive is all that goes there.
-  EXPECT_HEX_EQ(NextDatagram(), KeepAliveDatagram());
-  EXPECT_EQ(sent, record.size() + KeepAliveDatagram().size());
-}
-
-TEST_F(ModuleUpload, UnreliableMessageIsOneDatagramOfHeaderAndRecord) {
-  LoadSendMod("TEST_alpha", [](WriteOnlyStream&, WriteOnlyStream& unreliable) {
-    WriteBytes(unreliable, Pattern(4, 0x70));
-  });
-
-  const uint64_t sent = SendFrame();
-
-  const Bytes datagram = ModuleDatagram("TEST_alpha", Pattern(4, 0x70));
-  EXPECT_HEX_EQ(NextDatagram(), datagram);
-  // TCP stayed silent: its keep-alive goes; the datagram replaced the datagram keep-alive.
-  EXPECT_HEX_EQ(Server().ReadBytes(1), Bytes{0x03});
-  EXPECT_EQ(sent, datagram.size() + 1);
-  EXPECT_TRUE(NoMoreDatagrams());
-}
-
-TEST_F(ModuleUpload, MessagesOnBothChannelsReplaceBothKeepAlives) {
-  LoadSendMod("TEST_alpha", [](WriteOnlyStream& reliable, WriteOnlyStream& unreliable) {
-    WriteBytes(reliable, Pattern(7, 0x01));
-    WriteBytes(unreliable, Pattern(9, 0x02));
-  });
-
-  const uint64_t sent = SendFrame();
-
-  const Bytes record = ModuleRecord("TEST_alpha", Pattern(7, 0x01));
-  const Bytes datagram = ModuleDatagram("TEST_alpha", Pattern(9, 0x02));
-  EXPECT_HEX_EQ(Server().ReadBytes(record.size()), record);
-  EXPECT_HEX_EQ(NextDatagram(), datagram);
-  EXPECT_EQ(sent, record.size() + datagram.size());
-}
-
-TEST_F(ModuleUpload, FlushingTheReliableStreamSplitsTheMessageIntoRecordsOfTheSameModule) {
-  LoadSendMod("TEST_alpha", [](WriteOnlyStream& reliable, WriteOnlyStream&) {
-    reliable.Flush();  // nothing written yet: no record
-    WriteBytes(reliable, Pattern(3, 0x11));
-    reliable.Flush();
-    WriteBytes(reliable, Pattern(2, 0x22));
-  });
-
-  const uint64_t sent = SendFrame();
-
-  const Bytes expected = wire::ByteWriter()
-                             .Append(ModuleRecord("TEST_alpha", Pattern(3, 0x11)))
-                             .Append(ModuleRecord("TEST_alpha", Pattern(2, 0x22)));
-  EXPECT_HEX_EQ(Server().ReadBytes(expected.size()), expected);
-  EXPECT_EQ(sent, expected.size() + KeepAliveDatagram().size());
-}
-
-TEST_F(ModuleUpload, FlushingTheUnreliableStreamSendsADatagramAtOnce) {
-  LoadSendMod("TEST_alpha", [this](WriteOnlyStream&, WriteOnlyStream& unreliable) {
-    WriteBytes(unreliable, Pattern(3, 0x31));
-    unreliable.Flush();
-    // Already on its way while the handler still runs.
-    EXPECT_HEX_EQ(NextDatagram(), ModuleDatagram("TEST_alpha", Pattern(3, 0x31)));
-    WriteBytes(unreliable, Pattern(2, 0x41));
-  });
-
-  const uint64_t sent = SendFrame();
-
-  const Bytes second = ModuleDatagram("TEST_alpha", Pattern(2, 0x41));
-  EXPECT_HEX_EQ(NextDatagram(), second);
-  EXPECT_HEX_EQ(Server().ReadBytes(1), Bytes{0x03});
-  EXPECT_EQ(sent, ModuleDatagram("TEST_alpha", Pattern(3, 0x31)).size() + second.size() + 1);
-}
-
-TEST_F(ModuleUpload, EachModulesDatagramLeavesOnItsOwn) {
-  LoadSendMod("TEST_alpha", [](WriteOnlyStream&, WriteOnlyStream& unreliable) {
-    WriteBytes(unreliable, Pattern(10, 0x01));
-  });
-  LoadSendMod("TEST_mute", nullptr);
-  LoadSendMod("TEST_beta", [](WriteOnlyStream&, WriteOnlyStream& unreliable) {
-    WriteBytes(unreliable, Pattern(20, 0x02));
-  });
-
-  SendFrame();
-
-  // Mods run in load order; a mod without a send handler adds nothing.
-  EXPECT_HEX_EQ(NextDatagram(), ModuleDatagram("TEST_alpha", Pattern(10, 0x01)));
-  EXPECT_HEX_EQ(NextDatagram(), ModuleDatagram("TEST_beta", Pattern(20, 0x02)));
-  EXPECT_TRUE(NoMoreDatagrams());
-}
-
-TEST_F(ModuleUpload, ModsWithoutSendHandlerSendNothing) {
-  LoadSendMod("TEST_mute", nullptr);
-  LoadSendMod("TEST_quiet", nullptr);
-
-  const uint64_t sent = SendFrame();
-
-  EXPECT_HEX_EQ(Server().ReadBytes(1), Bytes{0x03});
-  EXPECT_HEX_EQ(NextDatagram(), KeepAliveDatagram());
-  EXPECT_EQ(sent, 1 + KeepAliveDatagram().size());
-}
-
-TEST_F(ModuleUpload, LargestUnreliablePayloadFillsOneFullDatagram) {
-  LoadSendMod("TEST_alpha", [](WriteOnlyStream&, WriteOnlyStream& unreliable) {
-    WriteBytes(unreliable, Pattern(1366));
-  });
-  StderrCapture captured;
-
-  SendFrame();
-
-  const Bytes datagram = NextDatagram();
-  EXPECT_EQ(datagram.size(), 1400u);
-  EXPECT_HEX_EQ(datagram, ModuleDatagram("TEST_alpha", Pattern(1366)));
-  EXPECT_EQ(captured.Text(), "");
-}
-
-TEST_F(ModuleUpload, OversizedUnreliablePayloadIsDiscardedAndTheReliablePartStillLeaves) {
-  LoadSendMod("TEST_alpha", [](WriteOnlyStream& reliable, WriteOnlyStream& unreliable) {
-    WriteBytes(reliable, Pattern(6, 0x51));
-    WriteBytes(unreliable, Pattern(1367));
-  });
-  StderrCapture captured;
-
-  const uint64_t sent = SendFrame();
-
-  EXPECT_EQ(captured.Text(),
-            "Datagram packet size exceeds 1366 bytes and is therefore discarded\n");
-  const Bytes record = ModuleRecord("TEST_alpha", Pattern(6, 0x51));
-  EXPECT_HEX_EQ(Server().ReadBytes(record.size()), record);
-  // Nothing went out on the datagram channel, so its keep-alive does.
-  EXPECT_HEX_EQ(NextDatagram(), KeepAliveDatagram());
-  EXPECT_EQ(sent, record.size() + KeepAliveDatagram().size());
-}
-
-TEST_F(ModuleUpload, DiscardedPayloadDoesNotLeakIntoLaterDatagrams) {
+TEST_F(Upload, DiscardedPayloadDoesNotLeakIntoLaterDatagrams) {
   bool oversized = true;
-  LoadSendMod("TEST_alpha", [&oversized](WriteOnlyStream&, WriteOnlyStream& unreliable) {
-    WriteBytes(unreliable, oversized ? Pattern(1400) : Pattern(5, 0x61));
+  LoadSendMod("TEST_alpha", [&](WriteOnlyStream&, WriteOnlyStream& unreliable) {
+    WriteBytes(unreliable, oversized ? Pattern(1400) : Pattern(5));
   });
-  LoadSendMod("TEST_beta", [](WriteOnlyStream&, WriteOnlyStream& unreliable) {
-    WriteBytes(unreliable, Pattern(3, 0x62));
-  });
-  StderrCapture captured;
-
+  StderrCapture quiet;
   SendFrame();
-  EXPECT_HEX_EQ(NextDatagram(), ModuleDatagram("TEST_beta", Pattern(3, 0x62)));
-
+  EXPECT_HEX_EQ(session->NextDatagram(), KeepAliveDatagram());
   oversized = false;
   FakeClock::Advance(1);
   SendFrame();
-  EXPECT_HEX_EQ(NextDatagram(), ModuleDatagram("TEST_alpha", Pattern(5, 0x61)));
-  EXPECT_HEX_EQ(NextDatagram(), ModuleDatagram("TEST_beta", Pattern(3, 0x62)));
-  EXPECT_TRUE(NoMoreDatagrams());
-  EXPECT_NE(captured.Text(), "");
+  EXPECT_HEX_EQ(session->NextDatagram(), ClientModuleDatagram("TEST_alpha", Pattern(5)));
 }
 
-TEST_F(ModuleUpload, StreamsFlushedAfterSendReturnsSendNothing) {
-  WriteOnlyStream* reliableSeen = nullptr;
-  WriteOnlyStream* unreliableSeen = nullptr;
-  LoadSendMod("TEST_alpha", [&](WriteOnlyStream& reliable, WriteOnlyStream& unreliable) {
-    reliableSeen = &reliable;
-    unreliableSeen = &unreliable;
+TEST_F(Upload, StreamsFlushedAfterSendReturnsSendNothing) {
+  WriteOnlyStream* reliable = nullptr;
+  WriteOnlyStream* unreliable = nullptr;
+  LoadSendMod("TEST_alpha", [&](WriteOnlyStream& r, WriteOnlyStream& u) {
+    reliable = &r;
+    unreliable = &u;
   });
   SendFrame();
-  ASSERT_NE(reliableSeen, nullptr);
-  ASSERT_NE(unreliableSeen, nullptr);
-  Server().ReadBytes(1);
-  NextDatagram();
+  Tcp(1);
+  session->NextDatagram();
 
-  const uint64_t sent = BytesOutOf([&] {
-    WriteBytes(*reliableSeen, Pattern(8));
-    reliableSeen->Flush();
-    WriteBytes(*unreliableSeen, Pattern(8));
-    unreliableSeen->Flush();
-  });
-
-  EXPECT_EQ(sent, 0u);
-  EXPECT_TRUE(NoMoreDatagrams());
-  // Nor does anything wait in the TCP buffer for the next frame's flush (1 ms later, with
-  // no keep-alive due and nothing written by the mod).
+  const uint64_t before = session->Client().GetBytesOut();
+  WriteBytes(*reliable, Pattern(8));
+  reliable->Flush();
+  WriteBytes(*unreliable, Pattern(8));
+  unreliable->Flush();
+  EXPECT_EQ(session->Client().GetBytesOut(), before);
+  // Nor does anything wait in the TCP buffer for the next frame's flush.
   FakeClock::Advance(1);
   EXPECT_EQ(SendFrame(), 0u);
-  EXPECT_TRUE(Server().ReadAvailable(100, 1000).empty());
+  EXPECT_TRUE(session->NoMoreDatagrams());
+  EXPECT_TRUE(session->Connection().ReadAvailable(100, 1000).empty());
+}
+
+// Each queued action is one record, uploaded once, in queuing order per entity; an entity's
+// records are not interleaved with another's. Only the pending flag starts an upload.
+TEST_F(Upload, EntityActions) {
+  auto first = MakeEntity(EntityId(1), "ship");
+  auto second = MakeEntity(EntityId(2), "ship");
+  auto unflagged = MakeEntity(EntityId(3), "ship");
+  auto flaggedEmpty = MakeEntity(EntityId(4), "ship");
+  QueueAction(*first, Pattern(3, 0x10));
+  QueueAction(*second, Pattern(6, 0xB0));
+  QueueAction(*first, {});
+  QueueAction(*first, Pattern(300, 0x20));
+  {
+    std::lock_guard<std::mutex> lock(unflagged->actionsMutex);
+    unflagged->pendingActions.emplace_back();
+  }
+  flaggedEmpty->hasPendingActions = true;
+
+  const Bytes firsts = ActionRecord(first->id, Pattern(3, 0x10)) + ActionRecord(first->id, {}) +
+                       ActionRecord(first->id, Pattern(300, 0x20));
+  const Bytes seconds = ActionRecord(second->id, Pattern(6, 0xB0));
+  EXPECT_EQ(SendFrame(), firsts.size() + seconds.size() + KeepAliveDatagram().size());
+  const Bytes sent = Tcp(firsts.size() + seconds.size());
+  EXPECT_TRUE(sent == firsts + seconds || sent == seconds + firsts) << Hex(sent);
+  EXPECT_FALSE(first->hasPendingActions);
+  EXPECT_TRUE(first->pendingActions.empty());
+  EXPECT_FALSE(flaggedEmpty->hasPendingActions);
+  EXPECT_EQ(unflagged->pendingActions.size(), 1u);
+
+  FakeClock::Advance(1);  // uploaded once: the next silent frame sends only a keep-alive
+  SendFrame();
+  EXPECT_HEX_EQ(Tcp(1), Bytes{0x03});
 }
 
 }  // namespace
-}  // namespace clienttest

@@ -1,238 +1,153 @@
+// An entity comes to life through its module's interface: linked, synced, initialised, ready.
+#include <gtest/gtest.h>
+
 #include <any>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include "entity/EntityTestSupport.h"
+#include "GAME_Mod.h"
+#include "Game.h"
+#include "StderrCapture.h"
+#include "game/entity/ClientSideEntity.h"
 #include "game/graphics/Renderer.h"
-#include "support_helpers/StderrCapture.h"
 
-namespace entitytest {
 namespace {
 
+using game::entity::ClientSideEntity;
+using game::entity::Id;
 using game::entity::Orientation;
 using game::graphics::RenderableInstance;
-using testing_support::StderrCapture;
+using Supplier = GAME_Mod::InterfaceSupplier;
 
-constexpr Id kId{0x1111, 0x2222};
-constexpr Id kParent{0x3333, 0x4444};
+constexpr Id kId{0x1111, 0x2222}, kParent{0x3333, 0x4444};
 const glm::dvec3 kPosition(1.0, 2.0, 3.0);
-const Orientation kOrientation{0.5, 0.5, 0.5, 0.5};
 
-orvex::filesystem::ReadOnlyStream Payload(uint32_t value) {
-  orvex::filesystem::Stream stream;
-  stream.WriteValue(value);
-  return orvex::filesystem::ReadOnlyStream(stream.GetBuffer(), stream.GetBufferSize());
-}
-
-bool AnyLinked(const ClientSideEntity& entity) {
-  for (const auto& renderable : entity.renderables) {
-    if (renderable && renderable->linked) return true;
-  }
-  return false;
-}
-
-// What a recording interface saw at each of its steps.
-struct Seen {
-  std::vector<std::string> calls;
-  bool linkedAtSync = false;
-  bool placedAtSync = false;
-  bool readyAtSync = true;
-  bool renderablesLinkedAtSync = true;
-  uint32_t payload = 0;
-  uint32_t aimIdAfterInit = 0;
-  bool renderablesLinkedAtInit = true;
-  bool readyAtInit = true;
-};
-
-// Records the order of its calls and the state of itself and its entity at each one.
-struct RecordingInterface : ClientSideEntity::Interface {
-  explicit RecordingInterface(Seen& seen, bool throwInSync = false)
-      : seen(seen), throwInSync(throwInSync) {}
-
-  void Sync(orvex::filesystem::ReadOnlyStream& data) override {
-    seen.calls.push_back("Sync");
-    const ClientSideEntity::Ptr owner = entity.lock();
-    seen.linkedAtSync = owner && owner == ClientSideEntity::Get<ClientSideEntity>(kId) &&
-                        self.lock().get() == this && id == kId && sharedMember &&
-                        sharedMember == owner->sharedMember;
-    seen.placedAtSync = owner && Id(owner->parentId) == kParent &&
-                        glm::dvec3(owner->position) == kPosition &&
-                        Orientation(owner->orientation) == kOrientation;
-    seen.readyAtSync = ready || (owner && owner->ready);
-    seen.renderablesLinkedAtSync = owner && AnyLinked(*owner);
-    seen.payload = data.ReadValue<uint32_t>();
-    if (throwInSync) throw std::runtime_error("bad entity data");
-  }
-
-  void Init() override {
-    seen.calls.push_back("Init");
-    Interface::Init();
-    const ClientSideEntity::Ptr owner = entity.lock();
-    seen.aimIdAfterInit = aimId;
-    seen.renderablesLinkedAtInit = AnyLinked(*owner);
-    seen.readyAtInit = ready || owner->ready;
-  }
-
-  Seen& seen;
-  bool throwInSync;
-};
-
-class EntityInterface : public EntityTest {
+class EntityInterface : public ::testing::Test {
  protected:
-  static ClientSideEntity::Ptr Create(Id id, const std::string& module,
-                                      orvex::filesystem::ReadOnlyStream&& data = {}) {
-    return ClientSideEntity::Interface::Create(id, module, "ship", kParent, kPosition, kOrientation,
-                                               std::move(data));
+  void TearDown() override {
+    Game::ResetEntities();
+    GAME_Mod::UnloadAll();
+    Game::Reset();
   }
-
-  // A module whose entities get a RecordingInterface, `renderables` fresh instances and a
-  // shared member.
-  void LoadRecordingMod(const std::string& name, int renderables, bool throwInSync = false) {
-    LoadMod(name, [this, renderables, throwInSync](ClientSideEntity& entity) {
-      entity.interface = std::make_shared<RecordingInterface>(seen, throwInSync);
-      entity.sharedMember = std::make_shared<int>(42);
-      for (int i = 0; i < renderables; ++i) {
-        entity.renderables.push_back(std::make_shared<RenderableInstance>());
-      }
-    });
+  static void LoadMod(const std::string& name, Supplier supply) {
+    auto mod = std::make_shared<GAME_Mod>(name);
+    mod->supplyInterface = std::move(supply);
+    GAME_Mod::Load(mod);
   }
-
-  Seen seen;
+  static ClientSideEntity::Ptr Create(Id id, const std::string& module, uint32_t payload = 0) {
+    orvex::filesystem::Stream data;
+    data.WriteValue(payload);
+    return ClientSideEntity::Interface::Create(id, module, "ship", kParent, kPosition,
+                                               Orientation{0.5, 0.5, 0.5, 0.5},
+                                               {data.GetBuffer(), data.GetBufferSize()});
+  }
 };
 
-TEST_F(EntityInterface, ComesToLifeLinkedThenSyncedThenInitialisedThenReady) {
-  LoadRecordingMod("TEST_probe", 2);
-  const ClientSideEntity::Ptr entity = Create(kId, "test_Probe", Payload(0xABCD1234));
+// Writes down what its entity looked like at each step.
+struct Recorder : ClientSideEntity::Interface {
+  explicit Recorder(std::vector<std::string>& log) : log(log) {}
+  std::string State() {
+    const ClientSideEntity::Ptr owner = entity.lock();
+    return std::string(owner && owner == ClientSideEntity::Get<ClientSideEntity>(id) &&
+                               self.lock().get() == this && sharedMember == owner->sharedMember
+                           ? " linked"
+                           : " unlinked") +
+           (Id(owner->parentId) == kParent && glm::dvec3(owner->position) == kPosition ? " placed"
+                                                                                       : "") +
+           (ready || owner->ready ? " ready" : "") +
+           (owner->renderables[0]->linked ? " renderables linked" : "") + " aim " +
+           std::to_string(aimId);
+  }
+  void Sync(orvex::filesystem::ReadOnlyStream& data) override {
+    const uint32_t value = data.ReadValue<uint32_t>();
+    log.push_back("Sync" + State() + " data " + std::to_string(value));
+    if (value == 0xBAD) throw std::runtime_error("bad entity data");
+  }
+  void Init() override {
+    Interface::Init();
+    log.push_back("Init" + State());
+  }
+  std::vector<std::string>& log;
+};
 
-  ASSERT_NE(entity, nullptr);
-  EXPECT_EQ(seen.calls, (std::vector<std::string>{"Sync", "Init"}));
-  EXPECT_TRUE(seen.linkedAtSync) << "entity, self, id and shared member are set before Sync";
-  EXPECT_TRUE(seen.placedAtSync) << "parent, position and orientation are stored before Sync";
-  EXPECT_EQ(seen.payload, 0xABCD1234u) << "Sync reads the creation data";
-  EXPECT_FALSE(seen.renderablesLinkedAtSync);
-  EXPECT_FALSE(seen.readyAtSync);
-  EXPECT_EQ(seen.aimIdAfterInit, 1u);
-  EXPECT_FALSE(seen.renderablesLinkedAtInit) << "renderables are linked after Init";
-  EXPECT_FALSE(seen.readyAtInit);
-
-  EXPECT_TRUE(entity->ready);
-  EXPECT_TRUE(entity->interface->ready);
-  EXPECT_EQ(entity->interface->aimId, 1u);
-  EXPECT_EQ(entity, ClientSideEntity::Get<ClientSideEntity>(kId));
+TEST_F(EntityInterface, ComesToLifeLinkedPlacedSyncedInitialisedThenReady) {
+  std::vector<std::string> log;
+  LoadMod("TEST_probe", [&](ClientSideEntity& entity) {
+    entity.interface = std::make_shared<Recorder>(log);
+    entity.sharedMember = std::make_shared<int>(42);
+    entity.renderables = {std::make_shared<RenderableInstance>(),
+                          std::make_shared<RenderableInstance>()};
+  });
+  ClientSideEntity::Ptr entity = Create(kId, "test_Probe", 0xABCD);
+  EXPECT_EQ(log, (std::vector<std::string>{"Sync linked placed aim 0 data 43981",
+                                           "Init linked placed aim 1"}));
+  EXPECT_TRUE(entity->ready && entity->interface->ready);
   for (const auto& renderable : entity->renderables) {
     EXPECT_TRUE(renderable->linked);
     EXPECT_EQ(renderable->aimId, 1u);
-    EXPECT_EQ(renderable->aimIdCalls, 1);
   }
-  // The aim reference is named by the module's canonical text.
   ASSERT_EQ(Game::renderer->AimReferenceCount(), 1u);
-  EXPECT_EQ(Game::renderer->AimReferences()[0].name, "TEST_probe");
-}
-
-TEST_F(EntityInterface, EntityWithoutInterfaceIsRemovedSilently) {
-  std::weak_ptr<RenderableInstance> renderable;
-  LoadMod("TEST_empty", [&renderable](ClientSideEntity& entity) {
-    auto instance = std::make_shared<RenderableInstance>();
-    renderable = instance;
-    entity.renderables.push_back(instance);
-  });
-
-  StderrCapture err;
-  EXPECT_EQ(Create(kId, "TEST_empty"), nullptr);
-  EXPECT_EQ(Create(Id{5, 6}, "TEST_notloaded"), nullptr);
-  EXPECT_EQ(err.Text(), "");
-  EXPECT_FALSE(ClientSideEntity::Exists(kId));
-  EXPECT_FALSE(ClientSideEntity::Exists(Id{5, 6}));
-  EXPECT_TRUE(renderable.expired()) << "the entity was destroyed";
-  EXPECT_EQ(Game::renderer->AimReferenceCount(), 0u);
-}
-
-TEST_F(EntityInterface, SecondCreateWithALiveIdThrowsAndLeavesTheFirstAlone) {
-  LoadRecordingMod("TEST_probe", 1);
-  const ClientSideEntity::Ptr first = Create(kId, "TEST_probe");
-  const auto firstInterface = first->interface;
-
-  EXPECT_THROW(ClientSideEntity::Interface::Create(kId, "TEST_probe", "other", Id{7, 8},
-                                                   glm::dvec3(9.0), Orientation{}, {}),
-               std::runtime_error);
-
-  EXPECT_EQ(ClientSideEntity::Get<ClientSideEntity>(kId), first);
-  EXPECT_EQ(first->interface, firstInterface);
-  EXPECT_EQ(first->interface->aimId, 1u);
-  EXPECT_EQ(glm::dvec3(first->position), kPosition);
-  EXPECT_EQ(Id(first->parentId), kParent);
-  EXPECT_EQ(seen.calls, (std::vector<std::string>{"Sync", "Init"})) << "nothing ran twice";
-  EXPECT_EQ(Game::renderer->AimReferenceCount(), 1u);
-}
-
-TEST_F(EntityInterface, DefaultInterfaceGetsAnAimIdWithoutRenderablesAndReadsNothing) {
-  LoadMod("CORE_ship", [](ClientSideEntity& entity) {
-    entity.interface = std::make_shared<ClientSideEntity::Interface>();
-  });
-  orvex::filesystem::ReadOnlyStream data = Payload(7);
-
-  const ClientSideEntity::Ptr first = Create(kId, "core_Ship", std::move(data));
-  const ClientSideEntity::Ptr second = Create(Id{9, 9}, "CORE_ship");
-
-  ASSERT_NE(first, nullptr);
-  EXPECT_EQ(data.GetPosition(), 0u) << "the default Sync reads nothing";
-  EXPECT_EQ(first->interface->aimId, 1u);
-  EXPECT_EQ(second->interface->aimId, 2u);
-  EXPECT_TRUE(first->ready && first->interface->ready);
-  EXPECT_EQ(first->interface->id, kId);
-  EXPECT_EQ(first->interface->entity.lock(), first);
-  EXPECT_EQ(Game::renderer->AimReferences()[0].name, "CORE_ship");
-}
-
-TEST_F(EntityInterface, AimReferenceIsAWeakPointerThatKeepsNothingAlive) {
-  LoadRecordingMod("TEST_probe", 1);
-  ClientSideEntity::Ptr entity = Create(kId, "TEST_probe");
-
-  const std::any reference = Game::renderer->AimReferences().at(0).reference;
-  const auto* weak = std::any_cast<std::weak_ptr<ClientSideEntity::Interface>>(&reference);
+  const auto aim = Game::renderer->AimReferences().at(0);
+  EXPECT_EQ(aim.name, "TEST_probe") << "named by the module's canonical text";
+  const auto* weak = std::any_cast<std::weak_ptr<ClientSideEntity::Interface>>(&aim.reference);
   ASSERT_NE(weak, nullptr);
   EXPECT_EQ(weak->lock(), entity->interface);
+
+  EXPECT_THROW(Create(kId, "TEST_probe"), std::runtime_error) << "the id is taken";
+  EXPECT_EQ(ClientSideEntity::Get<ClientSideEntity>(kId), entity);
+  EXPECT_EQ(log.size(), 2u) << "nothing ran twice";
+  EXPECT_EQ(Game::renderer->AimReferenceCount(), 1u);
 
   entity.reset();
   ClientSideEntity::Destroy(kId);
   EXPECT_TRUE(weak->expired()) << "the renderer kept the interface alive";
+
+  EXPECT_THROW(Create(kId, "TEST_probe", 0xBAD), std::runtime_error);  // a failing Sync
+  entity = ClientSideEntity::Get<ClientSideEntity>(kId);
+  ASSERT_NE(entity, nullptr) << "registered";
+  EXPECT_FALSE(entity->ready || entity->interface->ready);
+  EXPECT_EQ(log.back(), "Sync linked placed aim 0 data 2989") << "and no Init";
 }
 
-TEST_F(EntityInterface, FailingSyncPropagatesAndLeavesTheEntityRegisteredButNotReady) {
-  LoadRecordingMod("TEST_probe", 1, /*throwInSync=*/true);
-
-  EXPECT_THROW(Create(kId, "TEST_probe", Payload(1)), std::runtime_error);
-
-  const ClientSideEntity::Ptr entity = ClientSideEntity::Get<ClientSideEntity>(kId);
-  ASSERT_NE(entity, nullptr);
-  EXPECT_FALSE(entity->ready);
-  EXPECT_FALSE(entity->interface->ready);
-  EXPECT_EQ(seen.calls, (std::vector<std::string>{"Sync"}));
+TEST_F(EntityInterface, WithoutAnInterfaceTheEntityIsRemovedSilently) {
+  std::weak_ptr<RenderableInstance> renderable;
+  LoadMod("TEST_empty", [&](ClientSideEntity& entity) {
+    entity.renderables.push_back(std::make_shared<RenderableInstance>());
+    renderable = entity.renderables.back();
+  });
+  testlib::StderrCapture err;
+  EXPECT_EQ(Create(kId, "TEST_empty"), nullptr);
+  EXPECT_EQ(Create(Id{5, 6}, "TEST_notloaded"), nullptr);
+  EXPECT_EQ(err.Text(), "");
+  EXPECT_FALSE(ClientSideEntity::Exists(kId) || ClientSideEntity::Exists(Id{5, 6}));
+  EXPECT_TRUE(renderable.expired()) << "the entity was destroyed";
   EXPECT_EQ(Game::renderer->AimReferenceCount(), 0u);
 }
 
-// An interface with its own Init may leave renderable slots empty; the linking step skips
-// them.
-struct OwnInitInterface : ClientSideEntity::Interface {
+// An interface with its own Init may leave renderable slots empty; linking skips them.
+struct OwnInit : ClientSideEntity::Interface {
   void Init() override {}
 };
 
-TEST_F(EntityInterface, LinkingSkipsEmptyRenderableEntries) {
-  LoadMod("TEST_sparse", [](ClientSideEntity& entity) {
-    entity.interface = std::make_shared<OwnInitInterface>();
-    entity.renderables = {std::make_shared<RenderableInstance>(), nullptr,
-                          std::make_shared<RenderableInstance>()};
+TEST_F(EntityInterface, TheDefaultInterfaceReadsNothingAndAnOwnInitMayLeaveSlotsEmpty) {
+  LoadMod("CORE_ship", [](ClientSideEntity& entity) {
+    entity.interface = std::make_shared<ClientSideEntity::Interface>();
   });
-
-  const ClientSideEntity::Ptr entity = Create(kId, "TEST_sparse");
-
-  ASSERT_NE(entity, nullptr);
-  EXPECT_TRUE(entity->renderables[0]->linked);
-  EXPECT_TRUE(entity->renderables[2]->linked);
-  EXPECT_EQ(entity->renderables[0]->aimIdCalls, 0);
-  EXPECT_TRUE(entity->ready);
+  LoadMod("TEST_sparse", [](ClientSideEntity& entity) {
+    entity.interface = std::make_shared<OwnInit>();
+    entity.renderables = {std::make_shared<RenderableInstance>(), nullptr};
+  });
+  orvex::filesystem::ReadOnlyStream data(std::vector<uint8_t>{7, 0, 0, 0});
+  const auto ship =
+      ClientSideEntity::Interface::Create(kId, "core_Ship", "", {}, {}, {}, std::move(data));
+  EXPECT_EQ(data.GetPosition(), 0u) << "the default Sync reads nothing";
+  EXPECT_EQ(Create(Id{9, 9}, "CORE_ship")->interface->aimId, 2u);
+  EXPECT_TRUE(ship->ready && ship->interface->ready);
+  EXPECT_EQ(ship->interface->aimId, 1u);
+  const auto sparse = Create(Id{8, 8}, "TEST_sparse");
+  EXPECT_TRUE(sparse->ready && sparse->renderables[0]->linked);
+  EXPECT_EQ(sparse->renderables[0]->aimIdCalls, 0);
 }
 
 }  // namespace
-}  // namespace entitytest

@@ -1,231 +1,101 @@
+// Profiler: per-thread statistics under the path keys of the open scopes.
 #include "support/Profiler.h"
 
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <unordered_map>
 #include <vector>
+
+#include "FakeClock.h"
 
 namespace {
 
 using orvex::cpu::Profiler;
-using Table = std::unordered_map<std::string, Profiler::Profile>;
+using testlib::FakeClock;
 
-std::atomic<double> fakeNowNs = 0.0;
-double FakeClock() {
-  return fakeNowNs.load();
-}
-void AdvanceMs(double ms) {
-  fakeNowNs = fakeNowNs.load() + ms * 1e6;
-}
-
-// Readers of the statistics take the tables' lock exclusively, as any reporter must.
-Table TableOf(std::thread::id tid) {
+// Reporters take the tables' lock exclusively, as any reader of other threads' tables must.
+Profiler::Profile Entry(const std::string& key, std::thread::id tid = std::this_thread::get_id()) {
   std::lock_guard<orvex::SharedMutex> lock(Profiler::profilesMutex);
-  auto it = Profiler::profiles.find(tid);
-  return it == Profiler::profiles.end() ? Table{} : it->second;
-}
-Table MyTable() {
-  return TableOf(std::this_thread::get_id());
+  return Profiler::profiles[tid][key];
 }
 
-std::vector<std::string> MyStack() {
-  std::lock_guard<orvex::SharedMutex> lock(Profiler::profilesMutex);
-  auto it = Profiler::profileStacks.find(std::this_thread::get_id());
-  return it == Profiler::profileStacks.end() ? std::vector<std::string>{} : it->second;
+void Measure(const std::string& name, double ms, bool start = true) {
+  Profiler scope(name, start);
+  FakeClock::Advance(ms);
+  scope.Stop();
 }
 
 class ProfilerTest : public testing::Test {
  protected:
   void SetUp() override {
-    wasEnabled_ = Profiler::enabled;
-    Clear();
-    Profiler::enabled = true;
-    fakeNowNs = 1e12;
-    Timer::SetClockSourceForTesting(&FakeClock);
-  }
-  void TearDown() override {
-    Timer::SetClockSourceForTesting(nullptr);
-    Profiler::enabled = wasEnabled_;
-    Clear();
-  }
-  static void Clear() {
+    FakeClock::Install(), Profiler::enabled = true;
     std::lock_guard<orvex::SharedMutex> lock(Profiler::profilesMutex);
-    Profiler::profiles.clear();
-    Profiler::profileStacks.clear();
+    Profiler::profiles.clear(), Profiler::profileStacks.clear();
   }
-
- private:
-  bool wasEnabled_ = false;
+  void TearDown() override { FakeClock::Uninstall(), Profiler::enabled = false; }
 };
 
-TEST_F(ProfilerTest, DisabledLeavesTheTablesUntouched) {
-  Profiler::enabled = false;
-  Profiler fresh("X", true);
-  AdvanceMs(2);
-  fresh.Stop();
-  {
-    std::lock_guard<orvex::SharedMutex> lock(Profiler::profilesMutex);
-    EXPECT_TRUE(Profiler::profiles.empty());
-    EXPECT_TRUE(Profiler::profileStacks.empty());
-  }
-
-  // Nor does a disabled profiler push or pop inside an enabled scope.
-  Profiler::enabled = true;
-  Profiler outer("Outer", true);
-  Profiler::enabled = false;
-  Profiler inner("Inner", true);
-  EXPECT_EQ(MyStack(), std::vector<std::string>{"Outer"});
-  inner.Stop();
-  EXPECT_EQ(MyStack(), std::vector<std::string>{"Outer"});
-  EXPECT_EQ(MyTable().count("Outer/Inner"), 0u);
-  // Switching off after construction does not stop an open profiler from recording.
-  AdvanceMs(3);
-  outer.Stop();
-  EXPECT_TRUE(MyStack().empty());
-  EXPECT_EQ(MyTable().at("Outer").count, 1u);
-  EXPECT_EQ(MyTable().at("Outer").totalMs, 3.0);
-}
-
-TEST_F(ProfilerTest, SameKeyAccumulatesCountTotalMinimumAndMaximum) {
-  const auto measure = [](double ms) {
-    Profiler p("Work", true);
-    AdvanceMs(ms);
-    p.Stop();
-  };
-
-  measure(3.0);
-  Profiler::Profile profile = MyTable().at("Work");
-  EXPECT_EQ(profile.count, 1u);
-  EXPECT_EQ(profile.totalMs, 3.0);
-  EXPECT_EQ(profile.minMs, 3.0) << "the first measurement replaces the -1.0 marker";
-  EXPECT_EQ(profile.maxMs, 3.0);
-
-  measure(1.0);
-  measure(5.0);
-  measure(2.0);
-  profile = MyTable().at("Work");
-  EXPECT_EQ(profile.count, 4u);
-  EXPECT_EQ(profile.totalMs, 11.0);
-  EXPECT_EQ(profile.minMs, 1.0);
-  EXPECT_EQ(profile.maxMs, 5.0);
-  EXPECT_TRUE(profile.children.empty());
-  EXPECT_EQ(MyTable().size(), 1u);
-}
-
-TEST_F(ProfilerTest, AZeroLengthFirstMeasurementIsTheMinimum) {
-  Profiler instant("Instant", true);
-  instant.Stop();
-  Profiler later("Instant", true);
-  AdvanceMs(4);
-  later.Stop();
-  const Profiler::Profile profile = MyTable().at("Instant");
-  EXPECT_EQ(profile.count, 2u);
-  EXPECT_EQ(profile.minMs, 0.0);
-  EXPECT_EQ(profile.maxMs, 4.0);
-}
-
-TEST_F(ProfilerTest, WithoutStartTheScopeIsOpenedButNothingIsRecorded) {
-  Profiler idle("Idle", false);
-  EXPECT_EQ(MyStack(), std::vector<std::string>{"Idle"});
-  AdvanceMs(7);
-  idle.Stop();
-  EXPECT_TRUE(MyStack().empty());
-  const Profiler::Profile profile = MyTable().at("Idle");
-  EXPECT_EQ(profile.count, 0u);
-  EXPECT_EQ(profile.totalMs, 0.0);
-  EXPECT_EQ(profile.minMs, -1.0);
-  EXPECT_EQ(profile.maxMs, 0.0);
-}
-
-TEST_F(ProfilerTest, NestedScopesRecordUnderPathKeys) {
+TEST_F(ProfilerTest, RecordsCountTotalMinimumAndMaximumUnderPathKeys) {
+  for (double ms : {3.0, 1.0, 5.0, 2.0}) Measure("Work", ms);
   Profiler send("Client::Send", true);
-  AdvanceMs(1);
-  {
-    Profiler inner("X", true);
-    EXPECT_EQ(MyStack(), (std::vector<std::string>{"Client::Send", "X"}));
-    AdvanceMs(2);
-    {
-      Profiler innermost("Y", true);
-      AdvanceMs(4);
-      innermost.Stop();
-    }
-    inner.Stop();
-  }
+  FakeClock::Advance(1);
+  Profiler inner("X", true);
+  Measure("Y", 4);
+  inner.Stop();
   send.Stop();
-  EXPECT_TRUE(MyStack().empty());
+  Measure("X", 0);            // once the scopes are closed, a top-level key again
+  Measure("X", 4);            // a zero first measurement stays the minimum
+  Measure("Idle", 7, false);  // opened but not timed
+  Profiler outer("Outer", true);
+  Profiler::enabled = false;  // an open profiler still records; a new one does nothing
+  Measure("Inner", 2);
+  outer.Stop();
 
-  const Table table = MyTable();
-  EXPECT_EQ(table.size(), 3u);
-  EXPECT_EQ(table.at("Client::Send").totalMs, 7.0);
-  EXPECT_EQ(table.at("Client::Send/X").totalMs, 6.0);
-  EXPECT_EQ(table.at("Client::Send/X/Y").totalMs, 4.0);
-
-  // Once the scopes are closed the same name is a top-level key again.
-  Profiler alone("X", true);
-  AdvanceMs(1);
-  alone.Stop();
-  EXPECT_EQ(MyTable().at("X").count, 1u);
-  EXPECT_EQ(MyTable().at("Client::Send/X").count, 1u);
-}
-
-TEST_F(ProfilerTest, EachThreadRecordsIntoItsOwnTable) {
-  const auto run = [] {
-    Profiler send("Client::Send", true);
-    Profiler inner("X", true);
-    inner.Stop();
-    send.Stop();
-  };
-  run();
-  std::thread::id otherId;
-  std::thread other([&] {
-    otherId = std::this_thread::get_id();
-    run();
-    run();
-  });
-  other.join();
-
-  const Table mine = MyTable();
-  const Table theirs = TableOf(otherId);
-  EXPECT_EQ(mine.at("Client::Send").count, 1u);
-  EXPECT_EQ(mine.at("Client::Send/X").count, 1u);
-  EXPECT_EQ(theirs.at("Client::Send").count, 2u);
-  EXPECT_EQ(theirs.at("Client::Send/X").count, 2u);
+  const struct {
+    const char* key;
+    uint32_t count;
+    double total, min, max;
+  } rows[] = {{"Work", 4, 11, 1, 5},
+              {"Client::Send", 1, 5, 5, 5},
+              {"Client::Send/X", 1, 4, 4, 4},
+              {"Client::Send/X/Y", 1, 4, 4, 4},
+              {"X", 2, 4, 0, 4},
+              {"Idle", 0, 0, -1, 0},
+              {"Outer", 1, 2, 2, 2},
+              {"Outer/Inner", 0, 0, -1, 0}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.key);
+    const Profiler::Profile p = Entry(row.key);
+    EXPECT_EQ(p.count, row.count);
+    EXPECT_EQ(p.totalMs, row.total);
+    EXPECT_EQ(p.minMs, row.min);
+    EXPECT_EQ(p.maxMs, row.max);
+  }
   std::lock_guard<orvex::SharedMutex> lock(Profiler::profilesMutex);
-  EXPECT_EQ(Profiler::profiles.size(), 2u);
-  EXPECT_TRUE(Profiler::profileStacks.at(otherId).empty());
+  EXPECT_TRUE(Profiler::profileStacks.at(std::this_thread::get_id()).empty());
 }
 
-TEST_F(ProfilerTest, ThreadsProfilingAtOnceKeepTheirCounts) {
-  // Many threads creating their entries and recording together; bounded work, meant
-  // for the sanitizers as much as for the counts.
-  constexpr int kThreads = 6;
-  constexpr int kScopes = 500;
+TEST_F(ProfilerTest, ThreadsProfilingAtOnceRecordIntoTheirOwnTables) {
   std::vector<std::thread> threads;
-  std::vector<std::thread::id> ids(kThreads);
-  for (int t = 0; t < kThreads; ++t) {
-    threads.emplace_back([&ids, t] {
-      ids[t] = std::this_thread::get_id();
-      for (int i = 0; i < kScopes; ++i) {
+  std::vector<std::thread::id> ids(6);
+  for (auto& id : ids) {
+    threads.emplace_back([&id] {
+      id = std::this_thread::get_id();
+      for (int i = 0; i < 500; ++i) {
         Profiler outer("Outer", true);
-        Profiler inner("Inner" + std::to_string(i % 3), true);
-        inner.Stop();
+        Measure("Inner" + std::to_string(i % 2), 0);
         outer.Stop();
       }
     });
   }
   for (std::thread& thread : threads) thread.join();
   for (const std::thread::id& id : ids) {
-    const Table table = TableOf(id);
-    EXPECT_EQ(table.size(), 4u);
-    EXPECT_EQ(table.at("Outer").count, static_cast<uint32_t>(kScopes));
-    EXPECT_EQ(table.at("Outer/Inner0").count + table.at("Outer/Inner1").count +
-                  table.at("Outer/Inner2").count,
-              static_cast<uint32_t>(kScopes));
+    EXPECT_EQ(Entry("Outer", id).count, 500u);
+    EXPECT_EQ(Entry("Outer/Inner0", id).count + Entry("Outer/Inner1", id).count, 500u);
   }
+  EXPECT_EQ(Entry("Outer").count, 0u) << "nothing in this thread's table";
 }
 
 }  // namespace
