@@ -19,7 +19,7 @@ mkdir -p "$profiles"
 # an unoptimised, instrumented build: it stays in the release run of ./x test.
 status=0
 LLVM_PROFILE_FILE="$profiles/%p-%m.profraw" \
-  ctest --test-dir "$build" --output-on-failure -j "${JOBS:-$(nproc)}" --timeout 600 -LE soak ||
+  ctest --test-dir "$build" --output-on-failure -j "${JOBS:-$(nproc)}" --timeout 600 -LE "soak|install" ||
   status=$?
 
 llvm-profdata-14 merge -sparse "$profiles"/*.profraw -o "$build/coverage.profdata"
