@@ -1,11 +1,5 @@
-// The datagram intake and the transform and physics passes, on one client for the whole
-// process, with the fixed entities and both sequences put back before every input. The
-// input is cut before every "TOVRANE!": pieces with the magic go to the intake proper, a
-// leading piece without it through the whole callback body (which drops it); then
-// Game::RunSynchronized() runs the passes, as the game thread does once per frame.
-// Linking an entity under itself or a descendant breaks the protocol (the entity tests
-// cover the client's cut at 1024 links), so the harness stops the input before a datagram
-// that would close a cycle and checks that every parent link is the one it worked out.
+// Datagrams (the input cut before every "TOVRANE!") into one client's intake, then the passes; the
+// harness stops before a datagram that would close a parent cycle and checks every parent link.
 #include <algorithm>
 #include <cmath>
 #include <cstring>
@@ -28,29 +22,31 @@ using orvex::filesystem::ReadOnlyStream;
 constexpr size_t kMaxDatagrams = 64;
 constexpr size_t kMagicSize = sizeof(networking::MAGIC);
 
-fuzz::LoopbackServer* server = nullptr;
+// The ship entities take transform and physics records, the static one never does.
+constexpr Id kEntityA{0x0000000141544E45ull, 0xA1}, kStatic{0x0000000541544E45ull, 0xE5};
+constexpr struct {
+  Id id;
+  const char* module;
+  Id parent;
+} kFixed[] = {
+    {kEntityA, fuzz::kShip, {}},
+    {{0x0000000241544E45ull, 0xB2}, fuzz::kShip, kEntityA},
+    {{0x0000000341544E45ull, 0xC3}, fuzz::kShip, kEntityA},
+    {{0x0000000441544E45ull, 0xD4}, fuzz::kShip, {}},
+    {kStatic, fuzz::kStatic, {}},
+};
+
 client::Client* theClient = nullptr;
-// A socket that never received anything: as the delivering socket its sender address is
-// empty, which no server address equals.
+// Never received anything: as the delivering socket its sender matches no server address.
 orvex::net::UdpSocket* stranger = nullptr;
 
-bool Driven(const Id& id) {
-  return std::any_of(
-      std::begin(fuzz::kFixedEntities), std::end(fuzz::kFixedEntities),
-      [&](const fuzz::FixedEntity& f) { return f.id == id && f.module == fuzz::kShip; });
-}
+// The parent links as the datagrams so far leave them: every record the pass applies (after the
+// sequence, environment, end-of-list and NaN rules) leaves its entity under the header's parent.
+struct Parents {
+  std::unordered_map<Id, Id> links;
+  uint64_t lastSequence = 0;
 
-// The parent links of the fixed entities, as the datagrams taken in so far leave them:
-// every record the pass applies (after the client's sequence, environment, end-of-list
-// and NaN rules) leaves its entity under the header's parent.
-class Parents {
- public:
-  Parents() {
-    for (const fuzz::FixedEntity& fixed : fuzz::kFixedEntities) links_[fixed.id] = fixed.parent;
-  }
-
-  // Takes in a datagram that starts with the magic; false (and no change) when it would
-  // close a cycle.
+  // Takes in a datagram that starts with the magic; false (and no change) if it closes a cycle.
   bool Admit(const uint8_t* data, size_t size) {
     ReadOnlyStream in(data + kMagicSize, size - kMagicSize);
     if (in.ReadValue<uint8_t>() != networking::MSG_TRANSFORMS) return true;
@@ -60,14 +56,14 @@ class Parents {
     const auto relativeEnvironment = in.ReadValue<uint64_t>();
     const Id parent = in.ReadValue<Id>();
     if (in.ReadValue<int32_t>() == 1) {
-      if (sequence < lastSequence_) return true;
-      lastSequence_ = sequence;
+      if (sequence < lastSequence) return true;
+      lastSequence = sequence;
     }
     if (parentEnvironment != Game::parentEnvironmentId ||
         relativeEnvironment != Game::relativeEnvironmentId) {
       return true;
     }
-    std::unordered_map<Id, Id> next = links_;
+    std::unordered_map<Id, Id> next = links;
     for (Id id; !(id = in.ReadValue<Id>()).IsNull();) {
       double position[3];
       float rotation[4];
@@ -77,9 +73,9 @@ class Parents {
           std::any_of(rotation, rotation + 4, [](float v) { return std::isnan(v); })) {
         break;
       }
-      if (!Driven(id)) continue;
-      // The links form a forest, so the walk up from the new parent ends (a dangling link
-      // ends a chain); it meets the entity itself when the link would close a cycle.
+      if (next.count(id) == 0 || id == kStatic) continue;
+      // The links form a forest, so the walk up from the new parent ends (a dangling link ends a
+      // chain); it meets the entity itself when the link would close a cycle.
       for (Id up = parent; !up.IsNull();) {
         if (up == id) return false;
         const auto link = next.find(up);
@@ -87,22 +83,9 @@ class Parents {
       }
       next[id] = parent;
     }
-    links_ = std::move(next);
+    links = std::move(next);
     return true;
   }
-
-  void Check() const {
-    for (const fuzz::FixedEntity& fixed : fuzz::kFixedEntities) {
-      const ClientSideEntity::Ptr e = ClientSideEntity::Get<ClientSideEntity>(fixed.id);
-      if (e->parentId.Load() != links_.at(fixed.id)) {
-        fuzz::Fail("an entity's parent is not the one its transform records named");
-      }
-    }
-  }
-
- private:
-  std::unordered_map<Id, Id> links_;
-  uint64_t lastSequence_ = 0;
 };
 
 bool StartsWithMagic(const uint8_t* data, size_t size) {
@@ -113,12 +96,11 @@ bool StartsWithMagic(const uint8_t* data, size_t size) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   fuzz::Start();
-  // Server, client and socket live until the process ends; nothing waits for them.
-  server = new fuzz::LoopbackServer();
+  auto* server = new fuzz::LoopbackServer();
   server->Arm(testlib::Welcome(), false);
   theClient = new client::Client("127.0.0.1", server->Port(), "token", "");
   stranger = new orvex::net::UdpSocket("127.0.0.1", server->Port(), 1400);
-  for (const fuzz::FixedEntity& fixed : fuzz::kFixedEntities) {
+  for (const auto& fixed : kFixed) {
     ClientSideEntity::Interface::Create(fixed.id, fixed.module, "fixed", fixed.parent,
                                         glm::dvec3(0.0), game::entity::Orientation(),
                                         ReadOnlyStream());
@@ -127,13 +109,13 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  int index = 0;
-  for (const fuzz::FixedEntity& fixed : fuzz::kFixedEntities) {
+  Parents parents;
+  for (const auto& fixed : kFixed) {
     const ClientSideEntity::Ptr e = ClientSideEntity::Get<ClientSideEntity>(fixed.id);
     if (!e) fuzz::Fail("a fixed entity left the registry");
-    e->position = glm::dvec3(++index, 0.0, 0.0);
+    e->position = glm::dvec3(&fixed - kFixed + 1, 0.0, 0.0);
     e->orientation = e->targetOrientation = game::entity::Orientation();
-    e->parentId = fixed.parent;
+    e->parentId = parents.links[fixed.id] = fixed.parent;
     e->targetPosition = e->velocity = e->physicsExtra = glm::dvec3(0.0);
     e->updateRate = 0.0f;
     e->smooth = e->forceSnap = 0;
@@ -141,7 +123,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   Game::timestamp = 0.0;
   client::ClientTestPeer::ResetSequences(*theClient);
-  Parents parents;
 
   // The pieces: [start, next magic) each.
   std::vector<size_t> starts{0};
@@ -164,6 +145,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     client::ClientTestPeer::ReceiveDatagram(*theClient, std::move(datagram));
   }
   Game::RunSynchronized();
-  parents.Check();
+  for (const auto& fixed : kFixed) {
+    if (ClientSideEntity::Get<ClientSideEntity>(fixed.id)->parentId.Load() !=
+        parents.links.at(fixed.id)) {
+      fuzz::Fail("an entity's parent is not the one its transform records named");
+    }
+  }
   return 0;
 }
