@@ -1,43 +1,33 @@
-// Datagram intake: drop reasons, signs of life, sequence and environment filters, hand-over.
+// Datagrams: drop reasons, signs of life, sequence and environment filters, the state passes.
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cmath>
+#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "ClientSession.h"
 #include "FakeClock.h"
-#include "GAME_Mod.h"
 #include "Game.h"
 #include "Hex.h"
 #include "StderrCapture.h"
-#include "TestMods.h"
 #include "Wait.h"
+#include "client/StatePasses.h"
 
 namespace {
 
 using namespace testlib;
 using Counter = std::atomic<uint64_t> client::Counters::*;
 
-const Bytes kMagic = TextBytes("TOVRANE!");
-
-Bytes operator+(Bytes a, const Bytes& b) {
-  a.insert(a.end(), b.begin(), b.end());
-  return a;
+Bytes Transforms(uint64_t sequence, double time, int32_t divisor = 1, uint64_t environment = 10) {
+  wire::TransformRecord record{EntityId(1), glm::dvec3(time, 0, 0)};
+  return wire::TransformsDatagram({time, sequence, environment, 0, divisor}, {}, {record});
 }
 
-Bytes Transforms(uint64_t sequence, double time, double x, int32_t divisor = 1,
-                 uint64_t parentEnvironment = 0) {
-  wire::TransformRecord record;
-  record.id = EntityId(1);
-  record.position = glm::dvec3(x, 0, 0);
-  return wire::TransformsDatagram({time, sequence, parentEnvironment, 0, divisor}, {}, {record});
-}
-
-Bytes Physics(uint64_t sequence, double time, uint64_t parentEnvironment = 0,
-              uint64_t relativeEnvironment = 0) {
-  return wire::PhysicsDatagram({time, sequence, parentEnvironment, relativeEnvironment, 1},
+Bytes Physics(uint64_t sequence, double time, uint64_t environment = 10, uint64_t relative = 0) {
+  return wire::PhysicsDatagram({time, sequence, environment, relative, 1},
                                {{EntityId(1), {time, 0, 0}, {}}});
 }
 
@@ -47,7 +37,8 @@ class DatagramIntake : public testing::Test {
     session.reset();
     ResetClientState();
     FakeClock::Install();  // the receive stamp and the liveness check read it
-    RecorderMod::Install();
+    InstallTestMods();
+    Game::parentEnvironmentId = 10;
     ship = MakeEntity(EntityId(1), "ship");
     session = std::make_unique<Session>();
     session->LearnDatagramAddress();
@@ -62,7 +53,7 @@ class DatagramIntake : public testing::Test {
 // Each row is sent 20 s after the last sign of life: a datagram that counts as one keeps
 // the send step from giving up on the server.
 TEST_F(DatagramIntake, DropReasons) {
-  Bytes foreignMagic = Transforms(9, 5.0, 3);
+  Bytes foreignMagic = Transforms(9, 5.0);
   foreignMagic[7] = '?';
   const struct {
     const char* name;
@@ -74,30 +65,30 @@ TEST_F(DatagramIntake, DropReasons) {
   } rows[] = {
       {"short", Bytes(7, 'T'), false, &client::Counters::droppedShort, false, ""},
       {"foreign magic", foreignMagic, false, &client::Counters::droppedMagic, false, ""},
-      {"foreign sender", Transforms(9, 5.0, 3), true, &client::Counters::droppedSender, false,
+      {"foreign sender", Transforms(9, 5.0), true, &client::Counters::droppedSender, false,
        "Client received UDP packet from wrong ip address\n"},
-      {"stale sequence", Transforms(4, 5.0, 3), false, &client::Counters::droppedStale, true, ""},
+      {"stale sequence", Transforms(4, 5.0), false, &client::Counters::droppedStale, true, ""},
       {"foreign physics", Physics(9, 1.0, 77), false, &client::Counters::droppedForeign, true, ""},
-      {"magic alone", kMagic, false, nullptr, true, ""},
-      {"unknown code", kMagic + Bytes{0x99}, false, nullptr, true, ""},
+      {"magic alone", TextBytes("TOVRANE!"), false, nullptr, true, ""},
+      {"unknown code", TextBytes("TOVRANE!") + Bytes{0x99}, false, nullptr, true, ""},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     Start();
-    session->SendDatagram(Transforms(5, 1.0, 1));  // stamped at 0 s; sequence 5
+    session->SendDatagram(Transforms(5, 1.0));  // stamped at 0 s; sequence 5
     EXPECT_EQ(Game::RunSynchronized(), 1u);
     FakeClock::Advance(20000);
     const uint64_t before = row.counter ? (Counters().*row.counter).load() : 0;
     const uint64_t shortOnes = Counters().droppedShort;
     StderrCapture captured;
+    const auto& address = session->clientAddress;
     if (row.fromStranger) {
-      session->server.SendDatagramFrom("127.0.0.2", session->clientAddress, session->clientPort,
-                                       row.bytes);
+      session->server.SendDatagramFrom("127.0.0.2", address, session->clientPort, row.bytes);
     } else {
-      session->server.SendDatagram(session->clientAddress, session->clientPort, row.bytes);
+      session->server.SendDatagram(address, session->clientPort, row.bytes);
     }
     // A short datagram, dropped before the stamp, is the barrier.
-    session->server.SendDatagram(session->clientAddress, session->clientPort, Bytes(7, 'T'));
+    session->server.SendDatagram(address, session->clientPort, Bytes(7, 'T'));
     const uint64_t barrier = shortOnes + (row.counter == &client::Counters::droppedShort ? 2 : 1);
     ASSERT_TRUE(WaitUntil([&] { return Counters().droppedShort >= barrier; }));
     if (row.counter) {
@@ -117,26 +108,21 @@ TEST_F(DatagramIntake, DropReasons) {
 // transforms are taken (their records clear targets).
 TEST_F(DatagramIntake, SequenceAndEnvironmentSteps) {
   Start();
-  Game::parentEnvironmentId = 10;
   const struct {
     const char* name;
     Bytes bytes;
     size_t applied;
     double timestamp;
   } steps[] = {
-      {"first transforms", Transforms(5, 50, 50, 1, 10), 1, 50},
-      {"equal sequence", Transforms(5, 51, 51, 1, 10), 1, 51},
-      {"older sequence", Transforms(4, 40, 40, 1, 10), 0, 51},
-      {"newer sequence", Transforms(6, 60, 60, 1, 10), 1, 60},
-      {"divisor 2: no sequence, no time", Transforms(0, 1, 1, 2, 10), 1, 60},
-      {"divisor 2 left the counter at 6", Transforms(5, 52, 52, 1, 10), 0, 60},
-      {"physics counted apart", Physics(3, 70, 10), 1, 70},
-      {"older physics", Physics(2, 71, 10), 0, 70},
+      {"first transforms", Transforms(5, 50), 1, 50},
+      {"equal sequence", Transforms(5, 51), 1, 51},
+      {"divisor 2: no sequence, no time", Transforms(0, 1, 2), 1, 51},
+      {"older sequence", Transforms(4, 40), 0, 51},
+      {"physics counted apart", Physics(3, 70), 1, 70},
       {"foreign physics", Physics(9, 90, 11), 0, 90},
-      {"stale after the foreign 9", Physics(8, 80, 10), 0, 90},
-      {"physics 9", Physics(9, 91, 10), 1, 91},
+      {"stale after the foreign 9", Physics(8, 80), 0, 90},
       {"foreign relative environment", Physics(10, 92, 10, 5), 0, 92},
-      {"foreign transforms", Transforms(7, 92, 92, 1, 11), 1, 92},
+      {"foreign transforms", Transforms(7, 93, 1, 11), 1, 93},
   };
   for (const auto& step : steps) {
     SCOPED_TRACE(step.name);
@@ -144,24 +130,176 @@ TEST_F(DatagramIntake, SequenceAndEnvironmentSteps) {
     EXPECT_EQ(Game::RunSynchronized(), step.applied);
     EXPECT_EQ(Game::timestamp, step.timestamp);
   }
-  EXPECT_EQ(glm::dvec3(ship->velocity).x, 91.0);
+  EXPECT_EQ(glm::dvec3(ship->velocity).x, 70.0);
 
   Game::_is_server = true;  // a process that hosts the server never takes the server time
-  session->SendDatagram(Transforms(8, 200, 0, 1, 10));
-  session->SendDatagram(Physics(10, 201, 10));
+  session->SendDatagram(Transforms(8, 200));
+  session->SendDatagram(Physics(11, 201));
   EXPECT_EQ(Game::RunSynchronized(), 2u);
-  EXPECT_EQ(Game::timestamp, 92.0);
+  EXPECT_EQ(Game::timestamp, 93.0);
 }
 
-TEST_F(DatagramIntake, ModuleDatagramsGoStraightToTheirHandler) {
-  Start();
-  GAME_Mod::Load(std::make_shared<GAME_Mod>("TEST_nohandler"));
-  const Bytes payload{0x44, 0x00, 0x01};
-  for (const char* module : {"NONE_loaded", "TEST_nohandler", RecorderMod::kName}) {
-    session->SendDatagram(wire::ModuleDatagram(orvex::modular::ModuleID(module), payload));
+using game::entity::Id;
+using game::entity::Orientation;
+using orvex::filesystem::ReadOnlyStream;
+
+wire::TransformRecord Record(Id id, glm::dvec3 position, Orientation turn = {}) {
+  return {id, position, {float(turn.w), float(turn.x), float(turn.y), float(turn.z)}};
+}
+
+void RunTransforms(const std::vector<wire::TransformRecord>& records, int32_t divisor = 1,
+                   Id parent = {}, bool foreign = false) {
+  const Bytes datagram = wire::TransformsDatagram({}, Id{}, records);
+  const Bytes body(datagram.begin() + wire::kTransformsHeaderSize, datagram.end());
+  client::TransformPass(ReadOnlyStream(body.data(), body.size()), divisor, parent, foreign)();
+}
+
+void RunPhysics(const std::vector<wire::PhysicsRecord>& records) {
+  const Bytes datagram = wire::PhysicsDatagram({}, records);
+  const Bytes body(datagram.begin() + wire::kPhysicsHeaderSize, datagram.end());
+  client::PhysicsPass(ReadOnlyStream(body.data(), body.size()))();
+}
+
+Orientation Rotation(double degrees, glm::dvec3 axis) {
+  axis = glm::normalize(axis) * std::sin(degrees * M_PI / 360.0);
+  return Orientation{std::cos(degrees * M_PI / 360.0), axis.x, axis.y, axis.z};
+}
+
+class StatePass : public testing::Test {
+  CleanClientState clean;
+};
+
+TEST_F(StatePass, TransformRecordsListRateAndSkips) {
+  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship");
+  const ClientSideEntity::Ptr rock = MakeEntity(EntityId(2), "static", {}, {5, 5, 5});
+  const ClientSideEntity::Ptr after = MakeEntity(EntityId(3), "ship");
+  // The list ends at the first id with a zero word; unknown and undriven ones are skipped.
+  for (const Id end : {Id{0, 7}, Id{7, 0}}) {
+    ship->hasTarget = after->hasTarget = false;
+    RunTransforms({Record(EntityId(404), {}), Record(EntityId(2), {1, 1, 1}),
+                   Record(EntityId(1), {1, 1, 1}), Record(end, {}), Record(EntityId(3), {})});
+    EXPECT_TRUE(ship->hasTarget);
+    EXPECT_FALSE(after->hasTarget || rock->hasTarget);
   }
-  EXPECT_EQ(RecorderMod::Payloads(), std::vector<Bytes>{payload});
-  EXPECT_EQ(Game::RunSynchronized(), 0u) << "module handlers do not wait for the game thread";
+  EXPECT_EQ(glm::dvec3(rock->position), glm::dvec3(5, 5, 5));
+
+  RunTransforms({Record(EntityId(1), {})}, 3);
+  EXPECT_EQ(float(ship->updateRate), 20.0f / 3.0f) << "20 over the divisor, single precision";
+  // Foreign records clear the target and nothing else.
+  ship->hasTarget = ship->stale = true;
+  ship->updateRate = 0.25f;
+  RunTransforms({Record(EntityId(1), {9, 9, 9})}, 4, EntityId(8), true);
+  EXPECT_FALSE(ship->hasTarget);
+  EXPECT_TRUE(ship->stale);
+  EXPECT_EQ(glm::dvec3(ship->targetPosition), glm::dvec3(0.0));
+  EXPECT_EQ(float(ship->updateRate), 0.25f);
+  EXPECT_EQ(Id(ship->parentId), Id{});
+}
+
+// The ship sits under `old`; `old` and `fresh` are placed apart, rotated and nested so that a
+// wrong order of the matrix product shows.
+TEST_F(StatePass, TransformSnapsTargetsOrReexpresses) {
+  const Id old = EntityId(21), fresh = EntityId(22), unknown = EntityId(404);
+  MakeEntity(EntityId(20), "static", {}, {-4, 1, 2}, Rotation(30, {1, 0, 0}));
+  MakeEntity(old, "static", EntityId(20), {10, 0, 0}, Rotation(90, {0, 0, 1}));
+  MakeEntity(fresh, "static", {}, {0, 5, -3}, Rotation(-45, {0, 1, 1}));
+  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship");
+  enum Outcome { kSnap, kTarget, kKeepPlace };
+  const struct {
+    const char* name;
+    Id from;
+    bool hasTarget;
+    Id to;
+    Outcome outcome;
+  } rows[] = {
+      {"no target yet", old, false, old, kSnap},
+      {"same parent with a target", old, true, old, kTarget},
+      {"both parents known", old, true, fresh, kKeepPlace},
+      {"new parent unknown", old, true, unknown, kSnap},
+      {"old parent unknown", unknown, true, fresh, kSnap},
+      {"into the environment", old, true, Id{5, 0}, kSnap},
+      {"out of the environment", Id{}, true, fresh, kSnap},
+  };
+  const glm::dvec3 sent{7, 8, 9}, start{1, 2, 3};
+  const Orientation turn{0, 0, 1, 0}, startTurn = Rotation(60, {1, 1, 0});
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    ship->parentId = row.from;
+    ship->position = start;
+    ship->orientation = startTurn;
+    ship->hasTarget = row.hasTarget;
+    ship->stale = true;
+    const glm::dmat4 before = ship->GetAbsoluteTransformInEnvironment();
+    RunTransforms({Record(EntityId(1), sent, turn)}, 1, row.to);
+
+    EXPECT_EQ(Id(ship->parentId), row.to);
+    EXPECT_EQ(glm::dvec3(ship->targetPosition), sent);
+    EXPECT_EQ(Orientation(ship->targetOrientation), turn);
+    EXPECT_TRUE(ship->hasTarget && !ship->stale);
+    if (row.outcome == kKeepPlace) {
+      const glm::dmat4 now = ship->GetAbsoluteTransformInEnvironment();
+      for (int i = 0; i < 16; ++i) EXPECT_NEAR(now[i / 4][i % 4], before[i / 4][i % 4], 1e-5);
+      EXPECT_NE(glm::dvec3(ship->position), sent) << "snapped, not re-expressed";
+      EXPECT_NE(glm::dvec3(ship->position), start) << "not re-expressed at all";
+    } else {
+      EXPECT_EQ(glm::dvec3(ship->position), row.outcome == kSnap ? sent : start);
+      EXPECT_EQ(Orientation(ship->orientation), row.outcome == kSnap ? turn : startTurn);
+    }
+  }
+}
+
+TEST_F(StatePass, PhysicsOnlyForDrivenEntitiesWithoutParent) {
+  MakeEntity(EntityId(9), "static");
+  const ClientSideEntity::Ptr free = MakeEntity(EntityId(1), "ship", {}, {5, 5, 5});
+  const ClientSideEntity::Ptr carried = MakeEntity(EntityId(2), "ship", EntityId(9));
+  const ClientSideEntity::Ptr rock = MakeEntity(EntityId(3), "static");
+  const ClientSideEntity::Ptr halfParent = MakeEntity(EntityId(4), "ship", Id{9, 0});
+  RunPhysics({{EntityId(404), {1, 1, 1}, {1, 1, 1}},
+              {EntityId(1), {1, 2, 3}, {4, 5, 6}},
+              {EntityId(2), {1, 2, 3}, {4, 5, 6}},
+              {EntityId(3), {1, 2, 3}, {4, 5, 6}},
+              {EntityId(4), {7, 8, 9}, {1, 1, 1}}});
+  EXPECT_EQ(glm::dvec3(free->velocity), glm::dvec3(1, 2, 3));
+  EXPECT_EQ(glm::dvec3(free->physicsExtra), glm::dvec3(4, 5, 6));
+  EXPECT_EQ(glm::dvec3(free->position), glm::dvec3(5, 5, 5));
+  EXPECT_FALSE(free->hasTarget);
+  EXPECT_EQ(glm::dvec3(carried->velocity) + glm::dvec3(rock->velocity), glm::dvec3(0.0));
+  EXPECT_EQ(glm::dvec3(halfParent->velocity), glm::dvec3(7, 8, 9))
+      << "a parent id with a zero word means no parent";
+}
+
+// A NaN in any field of record 3 of 4 ends the pass with one line; records 1 and 2 stay.
+// Fields 0-6: the transform's position and orientation; 7, 8: physics velocity, extra.
+TEST_F(StatePass, NaNEndsThePassAndKeepsWhatWasApplied) {
+  for (int field = 0; field < 9; ++field) {
+    SCOPED_TRACE(field);
+    ResetClientState();
+    std::vector<ClientSideEntity::Ptr> ships;
+    std::vector<wire::TransformRecord> transforms;
+    std::vector<wire::PhysicsRecord> motions;
+    for (uint64_t n = 1; n <= 4; ++n) {
+      ships.push_back(MakeEntity(EntityId(n), "ship"));
+      transforms.push_back(Record(EntityId(n), {double(n), 0, 0}));
+      motions.push_back({EntityId(n), {double(n), 0, 0}, {0, 0, double(n)}});
+    }
+    const bool physics = field >= 7;
+    if (physics) {
+      (field == 7 ? motions[2].velocity : motions[2].extra).z = NAN;
+    } else if (field < 3) {
+      transforms[2].position[field] = NAN;
+    } else {
+      transforms[2].orientation[field - 3] = NAN;
+    }
+    StderrCapture captured;
+    physics ? RunPhysics(motions) : RunTransforms(transforms);
+    EXPECT_EQ(captured.Text(), physics ? "Client Received NaN physics data\n"
+                                       : "Client Received NaN transform data\n");
+    for (size_t i = 0; i < 4; ++i) {
+      EXPECT_EQ(physics ? glm::dvec3(ships[i]->velocity).x : double(ships[i]->hasTarget),
+                i < 2 ? (physics ? double(i + 1) : 1.0) : 0.0)
+          << "record " << i + 1;
+    }
+  }
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The send step: one flush per frame, keep-alive paces, liveness, a broken connection, profiling.
+// The send step: what one frame uploads, keep-alive paces, liveness, a failed flush.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -7,40 +7,20 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 #include "ClientSession.h"
 #include "FakeClock.h"
+#include "GAME_Mod.h"
 #include "Game.h"
 #include "Hex.h"
 #include "StderrCapture.h"
-#include "TestMods.h"
-#include "support/Profiler.h"
 
 namespace {
 
 using namespace testlib;
-using orvex::cpu::Profiler;
 using orvex::filesystem::WriteOnlyStream;
-
-// The profiler on for the case; the test thread's count under a key and its open scopes.
-struct ProfilerOn {
-  ProfilerOn() { Clear(true); }
-  ~ProfilerOn() { Clear(false); }
-  static void Clear(bool enabled) {
-    std::lock_guard<orvex::SharedMutex> lock(Profiler::profilesMutex);
-    Profiler::enabled = enabled;
-    Profiler::profiles.clear();
-    Profiler::profileStacks.clear();
-  }
-  static Profiler::Profile Of(const std::string& key) {
-    std::lock_guard<orvex::SharedMutex> lock(Profiler::profilesMutex);
-    return Profiler::profiles[std::this_thread::get_id()][key];
-  }
-  static size_t OpenScopes() {
-    std::lock_guard<orvex::SharedMutex> lock(Profiler::profilesMutex);
-    return Profiler::profileStacks[std::this_thread::get_id()].size();
-  }
-};
 
 // A connected client on the fake clock; the receiving thread starts once the server speaks.
 class SendLoop : public testing::Test {
@@ -65,26 +45,106 @@ class SendLoop : public testing::Test {
   std::unique_ptr<Session> session;
 };
 
-TEST_F(SendLoop, ActionsAndModuleMessagesLeaveInOneFlushAfterTheLastMod) {
-  auto entity = MakeEntity(EntityId(1), "ship");
-  QueueAction(*entity, {1, 2, 3});
-  QueueAction(*entity, {4});
+// Each queued action is one record, uploaded once, in queuing order per entity and not
+// interleaved with another entity's; only the pending flag starts an upload. The mods'
+// records follow, all in one flush after the last mod.
+TEST_F(SendLoop, ActionsThenModuleRecordsLeaveInOneFlush) {
+  auto first = MakeEntity(EntityId(1), "ship");
+  auto second = MakeEntity(EntityId(2), "ship");
+  auto unflagged = MakeEntity(EntityId(3), "ship");
+  auto flaggedEmpty = MakeEntity(EntityId(4), "ship");
+  QueueAction(*first, Pattern(3, 0x10));
+  QueueAction(*second, Pattern(6, 0xB0));
+  QueueAction(*first, {});
+  QueueAction(*first, Pattern(300, 0x20));
+  {
+    std::lock_guard<std::mutex> lock(unflagged->actionsMutex);
+    unflagged->pendingActions.emplace_back();
+  }
+  flaggedEmpty->hasPendingActions = true;
   LoadSendMod("TEST_alpha", [](WriteOnlyStream& r, WriteOnlyStream&) { WriteBytes(r, {5, 6}); });
   size_t arrivedBeforeLastMod = 0;
   LoadSendMod("TEST_beta", [&](WriteOnlyStream& reliable, WriteOnlyStream&) {
     arrivedBeforeLastMod = session->Connection().ReadAvailable(100, 100).size();
     WriteBytes(reliable, {7});
   });
+
+  const Bytes firsts = ActionRecord(first->id, Pattern(3, 0x10)) + ActionRecord(first->id, {}) +
+                       ActionRecord(first->id, Pattern(300, 0x20));
+  const Bytes seconds = ActionRecord(second->id, Pattern(6, 0xB0));
+  const Bytes mods = ModuleRecord("TEST_alpha", {5, 6}) + ModuleRecord("TEST_beta", {7});
   session->Client().Send();
   EXPECT_EQ(arrivedBeforeLastMod, 0u) << "reliable records left before the frame's flush";
-  // The records byte for byte: 0x43, entity id, counted payload; 0x7F, module id, payload.
-  wire::ByteWriter expected;
-  expected.U8(0x43).Entity(entity->id).U32(3).U8(1).U8(2).U8(3);
-  expected.U8(0x43).Entity(entity->id).U32(1).U8(4);
-  expected.U8(0x7F).Module(wire::ModuleID("TEST_alpha")).U32(2).U8(5).U8(6);
-  expected.U8(0x7F).Module(wire::ModuleID("TEST_beta")).U32(1).U8(7);
-  EXPECT_HEX_EQ(Tcp(expected.bytes().size()), expected.bytes());
-  EXPECT_FALSE(entity->hasPendingActions);
+  const Bytes sent = Tcp(firsts.size() + seconds.size() + mods.size());
+  EXPECT_TRUE(sent == firsts + seconds + mods || sent == seconds + firsts + mods) << Hex(sent);
+  EXPECT_FALSE(first->hasPendingActions || flaggedEmpty->hasPendingActions);
+  EXPECT_TRUE(first->pendingActions.empty());
+  EXPECT_EQ(unflagged->pendingActions.size(), 1u);
+
+  GAME_Mod::UnloadAll();
+  FakeClock::Advance(1);  // uploaded once: the next silent frame sends only a keep-alive
+  SendFrame();
+  EXPECT_HEX_EQ(Tcp(1), Bytes{0x03});
+}
+
+// A frame's bytes for the mods of a row. A flush of the reliable stream ends a record, one
+// of the unreliable stream sends a datagram; an unreliable payload over 1366 bytes (1400
+// with the header) is discarded.
+TEST_F(SendLoop, ModuleMessages) {
+  const auto unreliable = [](size_t n) -> SendScript {
+    return [n](WriteOnlyStream&, WriteOnlyStream& u) { WriteBytes(u, Pattern(n)); };
+  };
+  const auto both = [](size_t r, size_t u) -> SendScript {
+    return [r, u](WriteOnlyStream& rs, WriteOnlyStream& us) {
+      WriteBytes(rs, Pattern(r));
+      WriteBytes(us, Pattern(u));
+    };
+  };
+  const SendScript flushes = [](WriteOnlyStream& r, WriteOnlyStream& u) {
+    r.Flush();  // nothing written yet: no record
+    WriteBytes(r, Pattern(3));
+    r.Flush();
+    WriteBytes(r, Pattern(2));
+    WriteBytes(u, Pattern(3));
+    u.Flush();
+    WriteBytes(u, Pattern(2));
+  };
+  const Bytes tcpKeepAlive{0x03};
+  const auto record = [](size_t n) { return ModuleRecord("TEST_alpha", Pattern(n)); };
+  const auto datagram = [](size_t n, const char* mod = "TEST_alpha") {
+    return ClientModuleDatagram(mod, Pattern(n));
+  };
+  const struct {
+    const char* name;
+    std::vector<std::pair<const char*, SendScript>> mods;
+    Bytes tcp;
+    std::vector<Bytes> datagrams;
+    bool discarded;
+  } rows[] = {
+      // clang-format off
+      {"no send handlers", {{"TEST_mute", nullptr}}, tcpKeepAlive, {KeepAliveDatagram()}, false},
+      {"both channels", {{"TEST_alpha", both(7, 9)}}, record(7), {datagram(9)}, false},
+      {"one datagram per mod in load order", {{"TEST_alpha", unreliable(10)}, {"TEST_mute", nullptr}, {"TEST_beta", unreliable(20)}}, tcpKeepAlive, {datagram(10), datagram(20, "TEST_beta")}, false},
+      {"flushes split records and datagrams", {{"TEST_alpha", flushes}}, record(3) + record(2), {datagram(3), datagram(2)}, false},
+      {"1366 bytes fill a 1400-byte datagram", {{"TEST_alpha", unreliable(1366)}}, tcpKeepAlive, {datagram(1366)}, false},
+      {"1367 bytes: discarded, the reliable part and the next mod's leave", {{"TEST_alpha", both(6, 1367)}, {"TEST_beta", unreliable(3)}}, record(6), {datagram(3, "TEST_beta")}, true},
+      // clang-format on
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    Start();
+    for (const auto& [name, script] : row.mods) LoadSendMod(name, script);
+    StderrCapture captured;
+    uint64_t expected = row.tcp.size();
+    for (const Bytes& d : row.datagrams) expected += d.size();
+    EXPECT_EQ(SendFrame(), expected);
+    EXPECT_HEX_EQ(Tcp(row.tcp.size()), row.tcp);
+    for (const Bytes& d : row.datagrams) EXPECT_HEX_EQ(session->NextDatagram(), d);
+    EXPECT_TRUE(session->NoMoreDatagrams());
+    EXPECT_EQ(captured.Text(),
+              row.discarded ? "Datagram packet size exceeds 1366 bytes and is therefore discarded\n"
+                            : "");
+  }
 }
 
 // A keep-alive is due when its channel was silent for more than its pace (TCP 5 s,
@@ -104,25 +164,17 @@ TEST_F(SendLoop, KeepAlivePaces) {
   } steps[] = {
       // clang-format off
       {"first frame sends both", 0, false, false, kKeepAlive, kKeepAlive},
-      {"nothing due", 250, false, false, kNothing, kNothing},
       {"exactly the datagram pace", 500, false, false, kNothing, kNothing},
       {"past the datagram pace", 500.001, false, false, kNothing, kKeepAlive},
-      {"pace counts from the last one", 1000, false, false, kNothing, kNothing},
-      {"datagram due again", 1000.002, false, false, kNothing, kKeepAlive},
       {"module datagram replaces it", 1600, false, true, kNothing, kMessage},
       {"without restarting the timer", 1600.5, false, false, kNothing, kKeepAlive},
-      {"reliable record, nothing due", 2000, true, false, kMessage, kNothing},
       {"exactly the TCP pace", 5000, false, false, kNothing, kKeepAlive},
       {"record replaces the TCP one", 5000.001, true, false, kMessage, kNothing},
-      {"TCP timer not restarted", 5000.5, false, false, kKeepAlive, kNothing},
+      {"TCP timer not restarted, datagram pace from the last one", 5000.5, false, false, kKeepAlive, kNothing},
       // clang-format on
   };
-  // The keep-alives byte for byte: the code alone on TCP; as a datagram lead byte,
-  // networking version, server tag, player id, code.
-  wire::ByteWriter keepAlive;
-  keepAlive.U8(7).U16(1).U16(0x0A0B).U64(0x1122334455667788ull).U8(3);
   const Bytes tcpOut[] = {{}, {0x03}, ModuleRecord("TEST_alpha", {1, 2})};
-  const Bytes udpOut[] = {{}, keepAlive, ClientModuleDatagram("TEST_alpha", {1, 2})};
+  const Bytes udpOut[] = {{}, KeepAliveDatagram(), ClientModuleDatagram("TEST_alpha", {1, 2})};
   for (const auto& step : steps) {
     SCOPED_TRACE(step.name);
     FakeClock::At(step.atMs);
@@ -155,7 +207,6 @@ TEST_F(SendLoop, LivenessBoundaries) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     Start();
-    ProfilerOn profiler;
     Game::_is_server = row.hosting;
     client::Client::error = "earlier loss";
     auto entity = MakeEntity(EntityId(1), "ship");
@@ -179,8 +230,6 @@ TEST_F(SendLoop, LivenessBoundaries) {
     }
     EXPECT_EQ(captured.Text(), quits ? row.line + row.line : "");
     EXPECT_EQ(client::Client::error, "earlier loss");
-    EXPECT_EQ(ProfilerOn::Of("Client::Send").count, quits ? 2u : 1u);
-    EXPECT_EQ(ProfilerOn::OpenScopes(), 0u);
   }
 }
 
@@ -190,7 +239,6 @@ TEST_F(SendLoop, FailedFlushEndsTheGame) {
   for (const bool action : {true, false}) {
     SCOPED_TRACE(action ? "frame flush of an action" : "keep-alive flush");
     Start();
-    ProfilerOn profiler;
     auto entity = MakeEntity(EntityId(1), "ship");
     StderrCapture captured;
     session->connection.reset();
@@ -207,29 +255,7 @@ TEST_F(SendLoop, FailedFlushEndsTheGame) {
     EXPECT_TRUE(session->NoMoreDatagrams()) << "the failing frame sent a datagram keep-alive";
     EXPECT_THAT(captured.Text(), testing::MatchesRegex("[^\n]+\n")) << "the reason, one line";
     EXPECT_NO_THROW(session->Client().Send());  // later frames fail quietly for the game
-    EXPECT_EQ(ProfilerOn::Of("Client::Send").count, uint32_t(frames + 1));
-    EXPECT_EQ(ProfilerOn::OpenScopes(), 0u);
   }
-}
-
-TEST_F(SendLoop, EveryCallIsOneProfileMeasurementEvenWhenAModThrows) {
-  ProfilerOn profiler;
-  bool fail = false;
-  LoadSendMod("TEST_alpha", [&](WriteOnlyStream&, WriteOnlyStream&) {
-    Profiler physics("Physics", true);  // the mod's step takes 2 ms of fake time
-    FakeClock::Advance(2);
-    physics.Stop();
-    if (fail) throw std::runtime_error("mod failed");
-  });
-  for (int i = 0; i < 3; ++i) session->Client().Send();
-  fail = true;
-  EXPECT_THROW(session->Client().Send(), std::runtime_error);
-  EXPECT_EQ(ProfilerOn::Of("Client::Send").count, 4u);
-  EXPECT_DOUBLE_EQ(ProfilerOn::Of("Client::Send").totalMs, 8.0);
-  EXPECT_EQ(ProfilerOn::Of("Client::Send/Physics").count, 4u);
-  EXPECT_EQ(ProfilerOn::Of("Physics").count + ProfilerOn::Of("Client::Send/Client::Send").count,
-            0u);
-  EXPECT_EQ(ProfilerOn::OpenScopes(), 0u);
 }
 
 }  // namespace

@@ -19,35 +19,24 @@ Bytes Waiting(const Stream& s) {
   return Bytes(s.GetBuffer(), s.GetBuffer() + s.GetBufferSize());
 }
 
-TEST(Stream, EncodingsAreLittleEndianValuesAndCountedBlocks) {
-  Stream inner, s;  // only the inner stream's waiting bytes are embedded
+TEST(Stream, EncodingsAreLittleEndianValuesAndCountedBlocksInAQueue) {
+  Stream inner, s, self;  // only the inner stream's waiting bytes are embedded
   inner.Write(Bytes{9, 1, 2}.data(), 3);
   inner.ReadValue<uint8_t>();
-  s.WriteValue<uint16_t>(0x1234);
-  s.WriteValue<uint64_t>(0x1122334455667788ull);
-  s.WriteValue<int32_t>(-2);
-  s.WriteValue<double>(1.0);
-  s.WriteValue<float>(-2.0f);
-  s.Write("ab"s);
-  s.Write("\0"s);
-  s.Write(inner);
-  s.Write(WriteOnlyStream());
+  s.WriteValue<uint16_t>(0x1234), s.WriteValue<uint64_t>(0x1122334455667788ull);
+  s.WriteValue<int32_t>(-2), s.WriteValue<double>(1.0), s.WriteValue<float>(-2.0f);
+  s.Write("ab"s), s.Write("\0"s), s.Write(inner), s.Write(WriteOnlyStream());
   EXPECT_HEX_EQ(Waiting(s),
                 (Bytes{0x34, 0x12, 0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 0xFE, 0xFF,
                        0xFF, 0xFF, 0,    0,    0,    0,    0,    0,    0xF0, 0x3F, 0,    0,
                        0,    0xC0, 2,    0,    0,    0,    'a',  'b',  1,    0,    0,    0,
                        0,    2,    0,    0,    0,    1,    2,    0,    0,    0,    0}));
-  Stream self;
   self.WriteValue<uint16_t>(0x0201);
   self.Write(self);
   EXPECT_HEX_EQ(Waiting(self), (Bytes{1, 2, 2, 0, 0, 0, 1, 2}));
-}
-
-TEST(Stream, AMemoryStreamIsAQueue) {
   Stream queue;  // the consumed front is dropped on the way
   for (uint32_t i = 0; i < 3000; ++i) {
-    queue.WriteValue(i);
-    queue.WriteValue(i);
+    queue.WriteValue(i), queue.WriteValue(i);
     ASSERT_EQ(queue.ReadValue<uint32_t>(), i / 2);
   }
   queue.Flush();
@@ -64,7 +53,7 @@ TEST(Stream, EveryCutOfARecordReadsZerosOrClampedBlocks) {
   const Field fields[] = {{1, "\x81"},      {2, "\x93\x92"},
                           {0, "hello"},     {4, "\xA4\xA3\xA2\xA1"},
                           {-1, "\x01\x02"}, {8, "\xB8\xB7\xB6\xB5\xB4\xB3\xB2\xB1"},
-                          {0, ""},          {0, "xy"}};
+                          {0, ""}};
   Stream record;
   for (const Field& f : fields) {
     if (f.size <= 0) record.WriteValue(static_cast<uint32_t>(f.bytes.size()));
@@ -72,7 +61,6 @@ TEST(Stream, EveryCutOfARecordReadsZerosOrClampedBlocks) {
   }
   const Bytes all = Waiting(record);
   for (size_t cut = 0; cut <= all.size(); ++cut) {
-    SCOPED_TRACE("cut at " + std::to_string(cut));
     const Bytes exact(all.begin(), all.begin() + cut);  // a read past it shows under ASan
     Stream memory;
     memory.Write(exact.data(), cut);
@@ -90,32 +78,23 @@ TEST(Stream, EveryCutOfARecordReadsZerosOrClampedBlocks) {
           got = f.size < 0 ? std::string(block.begin(), block.end()) : s->ReadString(100);
           expected = f.bytes.substr(0, cut > at + 4 ? cut - at - 4 : 0);  // counts are < 256
         }
-        EXPECT_EQ(got, expected) << "field at " << at;
+        EXPECT_EQ(got, expected) << "cut at " << cut << ", field at " << at;
         at += f.size > 0 ? f.size : 4 + f.bytes.size();
       }
       EXPECT_EQ(s->GetBufferSize(), 0u);
     }
   }
-}
-
-TEST(Stream, HostileCountsAreClampedToTheBytesOrRefusedByTheLimit) {
-  const Bytes hostile = {0xFF, 0xFF, 0xFF, 0xFF, 'a', 'b', 'c'};
+  const Bytes hostile = {0xFF, 0xFF, 0xFF, 0xFF, 'a', 'b', 'c'};  // a count past the end
   std::string text;
   ReadOnlyStream(hostile).Read(text);
   EXPECT_EQ(text, "abc");
-  ReadOnlyStream forStream(hostile);
-  EXPECT_EQ(forStream.ReadStream().GetSize(), 3u);
-  Stream memory;
-  memory.Write(hostile.data(), hostile.size());
-  EXPECT_EQ(memory.ReadStream().GetSize(), 3u);
+  EXPECT_EQ(ReadOnlyStream(hostile).ReadStream().GetSize(), 3u);
   try {
     ReadOnlyStream(hostile).ReadString(65535);
     ADD_FAILURE() << "a count above the limit was taken";
   } catch (const std::runtime_error& e) {
     EXPECT_STREQ(e.what(), "string of 4294967295 bytes exceeds the limit of 65535 bytes");
   }
-  memory.Write("abcd"s);
-  EXPECT_EQ(memory.ReadString(4), "abcd");
 }
 
 TEST(Stream, ReadOnlyCopiesOwnTheirBytesAndSubStreamsOutliveTheirParent) {
@@ -131,8 +110,7 @@ TEST(Stream, ReadOnlyCopiesOwnTheirBytesAndSubStreamsOutliveTheirParent) {
   }
   EXPECT_EQ(std::string(sub.GetBuffer(), sub.GetBuffer() + sub.GetSize()), "nest");
   ReadOnlyStream moved(std::move(copy));
-  EXPECT_EQ(moved.GetSize(), 9u);
-  EXPECT_EQ(copy.GetSize(), 0u);
+  EXPECT_TRUE(moved.GetSize() == 9u && copy.GetSize() == 0u);
   EXPECT_THROW(moved.WriteValue<uint8_t>(1), std::logic_error);
   moved.Flush();  // skips the rest
   EXPECT_EQ(moved.GetPosition(), 9u);
@@ -142,24 +120,20 @@ TEST(Stream, WriteOnlyFlushRunsTheHandlerOnceThenEmptiesUnlessItThrows) {
   WriteOnlyStream stream(1400);
   EXPECT_THROW(stream.ReadValue<uint8_t>(), std::logic_error);
   EXPECT_THROW(stream.ReadStream(), std::logic_error);
-  Stream sink;
   int calls = 0;
   stream.flushHandler = [&] {
     if (++calls == 2) throw std::runtime_error("send failed");
-    sink.Write(stream);
     stream.Flush();                 // inside the handler: only empties
     stream.WriteValue<uint8_t>(9);  // emptied by the outer flush
   };
   stream.Write("ok"s);
   stream.Flush();
-  EXPECT_HEX_EQ(Waiting(sink), (Bytes{6, 0, 0, 0, 2, 0, 0, 0, 'o', 'k'}));
   EXPECT_EQ(stream.GetBufferSize(), 0u);
   stream.WriteValue<uint8_t>(1);
   EXPECT_THROW(stream.Flush(), std::runtime_error);
   EXPECT_EQ(stream.GetBufferSize(), 1u) << "the bytes stay for the caller";
   stream.Flush();  // the handler runs again
   EXPECT_EQ(calls, 3);
-  stream.Clear();
 }
 
 }  // namespace

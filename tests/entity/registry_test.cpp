@@ -5,7 +5,6 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "GAME_Mod.h"
@@ -18,7 +17,6 @@ namespace {
 using game::entity::ClientSideEntity;
 using game::entity::Id;
 using testlib::StderrCapture;
-using namespace std::string_literals;
 
 // Bytes "ENTY", then 01 02 ... 0C.
 constexpr Id kTagged{0x0403020159544E45ull, 0x0C0B0A0908070605ull};
@@ -36,59 +34,46 @@ class EntityRegistry : public ::testing::Test {
     auto mod = std::make_shared<GAME_Mod>("TEST_probe");
     mod->supplyInterface = [](ClientSideEntity& e) { e.interface = std::make_shared<Counted>(); };
     GAME_Mod::Load(mod);
-    destroyed = 0;
   }
-  void TearDown() override {
-    Game::ResetEntities();
-    GAME_Mod::UnloadAll();
-    Game::Reset();
-  }
+  void TearDown() override { Game::ResetEntities(), GAME_Mod::UnloadAll(), Game::Reset(); }
   static ClientSideEntity::Ptr Create(Id id, const std::string& text = "entity") {
     return ClientSideEntity::Create<ClientSideEntity>(id, "TEST_probe", text);
   }
 };
 
-TEST_F(EntityRegistry, ADuplicateIdIsRejectedAndTheRegisteredEntityIsUntouched) {
-  for (const auto& [id, text] : {std::pair{kTagged, kTaggedText}, std::pair{Id{0, 5}, ""s}}) {
-    SCOPED_TRACE(text);
-    const ClientSideEntity::Ptr first = Create(id, "first");
-    StderrCapture err;
-    destroyed = 0;
+TEST_F(EntityRegistry, ADuplicateIsRejectedAndADestroyWhileHeldWarnsAndLeavesItUnregistered) {
+  ClientSideEntity::Ptr held = Create(kTagged, "held"), zero = Create({0, 5});
+  const Id sibling{kTagged.word0 + 1, kTagged.word1};  // same second word: a distinct entry
+  Create(sibling);
+  StderrCapture err;
+  destroyed = 0;
+  for (const auto& [id, text] :
+       {std::pair{kTagged, kTaggedText}, std::pair{Id{0, 5}, std::string()}}) {
     try {
       Create(id, "second");
       ADD_FAILURE() << "accepted";
     } catch (const std::runtime_error& e) {
       EXPECT_EQ(e.what(), "UNIQUE_OBJECT ClientSideEntity with id " + text + " already exists");
     }
-    EXPECT_EQ(err.Text(), "");
-    EXPECT_EQ(destroyed, 1) << "the rejected entity is destroyed";
-    EXPECT_EQ(ClientSideEntity::Get<ClientSideEntity>(id), first);
-    EXPECT_EQ(first.use_count(), 2) << "the caller's and the registry's reference";
   }
-}
-
-TEST_F(EntityRegistry, DestroyWhileHeldWarnsAndTheEntityLivesOnUnregistered) {
-  const Id sibling{kTagged.word0 + 1, kTagged.word1};  // same second word: a distinct entry
-  ClientSideEntity::Ptr held = Create(kTagged, "held");
-  Create(sibling);
-  StderrCapture err;
-  ClientSideEntity::Destroy(Id{kTagged.word0 + 2, kTagged.word1});  // unknown: nothing happens
-  ClientSideEntity::Destroy(kTagged);
-  EXPECT_TRUE(ClientSideEntity::Exists(sibling));
+  EXPECT_EQ(destroyed, 2) << "the rejected entities are destroyed";
+  EXPECT_EQ(ClientSideEntity::Get<ClientSideEntity>(kTagged), held);
+  EXPECT_EQ(held.use_count(), 2) << "the caller's and the registry's reference";
+  ClientSideEntity::Destroy({kTagged.word0 + 2, kTagged.word1});  // unknown: nothing happens
   ClientSideEntity::Destroy(sibling);  // the registry's was the last reference: no warning
-  EXPECT_EQ(destroyed, 1);
+  EXPECT_EQ(err.Text(), "");
+  ClientSideEntity::Destroy(kTagged);
   EXPECT_EQ(err.Text(), "WARNING: UNIQUE_OBJECT ClientSideEntity with id " + kTaggedText +
                             " being Destroyed while still in use\n");
   EXPECT_FALSE(ClientSideEntity::Exists(kTagged));
-  EXPECT_EQ(held->text, "held");
+  EXPECT_EQ(destroyed, 3);
   held.reset();
-  EXPECT_EQ(destroyed, 2);
+  EXPECT_EQ(destroyed, 4);
   EXPECT_EQ(Create(kTagged, "again")->text, "again") << "the id is free again";
 }
 
 // Checked by state; run it under ThreadSanitizer to check the locking itself.
 TEST_F(EntityRegistry, ReadersSeeConsistentEntriesWhileAWriterChangesThem) {
-  constexpr uint64_t kIds = 64;
   const auto idOf = [](uint64_t i) { return Id{i + 1, i % 8 + 1}; };
   StderrCapture err;  // destroying an entity that a reader holds warns; expected here
   std::atomic<int> readersLeft = 3, wrongEntity = 0;
@@ -96,7 +81,7 @@ TEST_F(EntityRegistry, ReadersSeeConsistentEntriesWhileAWriterChangesThem) {
   for (int r = 0; r < 3; ++r) {
     readers.emplace_back([&, r] {
       for (int n = 0; n < 20000; ++n) {
-        const Id id = idOf(static_cast<uint64_t>(n + r) % kIds);
+        const Id id = idOf(static_cast<uint64_t>(n + r) % 64);
         if (ClientSideEntity::Ptr entity = ClientSideEntity::Get<ClientSideEntity>(id)) {
           wrongEntity += !(entity->id == id);
           entity->GetAbsoluteTransformInEnvironment();  // walks to the parents
@@ -107,14 +92,30 @@ TEST_F(EntityRegistry, ReadersSeeConsistentEntriesWhileAWriterChangesThem) {
   }
   for (bool last = false; !last;) {  // the final round leaves the odd indices
     last = readersLeft == 0;
-    for (uint64_t i = 0; i < kIds; ++i) Create(idOf(i))->parentId = i > 0 ? idOf(i - 1) : Id{};
-    for (uint64_t i = 0; i < kIds; ++i) {
-      if (!last || i % 2 == 0) ClientSideEntity::Destroy(idOf(i));
-    }
+    for (uint64_t i = 0; i < 64; ++i) Create(idOf(i))->parentId = i > 0 ? idOf(i - 1) : Id{};
+    for (uint64_t i = 0; i < 64; i += last ? 2 : 1) ClientSideEntity::Destroy(idOf(i));
   }
   for (std::thread& thread : readers) thread.join();
   EXPECT_EQ(wrongEntity, 0);
-  for (uint64_t i = 0; i < kIds; ++i) EXPECT_EQ(ClientSideEntity::Exists(idOf(i)), i % 2 == 1);
+  for (uint64_t i = 0; i < 64; ++i) EXPECT_EQ(ClientSideEntity::Exists(idOf(i)), i % 2 == 1);
+}
+
+// The count of entities with queued actions follows every change of their flag.
+TEST(ActionFlag, CountsEntitiesWhoseFlagIsSetHoweverItChanges) {
+  const size_t before = game::entity::ActionFlag::Pending();
+  const auto make = [](uint64_t n) {
+    return std::make_unique<ClientSideEntity>(Id{n, n}, orvex::modular::ModuleID("TEST_mod"), "");
+  };
+  auto a = make(1), b = make(2);
+  a->hasPendingActions = true;
+  a->hasPendingActions = true;  // setting a set flag again counts once
+  b->QueueAction(orvex::filesystem::Stream());
+  EXPECT_EQ(game::entity::ActionFlag::Pending(), before + 2);
+  a->hasPendingActions = false;
+  a->hasPendingActions = false;
+  EXPECT_EQ(game::entity::ActionFlag::Pending(), before + 1);
+  b.reset();  // destroyed with its flag set
+  EXPECT_EQ(game::entity::ActionFlag::Pending(), before);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// Module identifiers: text to the two base-37 words and back.
+// Identifiers: module ids to the two base-37 words and back, unique ids to text.
 #include "identifiers/ModuleID.h"
 
 #include <gtest/gtest.h>
@@ -6,6 +6,9 @@
 #include <cstring>
 #include <string>
 #include <vector>
+
+#include "game/UniqueId.h"
+#include "game/entity/Id.h"
 
 namespace {
 
@@ -30,11 +33,8 @@ TEST(ModuleId, WorkedExamples) {
        "ZZZZZZZZZZZZ_zzzzzzzzzzzz",
        kTwelveZ,
        kTwelveZ},
-      {"trailing spaces are lost", {"A_b ", "A_b  "}, "A_b", 11, 12},
-      {"trailing spaces of the prefix too", {"AB  _b"}, "AB_b"},
-      {"a space may start a part", {"A_ b"}, "A_ b"},
-      {"inner spaces stay", {"A_b c"}, "A_b c"},
-      {"leading spaces stay", {" A_b"}, " A_b"},
+      {"trailing spaces are lost, of the prefix too", {"A_b ", "A _b  "}, "A_b", 11, 12},
+      {"leading and inner spaces stay", {" A_ b c"}, " A_ b c"},
       {"a part of spaces is zero", {"A_   "}, "", 11, 0},
       {"a second underscore is foreign", {"x_y_z"}, "", 34, 0},
       {"a foreign character zeroes its word", {"a-b_cd", "A.B_cd"}, "", 0, 531},
@@ -57,39 +57,38 @@ TEST(ModuleId, WorkedExamples) {
   }
 }
 
-TEST(ModuleId, EveryAlphabetCharacterRoundTripsAndEveryLetterStartsAPart) {
-  const std::string upper = orvex::BASE36_UPPER_CHARS, lower = orvex::BASE36_LOWER_CHARS;
-  for (size_t digit = 0; digit < 37; ++digit) {
-    // Between two letters, so that a space is not lost as a trailing zero.
-    const std::string prefix = "Q"s + upper[digit] + "Z", name = "q"s + lower[digit] + "z";
-    const ModuleID id(prefix + "_" + name);
-    EXPECT_EQ(id.prefix, 27u + digit * 37 + 36u * 37 * 37) << prefix;
-    EXPECT_EQ(id.name, 27u + digit * 37 + 36u * 37 * 37) << name;
-    EXPECT_EQ(id.String(), prefix + "_" + name);
-    const std::string capital(1, upper[digit]), small(1, lower[digit]);
-    if (digit > 10) {  // a letter starts a part in either case
-      EXPECT_EQ(ModuleID(small + "_" + capital).String(), capital + "_" + small);
-    }
-  }
-}
-
-TEST(ModuleId, BinaryFormIsThePrefixWordThenTheNameWordLittleEndian) {
-  const ModuleID id("core_Ship");
-  unsigned char bytes[16];
-  std::memcpy(bytes, &id, sizeof bytes);
-  const unsigned char expected[16] = {0x59, 0x31, 0x0C, 0, 0, 0, 0, 0,
-                                      0xC4, 0x80, 0x14, 0, 0, 0, 0, 0};
-  EXPECT_EQ(0, std::memcmp(bytes, expected, sizeof bytes));
-}
-
-TEST(ModuleId, WordsSetDirectlyPrintWhateverTheyHold) {
-  ModuleID id;
-  id.prefix = 11;
+TEST(ModuleId, StoredAsThePrefixWordThenTheNameWordAndPrintsWhateverTheWordsHold) {
+  ModuleID id("core_Ship");
+  const unsigned char expected[16] = {0x59, 0x31, 0x0C, 0, 0, 0, 0, 0, 0xC4, 0x80, 0x14};
+  EXPECT_EQ(0, std::memcmp(&id, expected, sizeof expected));
+  id.prefix = 11, id.name = 0;
   EXPECT_EQ(id.String(), "");
   id.name = 37;  // digits 0 then 1: a leading space, then "0"
   EXPECT_EQ(id.String(), "A_ 0");
   id.name = UINT64_MAX;  // beyond twelve digits: prints thirteen, never fails
   EXPECT_EQ(id.String().size(), 2u + 13);
+}
+
+TEST(UniqueIdText, WorkedExamples) {
+  const struct {
+    const char* name;
+    std::string bytes;  // the 16 bytes in memory order
+    std::string text;
+  } rows[] = {
+      {"tag then every hex digit", "TAGS\x12\x34\x56\x78\x9A\xBC\xDE\xF0\x0F\xED\xCB\xA9"s,
+       "TAGS123456789ABCDEF00FEDCBA9"},
+      {"any tag byte is copied", "A\0\xFF\n\0\0\0\0\0\0\0\0\0\0\0\x01"s,
+       "A\0\xFF\n"s + "000000000000000000000001"},
+      {"zero first word", "\0\0\0\0\0\0\0\0\x01\x02\x03\x04\x05\x06\x07\x08"s, ""},
+      {"zero second word", "SHIP\xDE\xAD\xBE\xEF\0\0\0\0\0\0\0\0"s, ""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    game::UniqueId id;
+    std::memcpy(&id, row.bytes.data(), 16);
+    EXPECT_EQ(std::string(id), row.text);
+    EXPECT_EQ((game::entity::Id{id.word0, id.word1}.ToString()), row.text);
+  }
 }
 
 }  // namespace

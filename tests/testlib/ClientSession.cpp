@@ -1,53 +1,135 @@
 #include "ClientSession.h"
 
+#include <array>
 #include <chrono>
 #include <condition_variable>
-#include <mutex>
 #include <stdexcept>
 #include <utility>
 
 #include "GAME_Mod.h"
 #include "Game.h"
+#include "support/Timer.h"
 
 namespace testlib {
 namespace {
 
-// The mod TEST_probe counts its messages and wakes the waiters.
+using orvex::filesystem::ReadOnlyStream;
+using orvex::filesystem::WriteOnlyStream;
+
 constexpr const char* kProbe = "TEST_probe";
-std::mutex probeMutex;
+std::mutex mutex;  // guards the probe count and the recorded payloads
 std::condition_variable probeArrived;
 size_t probeCount = 0;
+std::vector<Bytes> payloads;
+std::array<SendScript, 4> sendScripts;
+size_t scriptsInUse = 0;
 
-void ProbeHandler(orvex::filesystem::ReadOnlyStream&) {
-  std::lock_guard<std::mutex> lock(probeMutex);
-  ++probeCount;
-  probeArrived.notify_all();
+Bytes Remaining(ReadOnlyStream& data) {
+  Bytes bytes(data.GetBufferSize());
+  data.Read(bytes.data(), bytes.size());
+  return bytes;
+}
+
+// Send handlers are plain function pointers: one per slot, each running its slot's script.
+template <size_t Slot>
+void ScriptedSend(WriteOnlyStream& reliable, WriteOnlyStream& unreliable) {
+  sendScripts[Slot](reliable, unreliable);
+}
+constexpr std::array<GAME_Mod::SendHandler, 4> kHandlers = {&ScriptedSend<0>, &ScriptedSend<1>,
+                                                            &ScriptedSend<2>, &ScriptedSend<3>};
+
+void LoadOnce(const char* name, void (*configure)(GAME_Mod&)) {
+  if (GAME_Mod::GetModule(name)) return;
+  auto mod = std::make_shared<GAME_Mod>(name);
+  configure(*mod);
+  GAME_Mod::Load(mod);
+}
+
+void WaitForProbe(size_t count, const char* what) {
+  std::unique_lock<std::mutex> lock(mutex);
+  if (!probeArrived.wait_for(lock, std::chrono::seconds(10), [=] { return probeCount >= count; })) {
+    throw std::runtime_error(std::string("the probe was not taken in: ") + what);
+  }
 }
 
 }  // namespace
 
-bool WaitForProbes(size_t count) {
-  std::unique_lock<std::mutex> lock(probeMutex);
-  return probeArrived.wait_for(lock, std::chrono::seconds(10), [=] { return probeCount >= count; });
+void RecordingInterface::Sync(ReadOnlyStream& data) {
+  Bytes bytes = Remaining(data);
+  std::lock_guard<std::mutex> lock(mutex);
+  syncs.push_back(std::move(bytes));
+}
+
+void InstallTestMods() {
+  LoadOnce(kEntityMod, [](GAME_Mod& mod) {
+    mod.supplyInterface = [](ClientSideEntity& entity) {
+      if (entity.text == "nointerface") return;
+      entity.interface = std::make_shared<RecordingInterface>();
+      entity.serverDriven = entity.text != "static";
+    };
+  });
+  LoadOnce(kRecorderMod, [](GAME_Mod& mod) {
+    mod.clientMessageHandler = [](ReadOnlyStream& payload) {
+      Bytes bytes = Remaining(payload);
+      std::lock_guard<std::mutex> lock(mutex);
+      payloads.push_back(std::move(bytes));
+    };
+  });
+}
+
+std::vector<Bytes> RecordedPayloads() {
+  std::lock_guard<std::mutex> lock(mutex);
+  return payloads;
+}
+
+ClientSideEntity::Ptr MakeEntity(game::entity::Id id, const std::string& text,
+                                 game::entity::Id parent, glm::dvec3 position,
+                                 game::entity::Orientation orientation) {
+  InstallTestMods();
+  return ClientSideEntity::Interface::Create(id, kEntityMod, text, parent, position, orientation,
+                                             ReadOnlyStream());
+}
+
+void LoadSendMod(const std::string& name, SendScript script) {
+  auto mod = std::make_shared<GAME_Mod>(name);
+  if (script) {
+    if (scriptsInUse == sendScripts.size()) throw std::logic_error("no free send script slot");
+    sendScripts[scriptsInUse] = std::move(script);
+    mod->clientSendHandler = kHandlers[scriptsInUse++];
+  }
+  GAME_Mod::Load(mod);
+}
+
+void ResetClientState() {
+  Game::ResetEntities();
+  GAME_Mod::UnloadAll();
+  Game::Reset();
+  Timer::SetClockSourceForTesting(nullptr);
+  client::Client::_instance = nullptr;
+  client::Client::error.clear();
+  sendScripts = {};
+  scriptsInUse = 0;
+  std::lock_guard<std::mutex> lock(mutex);
+  payloads.clear();
 }
 
 Session::Session(SessionOptions options) : server(options.host) {
-  if (!GAME_Mod::GetModule(kProbe)) {
-    auto mod = std::make_shared<GAME_Mod>(kProbe);
-    mod->clientMessageHandler = &ProbeHandler;
-    GAME_Mod::Load(mod);
-  }
+  LoadOnce(kProbe, [](GAME_Mod& mod) {
+    mod.clientMessageHandler = [](ReadOnlyStream&) {
+      std::lock_guard<std::mutex> lock(mutex);
+      ++probeCount;
+      probeArrived.notify_all();
+    };
+  });
+  auto connecting = Connect(server.Port(), options.token, options.password, options.host);
+  connection = server.Accept();
+  // The hello leaves in one flush: without a password there is nothing to wait for.
+  connection->ReadHello(options.password.empty() ? 0 : 200);
+  connection->Send(Welcome(options.welcome));
+  client = connecting.get();
   {
-    auto connecting = Connect(server.Port(), options.token, options.password, options.host);
-    connection = server.Accept();
-    // The hello leaves in one flush: without a password there is nothing to wait for.
-    connection->ReadHello(options.password.empty() ? 0 : 200);
-    connection->Send(Welcome(options.welcome));
-    client = connecting.get();
-  }
-  {
-    std::lock_guard<std::mutex> lock(probeMutex);
-    probesSent_ = probeCount;  // probes of earlier sessions in this process count too
+    std::lock_guard<std::mutex> lock(mutex);
+    probesSent = probeCount;  // probes of earlier sessions in this process count too
   }
   if (options.startReceiving) StartReceiving();
 }
@@ -60,29 +142,23 @@ Session::~Session() {
 
 void Session::StartReceiving() {
   Game::isActive = true;
-  receiving_ = std::thread([this] { client->ReceivingThread(); });
+  receiving = std::thread([this] { client->ReceivingThread(); });
 }
 
 void Session::StopReceiving(bool wake) {
-  if (!receiving_.joinable()) return;
+  if (!receiving.joinable()) return;
   Game::isActive = false;
-  if (wake && connection) {
-    try {
-      connection->Send(Bytes{0x03});
-    } catch (const std::exception&) {
-      // The connection is gone: the thread has ended or ends on its own.
-    }
+  try {
+    if (wake && connection) connection->Send(Bytes{0x03});
+  } catch (const std::exception&) {
+    // The connection is gone: the thread has ended or ends on its own.
   }
-  receiving_.join();
+  receiving.join();
 }
 
 void Session::SendReliable(const Bytes& bytes) {
-  const size_t number = ++probesSent_;
-  Bytes all = bytes;
-  const Bytes probe = ModuleMessage(kProbe, {});
-  all.insert(all.end(), probe.begin(), probe.end());
-  connection->Send(all);
-  if (!WaitForProbes(number)) throw std::runtime_error("the reliable probe was not carried out");
+  connection->Send(bytes + ModuleMessage(kProbe, {}));
+  WaitForProbe(++probesSent, "reliable");
 }
 
 void Session::LearnDatagramAddress() {
@@ -101,23 +177,16 @@ void Session::LearnDatagramAddress() {
 
 void Session::SendDatagram(const Bytes& bytes) {
   if (clientPort == 0) LearnDatagramAddress();
-  const size_t number = ++probesSent_;
   server.SendDatagram(clientAddress, clientPort, bytes);
   server.SendDatagram(clientAddress, clientPort,
                       wire::ModuleDatagram(orvex::modular::ModuleID(kProbe), {}));
-  if (!WaitForProbes(number)) throw std::runtime_error("the datagram probe was not taken in");
+  WaitForProbe(++probesSent, "datagram");
 }
 
 Bytes Session::NextDatagram() {
-  std::optional<testserver::ReceivedDatagram> datagram = server.NextDatagram(5000);
+  auto datagram = server.NextDatagram(5000);
   if (!datagram) throw std::runtime_error("no datagram arrived from the client");
   return datagram->bytes;
-}
-
-std::future<std::unique_ptr<client::Client>> Connect(uint16_t port, std::string token,
-                                                     std::string password, std::string host) {
-  return std::async(std::launch::async,
-                    [=] { return std::make_unique<client::Client>(host, port, token, password); });
 }
 
 std::string ConstructionError(const Bytes& reply, bool close) {

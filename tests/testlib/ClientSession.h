@@ -1,50 +1,114 @@
-// A client::Client connected to the in-process test server on real loopback sockets, and
-// the pieces for cases that play the server's side of the handshake themselves.
+// The client harness: a client::Client on loopback against the in-process test server, the
+// test mods of the client suites and the reset of the process-wide state around each case.
 #pragma once
 
+#include <sys/resource.h>
+
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "Messages.h"
 #include "client/Client.h"
+#include "game/entity/ClientSideEntity.h"
+#include "orvex/filesystem/Stream.h"
 #include "server/TestServer.h"
 
 namespace testlib {
 
+using game::entity::ClientSideEntity;
+
+inline Bytes operator+(Bytes a, const Bytes& b) {
+  a.insert(a.end(), b.begin(), b.end());
+  return a;
+}
+
+// What a hostile count may not move: the growth of the process's peak resident memory.
+inline long PeakResidentMb() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss / 1024;
+}
+
+inline void WriteBytes(orvex::filesystem::Stream& stream, const Bytes& bytes) {
+  stream.Write(bytes.data(), bytes.size());
+}
+
+// Records the bytes left in the stream at each Sync() (receiving thread; guarded).
+struct RecordingInterface : ClientSideEntity::Interface {
+  void Sync(orvex::filesystem::ReadOnlyStream& data) override;
+  std::vector<Bytes> Syncs() const {
+    std::lock_guard<std::mutex> lock(mutex);
+    return syncs;
+  }
+  mutable std::mutex mutex;
+  std::vector<Bytes> syncs;
+};
+
+// TEST_entities gives, by entity text, "nointerface" no interface, "static" a
+// RecordingInterface that is not server-driven, anything else a driven one. TEST_recorder
+// records each message payload (any thread). Installing is idempotent.
+inline constexpr const char* kEntityMod = "TEST_entities";
+inline constexpr const char* kRecorderMod = "TEST_recorder";
+void InstallTestMods();
+std::vector<Bytes> RecordedPayloads();
+
+// Registers an entity of TEST_entities directly, as a creation message would.
+ClientSideEntity::Ptr MakeEntity(game::entity::Id id, const std::string& text,
+                                 game::entity::Id parent = {}, glm::dvec3 position = {},
+                                 game::entity::Orientation orientation = {});
+inline ClientSideEntity::Ptr FindEntity(game::entity::Id id) {
+  return ClientSideEntity::Get<ClientSideEntity>(id);
+}
+inline std::shared_ptr<RecordingInterface> RecordingOf(game::entity::Id id) {
+  return std::dynamic_pointer_cast<RecordingInterface>(FindEntity(id)->interface);
+}
+inline void QueueAction(ClientSideEntity& entity, const Bytes& payload) {
+  orvex::filesystem::Stream action;
+  WriteBytes(action, payload);
+  entity.QueueAction(std::move(action));
+}
+
+// Loads mod `name` whose send handler runs `script` (none when empty); four per case.
+using SendScript = std::function<void(orvex::filesystem::WriteOnlyStream& reliable,
+                                      orvex::filesystem::WriteOnlyStream& unreliable)>;
+void LoadSendMod(const std::string& name, SendScript script);
+
+// Puts the game, mods, registry, clock, recorders, scripts and client statics back.
+void ResetClientState();
+// Declared first in a fixture, it resets at both ends of the case, around the sessions.
+struct CleanClientState {
+  CleanClientState() { ResetClientState(); }
+  ~CleanClientState() { ResetClientState(); }
+};
+
 struct SessionOptions {
-  std::string host = "127.0.0.1";
-  std::string token = "token";
-  std::string password;
+  std::string host = "127.0.0.1", token = "token", password;
   wire::Welcome welcome = DefaultWelcome();
   bool startReceiving = true;
 };
 
 // Connects a client (the server reads the hello and answers the welcome), then by default
-// starts the receiving thread. The test thread plays the game thread. The barriers below
-// send a message to the mod TEST_probe after the bytes: messages are carried out in order.
-class Session {
- public:
+// starts the receiving thread; the test thread plays the game thread. The Send* barriers
+// follow the bytes with a message to the mod TEST_probe and wait until it was carried out.
+struct Session {
   explicit Session(SessionOptions options = {});
   ~Session();
-
   client::Client& Client() { return *client; }
   testserver::TestConnection& Connection() { return *connection; }
-
   void StartReceiving();
   // Clears Game::isActive and joins; `wake` sends a byte so the thread sees it at once.
   void StopReceiving(bool wake = true);
-  // Sends `bytes` on TCP; returns once they were carried out.
   void SendReliable(const Bytes& bytes);
   // Makes the client send a datagram and records its address (needed by SendDatagram).
   void LearnDatagramAddress();
-  // Sends `bytes` as a datagram; returns once it was taken in or dropped.
   void SendDatagram(const Bytes& bytes);
-  // The next datagram from the client; throws when none arrives in time.
-  Bytes NextDatagram();
+  Bytes NextDatagram();  // throws when none arrives in time
   bool NoMoreDatagrams() { return !server.NextDatagram(200).has_value(); }
 
   testserver::TestServer server;
@@ -52,20 +116,20 @@ class Session {
   std::unique_ptr<client::Client> client;
   std::string clientAddress;
   uint16_t clientPort = 0;
-
- private:
-  std::thread receiving_;
-  size_t probesSent_ = 0;
+  std::thread receiving;
+  size_t probesSent = 0;
 };
 
-// Runs the client's constructor on a helper thread while the test plays the server; get()
-// returns the client or rethrows the constructor's exception.
-std::future<std::unique_ptr<client::Client>> Connect(uint16_t port, std::string token = "token",
-                                                     std::string password = "",
-                                                     std::string host = "127.0.0.1");
-
-// Constructs a client against a server that answers the hello with `reply` (empty:
-// silence; `close`: then closes) and returns the constructor's exception text, "" if built.
+// Runs the client's constructor on a helper thread while the test plays the server.
+inline std::future<std::unique_ptr<client::Client>> Connect(uint16_t port,
+                                                            std::string token = "token",
+                                                            std::string password = "",
+                                                            std::string host = "127.0.0.1") {
+  return std::async(std::launch::async,
+                    [=] { return std::make_unique<client::Client>(host, port, token, password); });
+}
+// The constructor's exception text ("" if built) against a server that answers the hello
+// with `reply` (empty: silence) and then, with `close`, closes.
 std::string ConstructionError(const Bytes& reply, bool close = false);
 
 }  // namespace testlib

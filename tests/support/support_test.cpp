@@ -1,0 +1,155 @@
+// Support: the stopwatch, the per-thread profiler and the reader-writer lock.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "FakeClock.h"
+#include "Wait.h"
+#include "support/Profiler.h"
+#include "support/SharedMutex.h"
+#include "support/Timer.h"
+
+namespace {
+
+using orvex::cpu::Profiler;
+using testlib::FakeClock;
+
+std::atomic<double> nowNs = 0.0;
+
+TEST(Timer, ElapsedCountsMillisecondsFromTheLastStartEvenAtTodaysEpoch) {
+  Timer::SetClockSourceForTesting([] { return nowNs.load(); });
+  for (const double epoch : {5e12, 1.79e18}) {  // the second is beyond 2^53 ns
+    nowNs = epoch;
+    Timer timer;
+    timer.Start();
+    nowNs = epoch + 16e9;
+    EXPECT_NEAR(timer.Elapsed(), 16000.0, 0.001) << epoch;
+    timer.Start();  // a new start moves the origin
+    nowNs = epoch + 16.0015e9;
+    EXPECT_NEAR(timer.Elapsed(), 1.5, 0.001) << epoch;
+  }
+  Timer::SetClockSourceForTesting(nullptr);
+  const auto system = [] {
+    return double(std::chrono::system_clock::now().time_since_epoch().count());
+  };
+  const double before = system(), now = Timer::NowNs();
+  EXPECT_TRUE(before <= now && now <= system());
+}
+
+// Reporters take the tables' lock exclusively, as any reader of other threads' tables must.
+Profiler::Profile Entry(const std::string& key, std::thread::id tid = std::this_thread::get_id()) {
+  std::lock_guard<orvex::SharedMutex> lock(Profiler::profilesMutex);
+  return Profiler::profiles[tid][key];
+}
+
+void Measure(const std::string& name, double ms, bool start = true) {
+  Profiler scope(name, start);
+  FakeClock::Advance(ms);
+  scope.Stop();
+}
+
+class ProfilerTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    FakeClock::Install(), Profiler::enabled = true;
+    std::lock_guard<orvex::SharedMutex> lock(Profiler::profilesMutex);
+    Profiler::profiles.clear(), Profiler::profileStacks.clear();
+  }
+  void TearDown() override { FakeClock::Uninstall(), Profiler::enabled = false; }
+};
+
+TEST_F(ProfilerTest, RecordsCountTotalMinimumAndMaximumUnderPathKeys) {
+  for (double ms : {3.0, 1.0, 5.0, 2.0}) Measure("Work", ms);
+  Profiler send("Client::Send", true);
+  FakeClock::Advance(1);
+  Profiler inner("X", true);
+  Measure("Y", 4);
+  inner.Stop(), send.Stop();
+  Measure("X", 0);            // once the scopes are closed, a top-level key again
+  Measure("X", 4);            // a zero first measurement stays the minimum
+  Measure("Idle", 7, false);  // opened but not timed
+  Profiler outer("Outer", true);
+  Profiler::enabled = false;  // an open profiler still records; a new one does nothing
+  Measure("Inner", 2);
+  outer.Stop();
+  const std::tuple<const char*, uint32_t, double, double, double> rows[] = {
+      {"Work", 4, 11, 1, 5},
+      {"Client::Send", 1, 5, 5, 5},
+      {"Client::Send/X", 1, 4, 4, 4},
+      {"Client::Send/X/Y", 1, 4, 4, 4},
+      {"X", 2, 4, 0, 4},
+      {"Idle", 0, 0, -1, 0},
+      {"Outer", 1, 2, 2, 2},
+      {"Outer/Inner", 0, 0, -1, 0}};
+  for (const auto& [key, count, total, min, max] : rows) {
+    const Profiler::Profile p = Entry(key);
+    EXPECT_EQ(std::tuple(p.count, p.totalMs, p.minMs, p.maxMs), std::tuple(count, total, min, max))
+        << key;
+  }
+  Profiler::enabled = true;
+  Profiler twice("Twice", false);
+  twice.Stop(), twice.Stop();  // the second pops nothing
+  Profiler open("Open", false);
+  SetUp();  // a reporter resets the tables under an open scope
+  open.Stop();
+  EXPECT_TRUE(Profiler::profileStacks.empty());
+}
+
+// A thread that takes the lock in one mode and keeps it until released. Blocking is seen by
+// state after a short settle, which a correct lock never fails; holders are released on the
+// way out, so a broken lock fails the expectations instead of hanging.
+struct Holder {
+  Holder(orvex::SharedMutex& mutex, bool shared)
+      : thread([this, &mutex, shared] {
+          shared ? mutex.lock_shared() : mutex.lock();
+          holding = true;
+          testlib::WaitUntil([this] { return release.load(); }, 60000);
+          holding = false;
+          shared ? mutex.unlock_shared() : mutex.unlock();
+        }) {}
+  ~Holder() { Finish(); }
+  bool Holds() {
+    return testlib::WaitUntil([this] { return holding.load(); });
+  }
+  void Finish() {
+    release = true;
+    if (thread.joinable()) thread.join();
+  }
+  std::atomic<bool> holding = false, release = false;
+  std::thread thread;
+};
+
+void Settle() {
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));
+}
+
+TEST(SharedMutex, ReadersShareAWriterWaitsForTheLastOneAndItsReleaseWakesEveryone) {
+  orvex::SharedMutex mutex;
+  Holder reader1(mutex, true);
+  ASSERT_TRUE(reader1.Holds());
+  Holder writer(mutex, false);
+  Settle();
+  Holder reader2(mutex, true);
+  EXPECT_TRUE(reader2.Holds()) << "a reader gets in while a writer waits";
+  reader1.Finish();
+  Settle();
+  EXPECT_FALSE(writer.holding) << "the writer waits for the last reader";
+  reader2.Finish();
+  ASSERT_TRUE(writer.Holds());
+  Holder reader3(mutex, true), reader4(mutex, true), writer2(mutex, false);
+  writer2.release = true;  // lets go at once when it gets in
+  Settle();
+  EXPECT_FALSE(reader3.holding || reader4.holding || writer2.holding);
+  writer.Finish();
+  // Both readers in together, neither released: the one release woke them both.
+  EXPECT_TRUE(reader3.Holds() && reader4.Holds());
+  reader3.Finish(), reader4.Finish();  // before the writer that waits for them
+}
+
+}  // namespace
