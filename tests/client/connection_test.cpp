@@ -1,7 +1,9 @@
-// The TCP side: hello forms, construction failures, welcome, every message and its decisions.
+// The TCP side: construction failures, every message and its decisions, hostile servers.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cmath>
 #include <csignal>
 #include <limits>
 #include <memory>
@@ -11,29 +13,16 @@
 #include "ClientSession.h"
 #include "GAME_Mod.h"
 #include "Game.h"
-#include "Hex.h"
 #include "StderrCapture.h"
 #include "Wait.h"
+#include "game/Networking.h"
 
 namespace {
 
 using namespace testlib;
 using testing::HasSubstr;
 
-class Connection : public testing::Test {
-  CleanClientState clean;
-};
-
-TEST_F(Connection, HelloWithPasswordAndLongestTokenOverIPv6) {
-  testserver::TestServer server("::1");
-  auto connecting = Connect(server.Port(), std::string(64, 'k'), "pw", "::1");
-  auto connection = server.Accept();
-  const Bytes hello = Hello(std::string(64, 'k'), "pw");
-  EXPECT_HEX_EQ(connection->ReadBytes(hello.size()), hello);
-  EXPECT_TRUE(connection->ReadAvailable(200).empty()) << "bytes after the hello";
-  connection->Send(Welcome());
-  EXPECT_NE(connecting.get(), nullptr);
-}
+class Connection : public testing::Test, public ClientFixture {};
 
 // The server's answer to the hello and the constructor's exception text (a part of it for
 // the counts). A count over its cap is refused before anything is allocated while the
@@ -95,129 +84,6 @@ TEST_F(Connection, ConstructionFailures) {
   EXPECT_LT(PeakResidentMb() - before, 256) << "MiB: memory followed a count";
 }
 
-TEST_F(Connection, TokenOfSixtyFiveBytesIsRefusedBeforeAnyByteLeaves) {
-  testserver::TestServer server;
-  auto connecting = Connect(server.Port(), std::string(65, 'k'));
-  auto connection = server.Accept();
-  try {
-    connecting.get();
-    ADD_FAILURE() << "a 65-byte token was accepted";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "Bad Token Length");
-  }
-  EXPECT_TRUE(connection->WaitClosed(5000));
-  EXPECT_TRUE(connection->Pending().empty()) << "the client sent bytes before refusing";
-  EXPECT_EQ(client::Client::_instance, nullptr);
-}
-
-TEST_F(Connection, WelcomeSetsTheGameUnlessTheProcessHostsTheServer) {
-  for (const bool hosting : {false, true}) {
-    SCOPED_TRACE(hosting ? "hosting" : "client, no configuration");
-    ResetClientState();
-    Game::_is_server = hosting;
-    Game::_mode = 5;
-    Game::_mods = {"OLD_entry"};
-    SessionOptions options;
-    options.welcome = {1, 0x0A0B, kPlayerId, "pilot", {"CORE_ships"}, -7, {}};
-    if (hosting) options.welcome.config = wire::ConfigText("gravity=9.81");
-    Session session(options);
-    EXPECT_EQ(Game::_mode, hosting ? 5 : -7);
-    EXPECT_EQ(Game::_mods[0], hosting ? "OLD_entry" : "CORE_ships");
-    EXPECT_EQ(Game::config.ParseCount(), hosting ? 0 : 1);
-    EXPECT_EQ(Game::config.Text(), "");
-    // Any byte of the welcome left unread would be taken for a message code here.
-    session.SendReliable(World("arena"));
-    EXPECT_EQ(Game::_current_world, "arena");
-    EXPECT_EQ(client::Client::_instance, &session.Client());
-    EXPECT_EQ(client::Client::GetUsername(), "pilot");
-    EXPECT_EQ(client::Client::GetPlayerID(), kPlayerId);
-    EXPECT_FALSE(client::Client::IsAdmin());
-  }
-}
-
-TEST_F(Connection, AccessorsAbortWithTheAssertionLineOnceTheClientIsGone) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  const auto destroyed = [] {
-    Session session;
-    session.StopReceiving();
-    session.client.reset();
-  };
-  const std::string file = "\\) in src/client/Client\\.cpp:[0-9]+";
-  const auto aborts = testing::KilledBySignal(SIGABRT);
-  using testing::ContainsRegex;
-  EXPECT_EXIT((destroyed(), client::Client::GetPlayerID()), aborts,
-              ContainsRegex("ASSERTION FAILED: \\(Client::_instance" + file));
-  EXPECT_EXIT((destroyed(), client::Client::GetUsername()), aborts,
-              ContainsRegex("ASSERTION FAILED: \\(_instance" + file));
-  EXPECT_EXIT((destroyed(), client::Client::IsAdmin()), aborts,
-              ContainsRegex("ASSERTION FAILED: \\(_instance" + file));
-}
-
-// Connect handlers are plain function pointers, so what they see is process-wide.
-testserver::TestConnection* connectServer = nullptr;
-bool alphaLeftEarly = false;
-
-TEST_F(Connection, ConnectHandlersThatWriteSendOneMessageEachInOneFlush) {
-  using orvex::filesystem::WriteOnlyStream;
-  Session session;
-  const GAME_Mod::ConnectHandler alpha = [](uint64_t playerId, std::string& username,
-                                            WriteOnlyStream& stream) {
-    stream.WriteValue(playerId);
-    stream.Write(username);
-  };
-  const GAME_Mod::ConnectHandler silent = [](uint64_t, std::string&, WriteOnlyStream&) {};
-  // Runs after alpha's message was written: that must not have left yet.
-  const GAME_Mod::ConnectHandler beta = [](uint64_t, std::string&, WriteOnlyStream& stream) {
-    alphaLeftEarly = !connectServer->ReadAvailable(100, 100).empty();
-    stream.Write(reinterpret_cast<const unsigned char*>("beta!"), 5);
-  };
-  for (const auto& [name, handler] :
-       {std::pair{"TEST_alpha", alpha}, {"TEST_silent", silent}, {"TEST_beta", beta}}) {
-    auto mod = std::make_shared<GAME_Mod>(name);
-    mod->clientConnectHandler = handler;
-    GAME_Mod::Load(mod);
-  }
-  connectServer = &session.Connection();
-  session.Client().Connected();
-  EXPECT_FALSE(alphaLeftEarly) << "a connect message left before the last mod ran";
-  const Bytes expected =
-      ModuleRecord("TEST_alpha", wire::ByteWriter().U64(kPlayerId).Text("pilot")) +
-      ModuleRecord("TEST_beta", TextBytes("beta!"));
-  EXPECT_HEX_EQ(session.Connection().ReadBytes(expected.size()), expected);
-  EXPECT_TRUE(session.Connection().ReadAvailable(200).empty()) << "the silent mod sent bytes";
-}
-
-TEST_F(Connection, ReceivingThreadEndsOnStopOrWithOneErrorLineOnAReadFailure) {
-  Session stopped;
-  stopped.StopReceiving(/*wake=*/false);  // returns once the game stops
-
-  client::Client::error = "earlier loss";
-  StderrCapture captured;
-  Session session;
-  const Bytes world = World("abcdefgh");
-  session.Connection().Send(Bytes(world.begin(), world.begin() + 7));
-  session.Connection().Close();
-  ASSERT_TRUE(captured.WaitFor("\n"));
-  session.StopReceiving();
-  EXPECT_THAT(captured.Text(), testing::MatchesRegex("ERROR: [^\n]+\n"));
-  EXPECT_EQ(client::Client::error, "earlier loss");
-  EXPECT_FALSE(Game::QuitRequested());
-}
-
-TEST_F(Connection, DestructionSendsDisconnectAndClosesEvenWithoutServer) {
-  SessionOptions options;
-  options.startReceiving = false;
-  Session session(options);
-  session.client.reset();
-  EXPECT_EQ(client::Client::_instance, nullptr);
-  EXPECT_EQ(session.Connection().ReadBytes(1), Disconnect());
-  EXPECT_TRUE(session.Connection().WaitClosed(5000));
-
-  Session gone(options);
-  gone.connection.reset();
-  EXPECT_NO_THROW(gone.client.reset());
-}
-
 using game::entity::ClientSideEntity;
 using game::entity::Id;
 using game::entity::Orientation;
@@ -233,42 +99,11 @@ Bytes UpdateMessage(Id id, uint8_t smooth, uint8_t forceSnap, const Bytes& data)
   return Update({id, EntityId(999), kSent, kSentTurn, smooth, forceSnap, data});
 }
 
-class ReliableMessages : public testing::Test {
+class ReliableMessages : public testing::Test, public ClientFixture {
  protected:
-  ReliableMessages() { InstallTestMods(); }
+  ReliableMessages() { Start(); }
   void Send(const Bytes& bytes) { session->SendReliable(bytes); }
-
-  CleanClientState clean;
-  std::unique_ptr<Session> session = std::make_unique<Session>();
 };
-
-TEST_F(ReliableMessages, CreationRegistersTheEntityWithItsFlagsAndData) {
-  Send(Create({EntityId(1),
-               wire::ModuleID(kEntityMod),
-               "ship",
-               EntityId(77),
-               kSent,
-               kSentTurn,
-               2,
-               3,
-               {0xDE, 0xAD}}));
-  const ClientSideEntity::Ptr entity = FindEntity(EntityId(1));
-  ASSERT_NE(entity, nullptr);
-  EXPECT_EQ(entity->text, "ship");
-  EXPECT_EQ(Id(entity->parentId), EntityId(77));
-  EXPECT_EQ(glm::dvec3(entity->position), kSent);
-  EXPECT_EQ(Orientation(entity->orientation), kSentTurn);
-  EXPECT_TRUE(entity->velocityReset);
-  EXPECT_EQ(entity->smooth + 10 * entity->forceSnap, 32);
-  EXPECT_EQ(RecordingOf(EntityId(1))->Syncs(), (std::vector<Bytes>{{0xDE, 0xAD}}));
-
-  // A module without interface, or none loaded, leaves nothing behind.
-  Send(Creation(EntityId(2), "nointerface") +
-       Create({EntityId(3), wire::ModuleID("NONE_loaded"), "ship", {}, {}, {}, 0, 0, {}}) +
-       World("after"));
-  EXPECT_FALSE(ClientSideEntity::Exists(EntityId(2)) || ClientSideEntity::Exists(EntityId(3)));
-  EXPECT_EQ(Game::_current_world, "after");
-}
 
 // What an update or a move (S: smooth, R: update rate, F: the update's forceSnap, G: the
 // stored one a move reads) does to the transform, and whether it stops the entity. Updates
@@ -337,22 +172,34 @@ TEST_F(ReliableMessages, UpdateAndMoveDecisionTable) {
   }
 }
 
+// A creation for a module without interface, or none loaded, leaves nothing behind.
 TEST_F(ReliableMessages, DestroyWorldAdminAndModuleMessages) {
   GAME_Mod::Load(std::make_shared<GAME_Mod>("TEST_nohandler"));
   const Bytes payload{0x02, 0x7F, 0x00, 0x41};
   Send(Creation(EntityId(1), "ship") + Creation(EntityId(2), "ship") + Destroy(EntityId(1)) +
+       Creation(EntityId(3), "nointerface") +
+       Create({EntityId(4), wire::ModuleID("NONE_loaded"), "ship", {}, {}, {}, 0, 0, {}}) +
        World("arena-7") + Admin("granted by operator", 1) + ModuleMessage(kRecorderMod, payload));
-  EXPECT_FALSE(ClientSideEntity::Exists(EntityId(1)));
+  EXPECT_FALSE(ClientSideEntity::Exists(EntityId(1)) || ClientSideEntity::Exists(EntityId(3)) ||
+               ClientSideEntity::Exists(EntityId(4)));
   EXPECT_TRUE(ClientSideEntity::Exists(EntityId(2)));
   EXPECT_EQ(Game::_current_world, "arena-7");
   EXPECT_TRUE(client::Client::IsAdmin());
   EXPECT_EQ(RecordedPayloads(), std::vector<Bytes>{payload});
 
-  // A payload without receiver is consumed whole, however harmful as messages; codes
-  // without fields are one byte each.
+  // A payload without receiver is consumed whole, however harmful as messages; every
+  // unlisted code is one byte.
+  using namespace networking;
+  const std::vector<int> listed = {MSG_DISCONNECT,    MSG_WORLD,          MSG_ADMIN_STATUS,
+                                   MSG_ENTITY_CREATE, MSG_ENTITY_DESTROY, MSG_ENTITY_UPDATE,
+                                   MSG_ENTITY_MOVE,   MSG_FOR_MODULE};
+  Bytes unlisted;
+  for (int code = 0; code < 256; ++code) {
+    if (std::find(listed.begin(), listed.end(), code) == listed.end()) unlisted.push_back(code);
+  }
   const Bytes harmful = World("from the payload") + Disconnect();
-  Send(ModuleMessage("NONE_loaded", harmful) + ModuleMessage("TEST_nohandler", harmful) +
-       Bytes{0x03, 0x06, 0x43, 0x00, 0x99} + Admin("", 0) + World(""));
+  Send(ModuleMessage("NONE_loaded", harmful) + ModuleMessage("TEST_nohandler", harmful) + unlisted +
+       Admin("", 0) + World(""));
   EXPECT_EQ(Game::_current_world, "");
   EXPECT_FALSE(client::Client::IsAdmin() || Game::QuitRequested());
 
@@ -360,6 +207,110 @@ TEST_F(ReliableMessages, DestroyWorldAdminAndModuleMessages) {
   ASSERT_TRUE(WaitUntil([] { return Game::QuitRequested(); }));
   EXPECT_FALSE(Game::isActive);
   session->StopReceiving(/*wake=*/false);
+}
+
+// A creation whose fields end where the data's count begins.
+wire::ByteWriter CreateHead(Id id) {
+  wire::ByteWriter w;
+  w.U8(networking::MSG_ENTITY_CREATE).Entity(id).Module(wire::ModuleID(kEntityMod)).Text("ship");
+  return w.Entity(Id{}).Vec3({1, 2, 3}).Quat({}).U8(1).U8(0);
+}
+
+// Hostile servers (each row a fault once found): each row ends the receiving thread with one
+// line that names the count (or the closed connection); nothing half-read is carried out,
+// no memory follows a count and the game runs on with the replica it has.
+TEST_F(ReliableMessages, HostileHugeCountsAndTruncationsEndTheThreadWithOneLine) {
+  using namespace networking;
+  using wire::ByteWriter;
+  const std::string closed = "Connection closed by peer";
+  struct Row {
+    std::string name;
+    Bytes message;
+    std::string line;  // the closed connection: the server closes after the message
+  };
+  // clang-format off
+  std::vector<Row> rows = {
+      {"world name", ByteWriter().U8(MSG_WORLD).U32(0xFFFFFFFF), "4294967295"},
+      {"privilege text", ByteWriter().U8(MSG_ADMIN_STATUS).U32(0x80000000), "2147483648"},
+      {"interface name", ByteWriter().U8(MSG_ENTITY_CREATE).Entity(EntityId(2)).Module(wire::ModuleID(kEntityMod)).U32(~0u), "4294967295"},
+      {"creation data", CreateHead(EntityId(2)).U32(0x80000000), "2147483648"},
+      {"update data", ByteWriter().U8(MSG_ENTITY_UPDATE).Entity(EntityId(1)).Entity(Id{}).Vec3({}).Quat({}).U8(0).U8(1).U32(~0u), "4294967295"},
+      {"module payload", ByteWriter().U8(MSG_FOR_MODULE).Module(wire::ModuleID(kRecorderMod)).U32(0x80000000), "2147483648"},
+      // 16 MiB is accepted as a count; 64 KiB of it arrive, then the connection ends.
+      {"count whose bytes never come", ByteWriter().U8(MSG_WORLD).U32(16u << 20).Append(Bytes(64 << 10, 'w')), closed},
+  };
+  // clang-format on
+  const Bytes creation = Creation(EntityId(2), "ship");
+  for (size_t length = 1; length < creation.size(); ++length) {
+    rows.push_back(
+        {"creation cut after " + std::to_string(length), Prefix(creation, length), closed});
+  }
+  const long before = PeakResidentMb();
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    StderrCapture capture;  // before any thread of the client runs
+    Start();
+    Send(Creation(EntityId(1), "ship"));
+    Game::_current_world = "Harbour";
+    session->Connection().Send(row.message);
+    if (row.line == closed) session->Connection().Close();
+    ASSERT_TRUE(capture.WaitFor("ERROR: "));
+    session->StopReceiving();
+    const std::string text = capture.Text();
+    EXPECT_EQ(text.find("ERROR: "), text.rfind("ERROR: ")) << "more than one line";
+    EXPECT_THAT(text, HasSubstr(row.line));
+    EXPECT_FALSE(ClientSideEntity::Exists(EntityId(2)));
+    EXPECT_TRUE(ClientSideEntity::Exists(EntityId(1)));
+    EXPECT_EQ(Game::_current_world, "Harbour");
+    EXPECT_TRUE(RecordedPayloads().empty());
+    EXPECT_TRUE(client::Client::error.empty());
+  }
+  EXPECT_LT(PeakResidentMb() - before, 256) << "MiB: memory followed a count";
+}
+
+// A connection that ends mid-message, or a server that stops reading (frames of a quarter
+// MiB fill the kernel's buffers; a stalled flush gets 5 s): the game goes on calling Send()
+// and, once a flush fails, hears why it ends; later frames fail at once.
+TEST_F(ReliableMessages, HostileLostOrStalledConnectionEndsTheGameWithDisconnected) {
+  for (const bool stalled : {false, true}) {
+    SCOPED_TRACE(stalled ? "server stops reading" : "connection ends mid-message");
+    StderrCapture capture;
+    Start();
+    LoadSendMod("HOST_chatter", [stalled](auto& reliable, auto&) {
+      WriteBytes(reliable, Bytes(stalled ? 256 << 10 : 1, 0x5A));
+    });
+    if (!stalled) {
+      session->Connection().Send(Prefix(CreateHead(EntityId(3)), 20));
+      session->Connection().Close();
+      ASSERT_TRUE(capture.WaitFor("ERROR: Connection closed by peer"));
+    }
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+          session->Client().Send();
+          return !client::Client::error.empty();
+        },
+        60000));
+    EXPECT_TRUE(Game::QuitRequested());
+    if (stalled) {
+      EXPECT_THAT(capture.Text(), HasSubstr("stalled"));
+    }
+    session->Client().Send();
+    EXPECT_EQ(client::Client::error, "Disconnected from server");
+  }
+}
+
+// Non-finite values are taken as they come; the next update repairs the entity.
+TEST_F(ReliableMessages, HostileNaNAndInfinityAreTakenAndTheNextUpdateRepairs) {
+  const double nan = std::numeric_limits<double>::quiet_NaN(),
+               inf = std::numeric_limits<double>::infinity();
+  const wire::ModuleID module(kEntityMod);
+  Send(Create({EntityId(1), module, "ship", Id{}, {nan, inf, -inf}, {inf, nan, 0, 0}, 1, 0, {}}));
+  const auto entity = FindEntity(EntityId(1));
+  ASSERT_NE(entity, nullptr);
+  EXPECT_TRUE(std::isnan(glm::dvec3(entity->position).x));
+  Send(Update({EntityId(1), {}, {4, 5, 6}, {}, 0, 0, {}}));
+  EXPECT_EQ(glm::dvec3(entity->position), glm::dvec3(4, 5, 6));
+  EXPECT_EQ(game::entity::Orientation(entity->orientation), game::entity::Orientation());
 }
 
 TEST(ReliableMessagesDeathTest, BrokenInvariantsAbortWithTheAssertionLine) {

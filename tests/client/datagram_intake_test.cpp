@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cmath>
-#include <limits>
 #include <memory>
 #include <string>
 #include <vector>
@@ -31,22 +30,19 @@ Bytes Physics(uint64_t sequence, double time, uint64_t environment = 10, uint64_
                                {{EntityId(1), {time, 0, 0}, {}}});
 }
 
-class DatagramIntake : public testing::Test {
+// Four driven ships in environment 10 (the receive stamp and the liveness check read the
+// fake clock); the client's datagram address is known.
+class DatagramIntake : public testing::Test, public ClientFixture {
  protected:
   void Start() {
-    session.reset();
-    ResetClientState();
-    FakeClock::Install();  // the receive stamp and the liveness check read it
-    InstallTestMods();
+    Fresh();
     Game::parentEnvironmentId = 10;
-    ship = MakeEntity(EntityId(1), "ship");
+    for (uint64_t n = 4; n >= 1; --n) ship = MakeEntity(EntityId(n), "ship");
     session = std::make_unique<Session>();
     session->LearnDatagramAddress();
   }
   const client::Counters& Counters() { return session->Client().GetCounters(); }
 
-  CleanClientState clean;
-  std::unique_ptr<Session> session;
   game::entity::ClientSideEntity::Ptr ship;
 };
 
@@ -131,12 +127,6 @@ TEST_F(DatagramIntake, SequenceAndEnvironmentSteps) {
     EXPECT_EQ(Game::timestamp, step.timestamp);
   }
   EXPECT_EQ(glm::dvec3(ship->velocity).x, 70.0);
-
-  Game::_is_server = true;  // a process that hosts the server never takes the server time
-  session->SendDatagram(Transforms(8, 200));
-  session->SendDatagram(Physics(11, 201));
-  EXPECT_EQ(Game::RunSynchronized(), 2u);
-  EXPECT_EQ(Game::timestamp, 93.0);
 }
 
 using game::entity::Id;
@@ -168,33 +158,6 @@ Orientation Rotation(double degrees, glm::dvec3 axis) {
 class StatePass : public testing::Test {
   CleanClientState clean;
 };
-
-TEST_F(StatePass, TransformRecordsListRateAndSkips) {
-  const ClientSideEntity::Ptr ship = MakeEntity(EntityId(1), "ship");
-  const ClientSideEntity::Ptr rock = MakeEntity(EntityId(2), "static", {}, {5, 5, 5});
-  const ClientSideEntity::Ptr after = MakeEntity(EntityId(3), "ship");
-  // The list ends at the first id with a zero word; unknown and undriven ones are skipped.
-  for (const Id end : {Id{0, 7}, Id{7, 0}}) {
-    ship->hasTarget = after->hasTarget = false;
-    RunTransforms({Record(EntityId(404), {}), Record(EntityId(2), {1, 1, 1}),
-                   Record(EntityId(1), {1, 1, 1}), Record(end, {}), Record(EntityId(3), {})});
-    EXPECT_TRUE(ship->hasTarget);
-    EXPECT_FALSE(after->hasTarget || rock->hasTarget);
-  }
-  EXPECT_EQ(glm::dvec3(rock->position), glm::dvec3(5, 5, 5));
-
-  RunTransforms({Record(EntityId(1), {})}, 3);
-  EXPECT_EQ(float(ship->updateRate), 20.0f / 3.0f) << "20 over the divisor, single precision";
-  // Foreign records clear the target and nothing else.
-  ship->hasTarget = ship->stale = true;
-  ship->updateRate = 0.25f;
-  RunTransforms({Record(EntityId(1), {9, 9, 9})}, 4, EntityId(8), true);
-  EXPECT_FALSE(ship->hasTarget);
-  EXPECT_TRUE(ship->stale);
-  EXPECT_EQ(glm::dvec3(ship->targetPosition), glm::dvec3(0.0));
-  EXPECT_EQ(float(ship->updateRate), 0.25f);
-  EXPECT_EQ(Id(ship->parentId), Id{});
-}
 
 // The ship sits under `old`; `old` and `fresh` are placed apart, rotated and nested so that a
 // wrong order of the matrix product shows.
@@ -248,26 +211,6 @@ TEST_F(StatePass, TransformSnapsTargetsOrReexpresses) {
   }
 }
 
-TEST_F(StatePass, PhysicsOnlyForDrivenEntitiesWithoutParent) {
-  MakeEntity(EntityId(9), "static");
-  const ClientSideEntity::Ptr free = MakeEntity(EntityId(1), "ship", {}, {5, 5, 5});
-  const ClientSideEntity::Ptr carried = MakeEntity(EntityId(2), "ship", EntityId(9));
-  const ClientSideEntity::Ptr rock = MakeEntity(EntityId(3), "static");
-  const ClientSideEntity::Ptr halfParent = MakeEntity(EntityId(4), "ship", Id{9, 0});
-  RunPhysics({{EntityId(404), {1, 1, 1}, {1, 1, 1}},
-              {EntityId(1), {1, 2, 3}, {4, 5, 6}},
-              {EntityId(2), {1, 2, 3}, {4, 5, 6}},
-              {EntityId(3), {1, 2, 3}, {4, 5, 6}},
-              {EntityId(4), {7, 8, 9}, {1, 1, 1}}});
-  EXPECT_EQ(glm::dvec3(free->velocity), glm::dvec3(1, 2, 3));
-  EXPECT_EQ(glm::dvec3(free->physicsExtra), glm::dvec3(4, 5, 6));
-  EXPECT_EQ(glm::dvec3(free->position), glm::dvec3(5, 5, 5));
-  EXPECT_FALSE(free->hasTarget);
-  EXPECT_EQ(glm::dvec3(carried->velocity) + glm::dvec3(rock->velocity), glm::dvec3(0.0));
-  EXPECT_EQ(glm::dvec3(halfParent->velocity), glm::dvec3(7, 8, 9))
-      << "a parent id with a zero word means no parent";
-}
-
 // A NaN in any field of record 3 of 4 ends the pass with one line; records 1 and 2 stay.
 // Fields 0-6: the transform's position and orientation; 7, 8: physics velocity, extra.
 TEST_F(StatePass, NaNEndsThePassAndKeepsWhatWasApplied) {
@@ -300,6 +243,48 @@ TEST_F(StatePass, NaNEndsThePassAndKeepsWhatWasApplied) {
           << "record " << i + 1;
     }
   }
+}
+
+// Hostile servers (each case a fault once found): state for four ships of environment 10.
+Bytes Records(uint64_t sequence, Id parent, const std::vector<wire::TransformRecord>& records) {
+  return wire::TransformsDatagram({0, sequence, 10, 0, 1}, parent, records);
+}
+wire::TransformRecord At(uint64_t n, glm::dvec3 position) {
+  return {EntityId(n), position};
+}
+glm::dvec3 TargetOf(uint64_t n) {
+  return glm::dvec3(FindEntity(EntityId(n))->targetPosition);
+}
+
+TEST_F(DatagramIntake, HostileTruncationsAreHarmlessAndTheNextWholeDatagramApplies) {
+  Start();
+  const Bytes transforms = Records(5, Id{}, {At(1, {1, 2, 3}), At(2, {4, 5, 6})});
+  const Bytes physics =
+      wire::PhysicsDatagram({0, 5, 10, 0, 1}, {{EntityId(1), {1, 1, 1}, {2, 2, 2}}});
+  for (const Bytes& whole : {transforms, physics}) {
+    for (size_t length = 0; length <= whole.size(); ++length) {
+      session->SendDatagram(Prefix(whole, length));
+      Game::RunSynchronized();
+    }
+  }
+  EXPECT_EQ(TargetOf(1), glm::dvec3(1, 2, 3));
+  EXPECT_EQ(TargetOf(2), glm::dvec3(4, 5, 6));
+  EXPECT_EQ(glm::dvec3(FindEntity(EntityId(1))->velocity), glm::dvec3(1, 1, 1));
+}
+
+// Well-formed state for a real ship, with a sequence that would shut out the server's.
+TEST_F(DatagramIntake, HostileFloodFromAStrangerChangesNothing) {
+  Start();
+  StderrCapture quiet;
+  const Bytes forged = Records(~0ull >> 1, Id{}, {At(1, {99, 99, 99})});
+  for (int i = 0; i < 100; ++i) {
+    session->server.SendDatagramFrom("127.0.0.2", session->clientAddress, session->clientPort,
+                                     forged);
+  }
+  ASSERT_TRUE(WaitUntil([&] { return Counters().droppedSender == 100; }));
+  session->SendDatagram(Records(1, Id{}, {At(1, {1, 1, 1})}));
+  EXPECT_EQ(Game::RunSynchronized(), 1u);
+  EXPECT_EQ(TargetOf(1), glm::dvec3(1, 1, 1));
 }
 
 }  // namespace

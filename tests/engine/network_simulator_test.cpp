@@ -17,9 +17,8 @@ using namespace orvex::net;
 using Clock = std::chrono::steady_clock;
 const sockaddr_in kPeer{AF_INET, htons(4000), {htonl(0x7F000001)}, {}};
 
-// Admits datagrams 0 .. count-1 carrying their index, one per millisecond of path time, and
-// lets out what is due at each millisecond until nothing is held. Gives each datagram's index
-// and the path time it spent inside, in the order they left, and the stats.
+// Admits datagrams 0 .. count-1 carrying their index, one per path millisecond, until nothing
+// is held. Gives each one's index and time inside, in the order they left, and the stats.
 auto Drive(const std::string& settingsText, uint32_t count) {
   const SimulationSettings settings = SimulationSettings::Parse(settingsText);
   SimulatedPath path(settings.in, settings.seed);
@@ -55,7 +54,6 @@ TEST(SimulatedPath, FaultsAffectTheirShareWithinTheirTimesAndRepeatForASeed) {
   } rows[] = {
       {"loss", "loss=20%,seed=3", 10000, &Stats::dropped, 1800, 2200, 0, 0, 10000},
       {"duplication", "dup=10%", 10000, &Stats::duplicated, 900, 1100, 0, 0, 10000},
-      {"delay keeps the order", "delay=5ms", 200, &Stats::delayed, 200, 200, 5, 5, 200},
       {"delay with jitter", "delay=40ms,jitter=10ms", 1000, &Stats::delayed, 1000, 1000, 30, 50,
        1000},
       {"reordering", "reorder=25%,seed=9", 2000, &Stats::reordered, 400, 600, 0, 50, 2000},
@@ -67,14 +65,11 @@ TEST(SimulatedPath, FaultsAffectTheirShareWithinTheirTimesAndRepeatForASeed) {
     const auto [out, stats] = Drive(row.settings, row.count);
     EXPECT_EQ(stats.admitted, row.count);
     EXPECT_EQ(out.size(), row.count - stats.dropped + stats.duplicated);
-    EXPECT_GE(stats.*row.counted, row.low);
-    EXPECT_LE(stats.*row.counted, row.high);
+    EXPECT_TRUE(stats.*row.counted >= row.low && stats.*row.counted <= row.high);
     const auto [least, most] = std::minmax_element(
         out.begin(), out.end(), [](auto& a, auto& b) { return a.second < b.second; });
-    EXPECT_GE(least->second, row.minMs);
-    EXPECT_LE(least->second, row.minMs + 1) << "the hold spreads down to its least";
-    EXPECT_GE(most->second, row.maxMs - 1) << "the hold spreads up to its most";
-    EXPECT_LE(most->second, row.maxMs);
+    EXPECT_TRUE(least->second >= row.minMs && least->second <= row.minMs + 1) << least->second;
+    EXPECT_TRUE(most->second >= row.maxMs - 1 && most->second <= row.maxMs) << most->second;
     EXPECT_EQ(Drive(row.settings, row.count).first, out) << "the same seed, the same fates";
     std::vector<uint32_t> late, each;
     for (const auto& [index, ms] : out) {

@@ -65,12 +65,7 @@ TEST(UdpSocket, WritesFillADatagramAndBatchesArriveInOrderWithTheirSenderTillDel
   Send(client, 0, 39, 100);  // queued before delivery starts: the first reads are full batches
   client.WriteValue<uint32_t>(39);
   client.Write(std::vector<uint8_t>(100, 0xEE).data(), 100);
-  try {
-    client.WriteValue<uint8_t>(3);
-    ADD_FAILURE() << "an overflowing write was taken";
-  } catch (const std::runtime_error& e) {
-    EXPECT_STREQ(e.what(), "UDP datagram of 105 bytes exceeds the buffer of 104 bytes");
-  }
+  EXPECT_THROW(client.WriteValue<uint8_t>(3), std::runtime_error) << "overflows the datagram";
   EXPECT_THROW(client.ReadValue<uint8_t>(), std::logic_error);
   client.Flush(), client.Flush();  // the second is empty: nothing is sent
   server.Receive(inbox.Callback());
@@ -81,13 +76,10 @@ TEST(UdpSocket, WritesFillADatagramAndBatchesArriveInOrderWithTheirSenderTillDel
   const auto got = inbox.WaitFor(101);
   ASSERT_EQ(got.size(), 101u);
   for (uint32_t i = 0; i < 100; ++i) {
-    EXPECT_TRUE(got[i].number == i && got[i].size == 104u && got[i].address == "127.0.0.1" &&
-                got[i].port == client.GetLocalPort())
-        << i;
+    EXPECT_TRUE(got[i].number == i && got[i].size == 104u && got[i].port == client.GetLocalPort());
   }
   EXPECT_EQ(got[100].port, other.GetLocalPort()) << "a new sender replaces the last one";
-  server.StopReceiving();
-  server.StopReceiving();  // idempotent
+  server.StopReceiving(), server.StopReceiving();  // idempotent
   EXPECT_TRUE(server.GetDatagramsIn() == 101u && server.GetBytesIn() == 100u * 104u + 4u);
   EXPECT_TRUE(client.GetDatagramsOut() == 100u && client.GetBytesOut() == 100u * 104u);
   Send(client, 101, 1);
@@ -107,55 +99,42 @@ TEST(UdpSocket, CallbackExceptionsAreDroppedAndAStopEndsItsBatchOrWaitsForTheCal
     throw std::runtime_error("bad datagram");
   });
   ASSERT_EQ(inbox.WaitFor(4).size(), 4u);
-  server.Receive(inbox.Callback());  // joins the stopped delivery, then starts anew
-  Send(client, 6, 1);
-  const auto got = inbox.WaitFor(5);
-  ASSERT_EQ(got.size(), 5u);
-  EXPECT_EQ(got[4].number, 6u) << "4 and 5 came in the stopped batch: never delivered";
-  server.StopReceiving();
-  std::atomic<int> entered = 0, finished = 0;
-  server.Receive([&](const UdpSocket&, ReadOnlyStream&&) {
-    ++entered;
+  std::atomic<int> finished = 0;
+  server.Receive([&](const UdpSocket& socket, ReadOnlyStream&& stream) {  // joins the stopped one
+    record(socket, std::move(stream));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));  // widens the window only
     ++finished;
   });
-  Send(client, 0, 1);
-  ASSERT_TRUE(testlib::WaitUntil([&] { return entered == 1; }));
+  Send(client, 6, 1);
+  EXPECT_EQ(inbox.WaitFor(5).at(4).number, 6u) << "4 and 5 came in the stopped batch: dropped";
   server.StopReceiving();
   EXPECT_EQ(finished, 1) << "StopReceiving waits for the callback in flight";
 }
 
 TEST(UdpSocket, SendersPrintNormalisedAndRepliesReachThem) {
   const struct {
-    const char* name;
-    const char* server;
-    const char* sender;
-    const char* to;
+    const char *name, *server, *sender;
     bool bound;  // the sender is bound to its address, else a client-form socket
-  } rows[] = {{"IPv4", "127.0.0.1", "127.0.0.1", "127.0.0.1", false},
-              {"another loopback address", "127.0.0.1", "127.0.0.2", "127.0.0.1", true},
-              {"IPv6", "::1", "::1", "::1", false},
-              {"IPv4 through dual-stack", "::", "127.0.0.1", "127.0.0.1", true}};
+  } rows[] = {{"IPv4", "127.0.0.1", "127.0.0.1", false},
+              {"IPv6", "::1", "::1", false},
+              {"IPv4 through dual-stack", "::", "127.0.0.1", true}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     Inbox atServer, atSender;
     try {
       UdpSocket server(kBind, row.server, 0, 1400);
-      auto sender = row.bound ? std::make_unique<UdpSocket>(kBind, row.sender, 0, 1400)
-                              : std::make_unique<UdpSocket>(row.to, server.GetLocalPort(), 1400);
-      if (row.bound) sender->SetDestination(row.to, server.GetLocalPort());
-      server.Receive(atServer.Callback());
-      sender->Receive(atSender.Callback());
+      auto sender = row.bound
+                        ? std::make_unique<UdpSocket>(kBind, row.sender, 0, 1400)
+                        : std::make_unique<UdpSocket>(row.sender, server.GetLocalPort(), 1400);
+      sender->SetDestination(row.sender, server.GetLocalPort());
+      server.Receive(atServer.Callback()), sender->Receive(atSender.Callback());
       Send(*sender, 1, 1);
-      const auto seen = atServer.WaitFor(1);
-      ASSERT_EQ(seen.size(), 1u);
-      EXPECT_TRUE(seen[0].address == row.sender && seen[0].port == sender->GetLocalPort());
-      server.SetDestination(seen[0].address, seen[0].port);
+      const auto seen = atServer.WaitFor(1).at(0);
+      EXPECT_TRUE(seen.address == row.sender && seen.port == sender->GetLocalPort());
+      server.SetDestination(seen.address, seen.port);
       EXPECT_EQ(server.GetRemoteAddress(), row.sender);
       Send(server, 2, 1);
-      const auto reply = atSender.WaitFor(1);
-      ASSERT_EQ(reply.size(), 1u);
-      EXPECT_EQ(reply[0].port, server.GetLocalPort());
+      EXPECT_EQ(atSender.WaitFor(1).at(0).port, server.GetLocalPort());
     } catch (const std::runtime_error& e) {
       std::cout << row.name << " skipped: " << e.what() << "\n";  // no such loopback here
     }

@@ -42,21 +42,19 @@ class EntityRegistry : public ::testing::Test {
 };
 
 TEST_F(EntityRegistry, ADuplicateIsRejectedAndADestroyWhileHeldWarnsAndLeavesItUnregistered) {
-  ClientSideEntity::Ptr held = Create(kTagged, "held"), zero = Create({0, 5});
+  ClientSideEntity::Ptr held = Create(kTagged, "held");
   const Id sibling{kTagged.word0 + 1, kTagged.word1};  // same second word: a distinct entry
   Create(sibling);
   StderrCapture err;
   destroyed = 0;
-  for (const auto& [id, text] :
-       {std::pair{kTagged, kTaggedText}, std::pair{Id{0, 5}, std::string()}}) {
-    try {
-      Create(id, "second");
-      ADD_FAILURE() << "accepted";
-    } catch (const std::runtime_error& e) {
-      EXPECT_EQ(e.what(), "UNIQUE_OBJECT ClientSideEntity with id " + text + " already exists");
-    }
+  try {
+    Create(kTagged, "second");
+    ADD_FAILURE() << "accepted";
+  } catch (const std::runtime_error& e) {
+    EXPECT_EQ(e.what(),
+              "UNIQUE_OBJECT ClientSideEntity with id " + kTaggedText + " already exists");
   }
-  EXPECT_EQ(destroyed, 2) << "the rejected entities are destroyed";
+  EXPECT_EQ(destroyed, 1) << "the rejected entity is destroyed";
   EXPECT_EQ(ClientSideEntity::Get<ClientSideEntity>(kTagged), held);
   EXPECT_EQ(held.use_count(), 2) << "the caller's and the registry's reference";
   ClientSideEntity::Destroy({kTagged.word0 + 2, kTagged.word1});  // unknown: nothing happens
@@ -66,38 +64,35 @@ TEST_F(EntityRegistry, ADuplicateIsRejectedAndADestroyWhileHeldWarnsAndLeavesItU
   EXPECT_EQ(err.Text(), "WARNING: UNIQUE_OBJECT ClientSideEntity with id " + kTaggedText +
                             " being Destroyed while still in use\n");
   EXPECT_FALSE(ClientSideEntity::Exists(kTagged));
-  EXPECT_EQ(destroyed, 3);
+  EXPECT_EQ(destroyed, 2);
   held.reset();
-  EXPECT_EQ(destroyed, 4);
+  EXPECT_EQ(destroyed, 3);
   EXPECT_EQ(Create(kTagged, "again")->text, "again") << "the id is free again";
 }
 
 // Checked by state; run it under ThreadSanitizer to check the locking itself.
 TEST_F(EntityRegistry, ReadersSeeConsistentEntriesWhileAWriterChangesThem) {
-  const auto idOf = [](uint64_t i) { return Id{i + 1, i % 8 + 1}; };
+  const auto idOf = [](uint64_t i) { return Id{i % 64 + 1, i % 8 + 1}; };
   StderrCapture err;  // destroying an entity that a reader holds warns; expected here
   std::atomic<int> readersLeft = 3, wrongEntity = 0;
   std::vector<std::thread> readers;
-  for (int r = 0; r < 3; ++r) {
+  for (uint64_t r = 0; r < 3; ++r) {
     readers.emplace_back([&, r] {
-      for (int n = 0; n < 20000; ++n) {
-        const Id id = idOf(static_cast<uint64_t>(n + r) % 64);
-        if (ClientSideEntity::Ptr entity = ClientSideEntity::Get<ClientSideEntity>(id)) {
-          wrongEntity += !(entity->id == id);
+      for (uint64_t n = r; n < r + 20000; ++n) {
+        if (const auto entity = ClientSideEntity::Get<ClientSideEntity>(idOf(n))) {
+          wrongEntity += !(entity->id == idOf(n));
           entity->GetAbsoluteTransformInEnvironment();  // walks to the parents
         }
       }
       --readersLeft;
     });
   }
-  for (bool last = false; !last;) {  // the final round leaves the odd indices
-    last = readersLeft == 0;
+  while (readersLeft > 0) {
     for (uint64_t i = 0; i < 64; ++i) Create(idOf(i))->parentId = i > 0 ? idOf(i - 1) : Id{};
-    for (uint64_t i = 0; i < 64; i += last ? 2 : 1) ClientSideEntity::Destroy(idOf(i));
+    for (uint64_t i = 0; i < 64; ++i) ClientSideEntity::Destroy(idOf(i));
   }
   for (std::thread& thread : readers) thread.join();
   EXPECT_EQ(wrongEntity, 0);
-  for (uint64_t i = 0; i < 64; ++i) EXPECT_EQ(ClientSideEntity::Exists(idOf(i)), i % 2 == 1);
 }
 
 // The count of entities with queued actions follows every change of their flag.
@@ -107,12 +102,10 @@ TEST(ActionFlag, CountsEntitiesWhoseFlagIsSetHoweverItChanges) {
     return std::make_unique<ClientSideEntity>(Id{n, n}, orvex::modular::ModuleID("TEST_mod"), "");
   };
   auto a = make(1), b = make(2);
-  a->hasPendingActions = true;
-  a->hasPendingActions = true;  // setting a set flag again counts once
+  a->hasPendingActions = true, a->hasPendingActions = true;  // setting a set flag again counts once
   b->QueueAction(orvex::filesystem::Stream());
   EXPECT_EQ(game::entity::ActionFlag::Pending(), before + 2);
-  a->hasPendingActions = false;
-  a->hasPendingActions = false;
+  a->hasPendingActions = false, a->hasPendingActions = false;
   EXPECT_EQ(game::entity::ActionFlag::Pending(), before + 1);
   b.reset();  // destroyed with its flag set
   EXPECT_EQ(game::entity::ActionFlag::Pending(), before);

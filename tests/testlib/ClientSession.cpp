@@ -3,9 +3,11 @@
 #include <array>
 #include <chrono>
 #include <condition_variable>
+#include <future>
 #include <stdexcept>
 #include <utility>
 
+#include "FakeClock.h"
 #include "GAME_Mod.h"
 #include "Game.h"
 #include "support/Timer.h"
@@ -50,6 +52,13 @@ void WaitForProbe(size_t count, const char* what) {
   if (!probeArrived.wait_for(lock, std::chrono::seconds(10), [=] { return probeCount >= count; })) {
     throw std::runtime_error(std::string("the probe was not taken in: ") + what);
   }
+}
+
+// Runs the client's constructor on a helper thread while the test plays the server.
+std::future<std::unique_ptr<client::Client>> Connect(uint16_t port) {
+  return std::async(std::launch::async, [=] {
+    return std::make_unique<client::Client>("127.0.0.1", port, "token", "");
+  });
 }
 
 }  // namespace
@@ -113,7 +122,14 @@ void ResetClientState() {
   payloads.clear();
 }
 
-Session::Session(SessionOptions options) : server(options.host) {
+void ClientFixture::Fresh() {
+  session.reset();
+  ResetClientState();
+  FakeClock::Install();
+  InstallTestMods();
+}
+
+Session::Session(SessionOptions options) {
   LoadOnce(kProbe, [](GAME_Mod& mod) {
     mod.clientMessageHandler = [](ReadOnlyStream&) {
       std::lock_guard<std::mutex> lock(mutex);
@@ -121,10 +137,9 @@ Session::Session(SessionOptions options) : server(options.host) {
       probeArrived.notify_all();
     };
   });
-  auto connecting = Connect(server.Port(), options.token, options.password, options.host);
+  auto connecting = Connect(server.Port());
   connection = server.Accept();
-  // The hello leaves in one flush: without a password there is nothing to wait for.
-  connection->ReadHello(options.password.empty() ? 0 : 200);
+  connection->ReadHello(0);  // the hello leaves in one flush
   connection->Send(Welcome(options.welcome));
   client = connecting.get();
   {

@@ -6,7 +6,6 @@
 
 #include <cstdint>
 #include <functional>
-#include <future>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -26,6 +25,9 @@ using game::entity::ClientSideEntity;
 inline Bytes operator+(Bytes a, const Bytes& b) {
   a.insert(a.end(), b.begin(), b.end());
   return a;
+}
+inline Bytes Prefix(const Bytes& whole, size_t length) {
+  return Bytes(whole.begin(), whole.begin() + static_cast<long>(length));
 }
 
 // What a hostile count may not move: the growth of the process's peak resident memory.
@@ -88,7 +90,6 @@ struct CleanClientState {
 };
 
 struct SessionOptions {
-  std::string host = "127.0.0.1", token = "token", password;
   wire::Welcome welcome = DefaultWelcome();
   bool startReceiving = true;
 };
@@ -120,14 +121,20 @@ struct Session {
   size_t probesSent = 0;
 };
 
-// Runs the client's constructor on a helper thread while the test plays the server.
-inline std::future<std::unique_ptr<client::Client>> Connect(uint16_t port,
-                                                            std::string token = "token",
-                                                            std::string password = "",
-                                                            std::string host = "127.0.0.1") {
-  return std::async(std::launch::async,
-                    [=] { return std::make_unique<client::Client>(host, port, token, password); });
-}
+// The state a fixture starts each case from: Fresh() resets it, puts the clock on the fake
+// one (the send step's keep-alive timers are process statics that must start on it) and
+// installs the test mods; Start() then connects a session with `options`.
+struct ClientFixture {
+  void Fresh();
+  void Start() {
+    Fresh();
+    session = std::make_unique<Session>(options);
+  }
+  CleanClientState clean;
+  SessionOptions options;
+  std::unique_ptr<Session> session;
+};
+
 // The constructor's exception text ("" if built) against a server that answers the hello
 // with `reply` (empty: silence) and then, with `close`, closes.
 std::string ConstructionError(const Bytes& reply, bool close = false);

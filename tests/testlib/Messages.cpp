@@ -2,9 +2,9 @@
 
 namespace testlib {
 
+using orvex::filesystem::Stream;
 using wire::ByteWriter;
 using wire::Encode;
-using orvex::filesystem::Stream;
 
 wire::Welcome DefaultWelcome() {
   wire::Welcome welcome;

@@ -16,12 +16,8 @@ using nlohmann::json;
 // The dump writes non-finite numbers as text, ids as two decimal words.
 std::vector<double> Numbers(const json& array) {
   std::vector<double> values;
-  for (const json& v : array) {
-    values.push_back(v.is_number() ? v.get<double>()
-                     : v == "inf"  ? INFINITY
-                     : v == "-inf" ? -INFINITY
-                                   : NAN);
-  }
+  for (const json& v : array)
+    values.push_back(v.is_number() ? v.get<double>() : std::stod(v.get<std::string>()));
   return values;
 }
 
@@ -44,10 +40,8 @@ std::vector<std::string> ReplicaDifferences(const std::string& stateText,
   for (const json& e : dump.at("entities")) {
     const std::string id = IdText(e.at("id"));
     const auto it = expected.find(id);
-    if (it == expected.end()) {
-      differences.push_back(id + ": in the replica, gone from the server");
-      continue;
-    }
+    if (it == expected.end()) differences.push_back(id + ": in the replica, gone from the server");
+    if (it == expected.end()) continue;
     const json want = it->second;
     expected.erase(it);
     char sync[17];

@@ -25,8 +25,7 @@ class UdpInbox {
 
   void Send(const Bytes& bytes);
   // Waits until `done` holds over the datagrams received so far; false after `timeoutMs`.
-  bool WaitUntil(const std::function<bool(const std::vector<Bytes>&)>& done,
-                 int timeoutMs = 10000);
+  bool WaitUntil(const std::function<bool(const std::vector<Bytes>&)>& done, int timeoutMs = 10000);
   std::vector<Bytes> Received();
   orvex::net::UdpSocket& Socket() { return udp_; }
 

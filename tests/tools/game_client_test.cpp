@@ -11,6 +11,7 @@
 #include <optional>
 #include <regex>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -45,40 +46,17 @@ class GameClientTest : public ::testing::Test {
   std::string Dump(int run = 0) const {
     return (dir / ("dump" + std::to_string(run) + ".json")).string();
   }
-  // Starts the client and answers its hello; a joining client sends one connect record per
-  // mod (the user name, from the sandbox mod), then a keep-alive datagram.
-  void Join(std::vector<std::string> extra) {
-    client = Start(extra);
-    conn = server.Accept();
-    EXPECT_FALSE(conn->ReadHello().hasPassword);
-    wire::Welcome welcome = testlib::DefaultWelcome();
-    welcome.username = kUser;
-    welcome.mods = {kSandbox, kOther};
-    welcome.mode = -3;
-    welcome.config = {'a', '=', '1', '\0', 'b', '\0'};
-    conn->Send(testlib::Welcome(welcome));
-    for (const char* mod : {kSandbox, kOther})
-      ExpectRecord(testlib::ModuleRecord(mod, wire::ByteWriter().Text(kUser)));
-    const auto first = server.NextDatagram(10000);
-    ASSERT_TRUE(first.has_value());
-    EXPECT_HEX_EQ(first->bytes, testlib::KeepAliveDatagram());
-    address = first->address;
-    port = first->port;
-  }
   // The next TCP record that is not a keep-alive must be exactly `expected`.
   void ExpectRecord(const Bytes& expected) {
     Bytes record = conn->ReadBytes(1, 10000);
     while (record[0] == 0x03) record = conn->ReadBytes(1, 10000);
     EXPECT_HEX_EQ(wire::Join({record, conn->ReadBytes(expected.size() - 1, 10000)}), expected);
   }
-  void SendDatagram(const Bytes& bytes) { server.SendDatagram(address, port, bytes); }
 
   testlib::ScratchDir dir;
   testserver::TestServer server;
   std::unique_ptr<testserver::TestConnection> conn;
   std::unique_ptr<ChildProcess> client;
-  std::string address;
-  uint16_t port = 0;
 };
 
 TEST_F(GameClientTest, ReplicaIsTheServersStateWhenTheServerSaysGoodbye) {
@@ -174,13 +152,10 @@ TEST(ToolsCommandLine, VersionAndBadArguments) {
     std::string says;  // a part of the one line on standard error
   } rows[] = {
       {"game-client", {"--port", "port"}, ""},
-      {"game-client", {"--seconds", "-1"}, ""},
-      {"game-client", {"--environment", "1"}, ""},
       {"game-client", {"--environment", "-1,2"}, ""},
       {"game-client", {"--simulate", "loss=lots"}, ""},
       {"game-client", {"--dump", "/nonexistent/d"}, "/nonexistent/d" + gone},
       {"game-server", {"--mods", "3d_x"}, ""},
-      {"game-server", {"--port", "70000"}, ""},
       {"game-server", {"--nonsense"}, ""},
       {"game-server", {"--simulate", "loss=lots", "--port", "0", "--quiet"}, ""},
       {"game-server", {"--final-state", "/nonexistent/s"}, "/nonexistent/s" + gone},
@@ -201,90 +176,59 @@ wire::EntityCreate Create(const wire::Id& id, const char* module, const char* te
           0,  std::move(data)};
 }
 
-constexpr const char* kDump = R"({
-  "playerId": "1234605616436508552",
-  "username": "tester ü",
-  "admin": true,
-  "error": "",
-  "ending": "the server disconnected",
-  "world": "arena",
-  "mode": -3,
-  "mods": ["TEST_sandbox", "TEST_other"],
-  "timestamp": 123.25,
-  "config": "a=1",
-  "entities": [
-    {"id": ["2", "1000"], "parent": ["5", "900"], "module": "TEST_sandbox", "text": "ship", "position": ["inf", "-inf", "nan"], "targetPosition": [0.0, 0.0, 0.0], "velocity": [0.0, 0.0, 0.0], "physicsExtra": [0.0, 0.0, 0.0], "orientation": [0.5, -0.5, 0.5, -0.5], "targetOrientation": [1.0, 0.0, 0.0, 0.0], "updateRate": 0.0, "smooth": 1, "forceSnap": 0, "serverDriven": true, "hasTarget": false, "velocityReset": true, "stale": false, "ready": true, "aimId": 3, "sync": ["ff"], "syncLeftOut": 0},
-    {"id": ["5", "7"], "parent": ["5", "900"], "module": "TEST_other", "text": "static", "position": [-0.0, 0.33333333333333331, 4.0], "targetPosition": [0.0, 0.0, 0.0], "velocity": [0.0, 0.0, 0.0], "physicsExtra": [0.0, 0.0, 0.0], "orientation": [0.5, -0.5, 0.5, -0.5], "targetOrientation": [1.0, 0.0, 0.0, 0.0], "updateRate": 0.0, "smooth": 1, "forceSnap": 0, "serverDriven": false, "hasTarget": false, "velocityReset": true, "stale": false, "ready": true, "aimId": 2, "sync": [""], "syncLeftOut": 0},
-    {"id": ["5", "900"], "parent": ["0", "0"], "module": "TEST_sandbox", "text": "ship", "position": [7.0, 8.0, 9.0], "targetPosition": [-1.5, 2.5, 0.125], "velocity": [1.0, 2.0, 3.0], "physicsExtra": [4.0, 5.0, 6.0], "orientation": [1.0, 0.0, 0.0, 0.0], "targetOrientation": [0.60000002384185791, 0.0, 0.0, 0.80000001192092896], "updateRate": 20.0, "smooth": 0, "forceSnap": 1, "serverDriven": true, "hasTarget": true, "velocityReset": true, "stale": false, "ready": true, "aimId": 1, "sync": ["010203", "aabb"], "syncLeftOut": 0}
-  ],
-  "moduleMessages": [
-    {"module": "TEST_sandbox", "payload": "522d7463702062617272696572"},
-    {"module": "TEST_other", "payload": "522d62617272696572"},
-    {"module": "TEST_other", "payload": "582d7265636f72646564206f6e6c79"}
-  ],
-  "moduleMessagesLeftOut": 0
-}
-)";
-
-// The whole dump, exactly: the game state, entities sorted by id without those that have no
-// interface or were destroyed, numbers that read back bit for bit (-0, 1/3, inf, nan), the
-// state datagrams' values and the module messages in order of arrival.
-TEST_F(GameClientTest, DumpHoldsTheReplicaAndTheGameStateExactly) {
-  Join({"--quiet", "--environment", "7,9"});
-  const wire::Id ship{5, 900}, rider{5, 7}, odd{2, 1000}, gone{4, 4};
+// What the end-to-end test does not compare: the game state, non-finite numbers written as
+// text, entities without an interface or destroyed left out; and the sandbox mod's echoes.
+TEST_F(GameClientTest, DumpHoldsTheGameStateAndOnlyTheLiveEntities) {
+  // The client answered: a joining client sends one connect record per mod (the user name,
+  // from the sandbox mod), then a keep-alive datagram.
+  client = Start({"--quiet"});
+  conn = server.Accept();
+  EXPECT_FALSE(conn->ReadHello().hasPassword);
+  wire::Welcome welcome = testlib::DefaultWelcome();
+  welcome.username = kUser;
+  welcome.mods = {kSandbox, kOther};
+  welcome.mode = -3;
+  welcome.config = {'a', '=', '1', '\0', 'b', '\0'};
+  conn->Send(testlib::Welcome(welcome));
+  for (const char* mod : {kSandbox, kOther})
+    ExpectRecord(testlib::ModuleRecord(mod, wire::ByteWriter().Text(kUser)));
+  const auto first = server.NextDatagram(10000);
+  ASSERT_TRUE(first.has_value());
+  EXPECT_HEX_EQ(first->bytes, testlib::KeepAliveDatagram());
+  const wire::Id odd{2, 1000}, gone{4, 4};
   conn->Send(wire::Join({
       testlib::World("arena"),
-      testlib::Admin("admin", 1),
-      testlib::Create(Create(ship, kSandbox, "ship", {}, {0.1, -2.5e-300, 1e300}, {1, 2, 3})),
-      testlib::Create(Create(rider, kOther, "static", ship, {-0.0, 1.0 / 3, 4}, {})),
-      testlib::Create(Create(odd, kSandbox, "ship", ship, {INFINITY, -INFINITY, NAN}, {0xFF})),
+      testlib::Create(Create(odd, kSandbox, "ship", {}, {INFINITY, -INFINITY, NAN}, {0xFF})),
       testlib::Create(Create({9, 9}, kSandbox, "nointerface", {}, {}, {})),
-      testlib::Create(Create({3, 3}, "TEST_unloaded", "ship", {}, {}, {})),
       testlib::Create(Create(gone, kSandbox, "ship", {}, {}, {})),
-      testlib::Update({ship, {}, {7, 8, 9}, {1, 0, 0, 0}, 0, 1, {0xAA, 0xBB}}),
       testlib::Destroy(gone),
-      testlib::ModuleMessage(kSandbox, TextBytes("R-tcp barrier")),
+      testlib::ModuleMessage(kSandbox, TextBytes("R-tcp")),
   }));
-  // The echo shows that the client carried out what came before it, so the datagrams
-  // below cannot overtake it.
-  ExpectRecord(testlib::ModuleRecord(kSandbox, TextBytes("R-tcp barrier")));
-  const wire::StateHeader header{123.25, 1, 7, 9, 1};
-  SendDatagram(
-      wire::TransformsDatagram(header, {}, {{ship, {-1.5, 2.5, 0.125}, {0.6f, 0, 0, 0.8f}}}));
-  SendDatagram(wire::PhysicsDatagram({123.25, 2, 7, 9, 1}, {{ship, {1, 2, 3}, {4, 5, 6}}}));
-  SendDatagram(wire::ModuleDatagram(wire::ModuleID(kOther), TextBytes("R-barrier")));
-  ExpectRecord(testlib::ModuleRecord(kOther, TextBytes("R-barrier")));
-  conn->Send(testlib::ModuleMessage(kOther, TextBytes("X-recorded only")));
+  ExpectRecord(testlib::ModuleRecord(kSandbox, TextBytes("R-tcp")));
+  server.SendDatagram(first->address, first->port,
+                      wire::ModuleDatagram(wire::ModuleID(kOther), TextBytes("R-udp")));
+  ExpectRecord(testlib::ModuleRecord(kOther, TextBytes("R-udp")));
   conn->Send(testlib::Disconnect());
   EXPECT_EQ(client->Wait(), 0) << client->Stderr();
-  EXPECT_EQ(client->Stderr(), "");
-  EXPECT_EQ(testlib::ReadFile(Dump()), kDump);
-}
-
-// Echoes to write make the client meet the closed connection in its flushes as well.
-TEST_F(GameClientTest, EchoesToAClosedConnectionEndWithStatusOne) {
-  Join({"--quiet"});
-  conn.reset();
-  for (int i = 0; i < 200 && !client->Exited(); ++i) {
-    SendDatagram(wire::ModuleDatagram(wire::ModuleID(kSandbox), TextBytes("R are you there")));
-    testlib::WaitUntil([&] { return client->Exited(); }, 50);
-  }
-  EXPECT_EQ(client->Wait(), 1) << client->Stderr();
+  const json dump = json::parse(testlib::ReadFile(Dump()));
+  EXPECT_EQ(dump["ending"], "the server disconnected");
+  EXPECT_EQ(std::make_tuple(dump["world"], dump["mode"], dump["config"], dump["username"]),
+            std::make_tuple("arena", -3, "a=1", kUser));
+  ASSERT_EQ(dump["entities"].size(), 1u) << dump;
+  EXPECT_EQ(dump["entities"][0]["position"], json({"inf", "-inf", "nan"}));
 }
 
 TEST_F(GameClientTest, ReplicaSvgPlacesRidersAlongTheirParentsRotation) {
-  const double h = std::sqrt(0.5);
+  const json one = {1.0, 0.0, 0.0, 0.0}, quarter = {std::sqrt(0.5), 0.0, 0.0, std::sqrt(0.5)};
   auto entity = [](const char* word1, const char* parent, json x, json turn) {
-    return json{{"id", {"1", word1}},  {"parent", {"1", parent}},   {"module", kSandbox},
-                {"text", "ship"},      {"position", {x, 0.0, 0.0}}, {"orientation", turn},
+    return json{{"id", {"1", word1}},  {"parent", {"1", parent}}, {"position", {x, 0.0, 0.0}},
+                {"orientation", turn}, {"module", kSandbox},      {"text", "ship"},
                 {"serverDriven", true}};
   };
-  const json one = {1.0, 0.0, 0.0, 0.0};
   std::ofstream(dir / "in.json") << json{
       {"world", "w"},
       {"entities",
-       {entity("1", "0", 10.0, {h, 0.0, 0.0, h}), entity("2", "1", 1.0, one),
-        entity("3", "99", -10.0, one),
+       {entity("1", "0", 10.0, quarter), entity("2", "1", 1.0, one), entity("3", "99", -10.0, one),
         entity("4", "0", "nan", one)}}}.dump();
   ChildProcess tool(testlib::ToolPath("replica-svg"), {dir / "in.json", dir / "out.svg"}, dir);
   ASSERT_EQ(tool.Wait(), 0) << tool.Stderr();

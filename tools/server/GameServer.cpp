@@ -273,7 +273,8 @@ void GameServer::Serve(std::shared_ptr<Client> client) {
   try {
     if (Handshake(client)) ReadLoop(*client);
   } catch (const std::exception& e) {
-    Drop(*client, e.what());
+    // A connection that Stop() shut is marked "server stopped" by Stop() itself.
+    if (!stopping_) Drop(*client, e.what());
   }
   Close(*client);
   client->finished = true;
@@ -358,8 +359,11 @@ bool GameServer::Handshake(const std::shared_ptr<Client>& client) {
 }
 
 void GameServer::ReadLoop(Client& c) {
-  // A client told goodbye is read until it leaves (or Stop's grace period ends).
-  while (!stopping_ || c.leaving) {
+  // A client is read until it leaves or its connection is shut; Stop() shuts every
+  // connection only after the goodbye's grace period. Ending the loop on Stop()'s flag
+  // instead would close a client's socket before its goodbye went out, and a peer that
+  // still sends then gets a reset that can discard the goodbye.
+  for (;;) {
     const int ready = c.tcp->Poll(kPollMs);
     if (ready == 0) continue;
     if (ready < 0) throw std::runtime_error("connection error");

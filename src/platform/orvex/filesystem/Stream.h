@@ -69,13 +69,12 @@ class Stream {
 
   // Raw little-endian bytes of a fixed-width value.
   template <typename T>
-    requires std::is_trivially_copyable_v<T>
+  requires std::is_trivially_copyable_v<T>
   void WriteValue(const T& value) {
     Write(reinterpret_cast<const unsigned char*>(&value), sizeof(T));
   }
   template <typename T>
-    requires std::is_trivially_copyable_v<T>
-  T ReadValue() {
+  requires std::is_trivially_copyable_v<T> T ReadValue() {
     T value{};
     Read(reinterpret_cast<unsigned char*>(&value), sizeof(T));
     return value;
