@@ -1,5 +1,4 @@
-// The headless game as a whole process: its endings and flags, its dump against the
-// server's state, the sandbox mod's echoes, and replica-svg's placement of a dump.
+// game-client and replica-svg as whole processes: endings, flags, dump, picture placement.
 #include <gtest/gtest.h>
 #include <signal.h>
 

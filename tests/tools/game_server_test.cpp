@@ -1,5 +1,4 @@
-// The reference server against clients made of bare sockets: what it sends, byte for byte
-// as the wire codec writes it, and how it keeps and drops its clients.
+// game-server against bare-socket clients: what it sends, and how it keeps and drops them.
 #include "server/GameServer.h"
 
 #include <gtest/gtest.h>

@@ -1,6 +1,4 @@
 // The soak: once the network faults end, the replica converges to the server's final state.
-// ORVEX_SOAK_SECONDS sets the duration and runs it in any build (tools/soak.sh); without it
-// the short soak runs only where the tools run at full speed, without sanitizers.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,6 +12,8 @@
 
 namespace {
 
+// ORVEX_SOAK_SECONDS sets the duration and runs it in any build (tools/soak.sh); without it
+// the short soak runs only where the tools run at full speed, without sanitizers.
 TEST(Soak, ReplicaConvergesToTheServerOnceTheFaultsAreLifted) {
   const char* requested = std::getenv("ORVEX_SOAK_SECONDS");
   if (ORVEX_SANITIZED && requested == nullptr) GTEST_SKIP() << "a sanitized build";

@@ -1,5 +1,4 @@
-// The server's wire codec: its writers against exact bytes, its readers of hostile and cut
-// client bytes.
+// The server's wire codec: writers against exact bytes, readers against hostile, cut input.
 #include "server/Wire.h"
 
 #include <gtest/gtest.h>
