@@ -72,9 +72,7 @@ SimulationSettings SimulationSettings::Parse(const std::string& text) {
     if (item.empty()) Fail("empty item in '" + text + "'");
 
     size_t equals = item.find('=');
-    // Built with append: g++ 12 at -O3 takes "'" + std::string(...) for an overlapping copy.
-    if (equals == std::string_view::npos)
-      Fail(std::string("'").append(item).append("' is not key=value"));
+    if (equals == std::string_view::npos) Fail("'" + std::string(item) + "' is not key=value");
     std::string_view key = Trim(item.substr(0, equals));
     std::string_view value = Trim(item.substr(equals + 1));
 
