@@ -471,8 +471,10 @@ void Client::ReceiveTransforms(ReadOnlyStream& datagram) {
   if (!AcceptSequence(header, lastTransformSequence)) return;
   // A datagram from another environment is not dropped: its records clear hasTarget.
   counters.datagramsAccepted.fetch_add(1, std::memory_order_relaxed);
+  // State passes are droppable: a newer datagram supersedes what a lost one carried.
   Game::Synchronize(
-      TransformPass(ReadOnlyStream(datagram), header.divisor, header.parent, header.Foreign()));
+      TransformPass(ReadOnlyStream(datagram), header.divisor, header.parent, header.Foreign()),
+      sizeof(TransformPass) + datagram.GetBufferSize());
 }
 
 void Client::ReceivePhysics(ReadOnlyStream& datagram) {
@@ -484,7 +486,8 @@ void Client::ReceivePhysics(ReadOnlyStream& datagram) {
     return;
   }
   counters.datagramsAccepted.fetch_add(1, std::memory_order_relaxed);
-  Game::Synchronize(PhysicsPass(ReadOnlyStream(datagram)));
+  Game::Synchronize(PhysicsPass(ReadOnlyStream(datagram)),
+                    sizeof(PhysicsPass) + datagram.GetBufferSize());
 }
 
 void Client::Send() {

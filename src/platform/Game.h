@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -36,11 +37,30 @@ class Game {
   static void Quit();
   // Queues `work` to run on the game thread at the next RunSynchronized(). Any thread.
   static void Synchronize(std::function<void()> work);
+  // The same for work that may be lost, such as a state datagram's pass (a newer one
+  // supersedes it), holding about `bytes` bytes. While such work queued holds more than
+  // synchronizeCap bytes, the oldest of it is destroyed unrun and counted in
+  // SynchronizeFigures(); work queued without a size is never dropped. Any thread.
+  static void Synchronize(std::function<void()> work, size_t bytes);
+
+  // The bytes of droppable work the queue holds at most. 16 MiB: three ticks of state for
+  // 100,000 entities. Set by the host before its threads start.
+  static size_t synchronizeCap;
 
   // Engine runtime: the host's side of the above.
   // Runs the work queued so far, in queuing order, on the calling (game) thread; work
   // queued while it runs waits for the next call. Returns how many functions ran.
   static size_t RunSynchronized();
+  // The same within a time budget: once `budget` has passed (after at least one
+  // function), the rest keeps its place at the front of the queue for the next call.
+  static size_t RunSynchronized(std::chrono::steady_clock::duration budget);
+  struct SynchronizeCounts {
+    size_t queued = 0;        // functions waiting now
+    size_t queuedBytes = 0;   // bytes of droppable work waiting now
+    uint64_t dropped = 0;     // droppable functions destroyed unrun since Reset()
+    uint64_t droppedBytes = 0;
+  };
+  static SynchronizeCounts SynchronizeFigures();
   // Whether Quit() was called since the last Reset().
   static bool QuitRequested();
   // Puts every static back to its load-time value, drops queued work, and installs the

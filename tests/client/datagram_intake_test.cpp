@@ -287,4 +287,18 @@ TEST_F(DatagramIntake, HostileFloodFromAStrangerChangesNothing) {
   EXPECT_EQ(TargetOf(1), glm::dvec3(1, 1, 1));
 }
 
+// State faster than the game thread applies it: the queue keeps to its cap by dropping the
+// oldest passes, and the newest state still applies.
+TEST_F(DatagramIntake, HostileStateFloodKeepsTheQueueWithinItsCap) {
+  Start();
+  Game::synchronizeCap = 2000;
+  for (uint64_t s = 1; s <= 100; ++s) session->SendDatagram(Records(s, Id{}, {At(1, {s, 0, 0})}));
+  const Game::SynchronizeCounts queue = Game::SynchronizeFigures();
+  EXPECT_LE(queue.queuedBytes, 2000u);
+  EXPECT_EQ(queue.queued + queue.dropped, 100u);
+  EXPECT_GT(queue.dropped, 50u);
+  Game::RunSynchronized();
+  EXPECT_EQ(TargetOf(1), glm::dvec3(100, 0, 0));
+}
+
 }  // namespace

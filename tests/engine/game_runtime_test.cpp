@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "GAME_Mod.h"
@@ -53,6 +54,25 @@ TEST_F(GameRuntime, WorkFromAnotherThreadRunsHereInOrderAndAThrowKeepsTheRestInF
   EXPECT_THROW(Game::RunSynchronized(), std::runtime_error);
   EXPECT_EQ(Game::RunSynchronized(), 2u);
   EXPECT_EQ(order, (std::vector<std::string>{"a", "b", "c", "queued meanwhile"}));
+}
+
+// Droppable work over the cap goes oldest first and plain work stays; a spent time budget
+// leaves the rest in place for the next call.
+TEST_F(GameRuntime, TheQueueDropsTheOldestStateOverItsCapAndKeepsToABudget) {
+  std::string ran;
+  Game::synchronizeCap = 10;
+  Game::Synchronize([&] { ran += 'a'; }, 4);
+  Game::Synchronize([&] { ran += 'P'; });
+  Game::Synchronize([&] { ran += 'b'; }, 4);
+  Game::Synchronize([&] { ran += 'c'; }, 4);
+  const Game::SynchronizeCounts n = Game::SynchronizeFigures();
+  EXPECT_EQ(std::tie(n.queued, n.queuedBytes, n.dropped, n.droppedBytes),
+            std::make_tuple(3u, 8u, 1u, 4u));
+  EXPECT_EQ(Game::RunSynchronized(std::chrono::steady_clock::duration::zero()), 1u);
+  EXPECT_EQ(ran, "P");
+  EXPECT_EQ(Game::RunSynchronized(), 2u);
+  EXPECT_EQ(ran, "Pbc");
+  EXPECT_EQ(Game::SynchronizeFigures().queuedBytes, 0u);
 }
 
 TEST_F(GameRuntime, ModsAreKnownByCanonicalTextLoadedOnceAndVisitedOverASnapshot) {

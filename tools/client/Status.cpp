@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <shared_mutex>
 
+#include "Game.h"
 #include "client/Client.h"
 #include "game/Networking.h"
 #include "game/entity/ClientSideEntity.h"
@@ -44,6 +45,7 @@ Figures Measure(const client::Client& client) {
   f.droppedSender = Load(c.droppedSender);
   f.droppedStale = Load(c.droppedStale);
   f.droppedForeign = Load(c.droppedForeign);
+  f.passesDropped = Game::SynchronizeFigures().dropped;
   for (const std::atomic<uint64_t>& n : c.reliableByCode) f.reliable += Load(n);
   f.creates = Load(c.reliableByCode[0x40]);
   f.destroys = Load(c.reliableByCode[0x41]);
@@ -78,7 +80,8 @@ std::string SummaryText(const Figures& f, double seconds, const std::string& end
          "  dropped:    short " + std::to_string(f.droppedShort) + ", wrong magic " +
          std::to_string(f.droppedMagic) + ", wrong sender " + std::to_string(f.droppedSender) +
          ", stale " + std::to_string(f.droppedStale) + ", foreign " +
-         std::to_string(f.droppedForeign) + "\n" + "  reliable:   " + std::to_string(f.reliable) +
+         std::to_string(f.droppedForeign) + ", over the game's queue cap " +
+         std::to_string(f.passesDropped) + "\n" + "  reliable:   " + std::to_string(f.reliable) +
          " messages (create " + std::to_string(f.creates) + ", update " +
          std::to_string(f.updates) + ", move " + std::to_string(f.moves) + ", destroy " +
          std::to_string(f.destroys) + ", module " + std::to_string(f.moduleMessages) + ", other " +

@@ -131,7 +131,9 @@ Ending Run(client::Client& client, const Options& options, gameclient::StatusLin
     if (receiverDone.load() && Game::isActive.load()) {
       return {"lost connection: the receiving thread ended", kFailed};
     }
-    Game::RunSynchronized();
+    // State passes get half a frame; what is left waits for the next frame, so a burst
+    // of state delays state, never the frame.
+    Game::RunSynchronized(frame / 2);
     client.Send();
     if (status != nullptr) status->Update(client);
     next += frame;
