@@ -16,6 +16,7 @@
 // Exit status: 0 on a completed run, 1 when a phase failed (the reason on stderr), 64 for
 // bad arguments.
 #include <malloc.h>
+#include <time.h>
 
 #include <algorithm>
 #include <atomic>
@@ -56,6 +57,8 @@ struct Options {
   double events = 1.0;
   double settleTimeout = 180.0;
   bool baseline = true;
+  bool flat = false;        // no riders and no physics: every state datagram a full one
+  double applyShare = 0.5;  // of a frame, the time budget of the state passes
   std::string json;
   std::string markdown;
 };
@@ -145,6 +148,7 @@ gameserver::Options ServerOptions(const Options& options) {
   server.rate = options.rate;
   server.mods = {kModule};
   server.eventsPerSecond = options.events;
+  server.riders = server.physics = !options.flat;
   server.quiet = true;
   return server;
 }
@@ -179,6 +183,12 @@ struct Stream {
 struct ClientResult {
   Stream stream;
   double settleSeconds = 0;
+  // The constructor (connect, hello, welcome), then from its return until the registry
+  // held the entities with an interface (creates taken in on the receiving thread).
+  double connectSeconds = 0, buildSeconds = 0;
+  size_t built = 0;
+  double gameThreadCpu = 0;  // CPU seconds of the game thread over the window
+  uint64_t passesDropped = 0, passesWaiting = 0;
   size_t replica = 0;
   uint64_t droppedShort = 0, droppedMagic = 0, droppedSender = 0, droppedStale = 0,
            droppedForeign = 0;
@@ -191,7 +201,10 @@ struct ClientResult {
 
 class GameLoop {
  public:
-  GameLoop(client::Client& client, int fps) : client_(client), frame_(Duration(1.0 / fps)) {}
+  GameLoop(client::Client& client, int fps, double applyShare)
+      : client_(client),
+        frame_(Duration(1.0 / fps)),
+        budget_(std::chrono::duration_cast<Clock::duration>(frame_ * applyShare)) {}
 
   // Runs frames until `until` returns true, `deadline` passes or the game is asked to
   // quit; records each frame's work when `record`. Returns whether `until` ended it.
@@ -201,7 +214,7 @@ class GameLoop {
     while (!until()) {
       if (Clock::now() >= deadline || !Game::isActive) return false;
       const auto start = Clock::now();
-      passes_ += Game::RunSynchronized();
+      passes_ += Game::RunSynchronized(budget_);
       const auto middle = Clock::now();
       client_.Send();
       const auto end = Clock::now();
@@ -227,7 +240,14 @@ class GameLoop {
  private:
   client::Client& client_;
   Clock::duration frame_;
+  Clock::duration budget_;
 };
+
+double ThreadCpuSeconds() {
+  timespec t{};
+  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &t);
+  return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_nsec) * 1e-9;
+}
 
 ClientResult RunClient(const Options& options) {
   ClientResult r;
@@ -242,6 +262,8 @@ ClientResult RunClient(const Options& options) {
   const auto joined = Clock::now();
   Game::isActive = true;
   auto client = std::make_unique<client::Client>("127.0.0.1", server.Port(), "load", "");
+  const auto connected = Clock::now();
+  r.connectSeconds = Seconds(connected - joined);
   for (const std::string& name : Game::_mods) benchsupport::LoadMod(name);
   std::thread receiving([&] { client->ReceivingThread(); });
   // Stops the receiving thread on every way out.
@@ -256,7 +278,7 @@ ClientResult RunClient(const Options& options) {
 
   // The replica is built when (nearly) every entity with an interface is registered; the
   // scene's own events move the count by a few while it loads.
-  GameLoop loop(*client, options.fps);
+  GameLoop loop(*client, options.fps, options.applyShare);
   const size_t wanted = expected - std::min<size_t>(expected, expected / 1000 + 2);
   if (!loop.Run([&] { return benchsupport::RegistrySize() >= wanted; },
                 joined + Duration(options.settleTimeout), false)) {
@@ -264,6 +286,8 @@ ClientResult RunClient(const Options& options) {
                              " of " + std::to_string(expected) + " entities after " +
                              std::to_string(options.settleTimeout) + " s");
   }
+  r.buildSeconds = Seconds(Clock::now() - connected);
+  r.built = benchsupport::RegistrySize();
   // Two more ticks, so that the create backlog is gone from the receiving thread.
   loop.Run([] { return false; }, Clock::now() + Duration(2.0 / options.rate + 0.5), false);
   r.settleSeconds = Seconds(Clock::now() - joined);
@@ -272,9 +296,13 @@ ClientResult RunClient(const Options& options) {
   const client::Counters& counters = client->GetCounters();
   auto load = [](const std::atomic<uint64_t>& a) { return a.load(std::memory_order_relaxed); };
   const uint64_t sent0 = SentBy(server).sent, accepted0 = load(counters.datagramsAccepted);
-  const uint64_t passes0 = loop.passes_;
+  const uint64_t passes0 = loop.passes_, dropped0 = Game::SynchronizeFigures().dropped;
+  const double cpu0 = ThreadCpuSeconds();
   const auto windowStart = Clock::now();
   loop.Run([] { return false; }, windowStart + Duration(options.seconds), true);
+  r.gameThreadCpu = ThreadCpuSeconds() - cpu0;
+  r.passesDropped = Game::SynchronizeFigures().dropped - dropped0;
+  r.passesWaiting = Game::SynchronizeFigures().queued;
   r.stream.window = Seconds(Clock::now() - windowStart);
   r.stream.windowSent = SentBy(server).sent - sent0;
   r.stream.windowTakenIn = load(counters.datagramsAccepted) - accepted0;
@@ -485,9 +513,10 @@ std::string Markdown(const Options& o, const ClientResult& c, const BaselineResu
   };
   out << "### load-driver\n\n"
       << o.entities << " entities, " << Fixed(o.rate, 1) << " server ticks/s, " << o.fps << " fps, "
-      << Fixed(o.seconds, 0) << " s measured after the replica was built ("
-      << Fixed(c.settleSeconds) << " s to join and build " << c.replica
-      << " entities); load average " << Fixed(loadBefore, 2) << " when the run began.\n\n"
+      << Fixed(o.seconds, 0) << " s measured after the replica was built"
+      << (o.flat ? " (no riders, no physics: every state datagram full)" : "") << "; passes given "
+      << Fixed(o.applyShare * 100, 0) << "% of a frame; load average " << Fixed(loadBefore, 2)
+      << " when the run began.\n\n"
       << "| measure | client | baseline: bare UdpSocket | ratio |\n|---|---:|---:|---:|\n";
   out << "| state datagrams sent by the server /s"
       << both(Fixed(PerSecond(c.stream.windowSent, c.stream.window), 0),
@@ -513,7 +542,15 @@ std::string Markdown(const Options& o, const ClientResult& c, const BaselineResu
   out << "| dropped by the client: stale / foreign / sender / magic / short | " << c.droppedStale
       << " / " << c.droppedForeign << " / " << c.droppedSender << " / " << c.droppedMagic << " / "
       << c.droppedShort << " | | |\n";
+  out << "| join: connect / build " << c.built << " entities (creates/s) | "
+      << Fixed(c.connectSeconds * 1e3, 1) << " ms / " << Fixed(c.buildSeconds, 2) << " s ("
+      << Fixed(c.buildSeconds > 0 ? static_cast<double>(c.built) / c.buildSeconds : 0, 0)
+      << ") | | |\n";
   out << "| state passes run /s | " << Fixed(PerSecond(c.passes, c.stream.window), 0) << " | | |\n";
+  out << "| state passes dropped over the queue cap / waiting at the end | " << c.passesDropped
+      << " / " << c.passesWaiting << " | | |\n";
+  out << "| game thread CPU share | " << Fixed(100 * c.gameThreadCpu / c.stream.window, 0)
+      << "% | | |\n";
   out << "| frame work (passes + Send), median / p99 / max | " << Fixed(c.frameMs.median, 2)
       << " / " << Fixed(c.frameMs.p99, 2) << " / " << Fixed(c.frameMs.max, 1) << " ms | | |\n";
   out << "| of which passes, median / p99 / max | " << Fixed(c.passesMs.median, 2) << " / "
@@ -552,7 +589,12 @@ std::string Json(const Options& o, const ClientResult& c, const BaselineResult* 
   out << "{\n  \"entities\": " << o.entities << ", \"rate\": " << o.rate << ", \"fps\": " << o.fps
       << ", \"seconds\": " << o.seconds << ",\n"
       << "  \"client\": {" << stream(c.stream)
-      << ", \"settleSeconds\": " << Fixed(c.settleSeconds, 3) << ", \"replica\": " << c.replica
+      << ", \"settleSeconds\": " << Fixed(c.settleSeconds, 3)
+      << ", \"connectSeconds\": " << Fixed(c.connectSeconds, 4)
+      << ", \"buildSeconds\": " << Fixed(c.buildSeconds, 3) << ", \"built\": " << c.built
+      << ", \"gameThreadCpu\": " << Fixed(c.gameThreadCpu, 3)
+      << ", \"passesDropped\": " << c.passesDropped << ", \"passesWaiting\": " << c.passesWaiting
+      << ", \"replica\": " << c.replica
       << ", \"droppedStale\": " << c.droppedStale << ", \"droppedForeign\": " << c.droppedForeign
       << ", \"droppedSender\": " << c.droppedSender << ", \"droppedMagic\": " << c.droppedMagic
       << ", \"droppedShort\": " << c.droppedShort << ", \"passes\": " << c.passes
@@ -610,6 +652,12 @@ int main(int argc, char** argv) {
       ->capture_default_str()
       ->check(CLI::Range(1.0, 3600.0));
   app.add_flag("!--no-baseline", options.baseline, "skip the bare-socket baseline");
+  app.add_flag("--flat", options.flat,
+               "no entity rides on another and no physics: every state datagram a full one");
+  app.add_option("--apply-share", options.applyShare,
+                 "share of a frame the state passes may take (the rest waits for later frames)")
+      ->capture_default_str()
+      ->check(CLI::Range(0.01, 1.0));
   app.add_option("--json", options.json, "write the figures as JSON to this file");
   app.add_option("--markdown", options.markdown, "write the figures as a Markdown table here");
   try {

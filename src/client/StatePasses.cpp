@@ -1,11 +1,13 @@
 #include "client/StatePasses.h"
 
 #include <cmath>
+#include <cstring>
 #include <glm/glm.hpp>
 #include <glm/gtc/quaternion.hpp>
 #include <iostream>
 #include <utility>
 
+#include "entity/Lookahead.h"
 #include "game/entity/ClientSideEntity.h"
 
 namespace client {
@@ -40,6 +42,38 @@ bool Reparent(ClientSideEntity& entity, const Id& oldParentId, const Id& newPare
   return true;
 }
 
+// The lookups of a pass's records, with the ids of the records ahead read from the
+// datagram so that the registry can fetch their memory early. Records of `kStride` bytes
+// open with their id.
+template <unsigned long kStride>
+class RecordLookups {
+ public:
+  // Before each record is read from `records`: reads the ids ahead when the last ones ran
+  // out (whole records up to the first null id).
+  void Before(const orvex::filesystem::ReadOnlyStream& records) {
+    if (at_ < count_) return;
+    at_ = count_ = 0;
+    const unsigned char* bytes = records.GetBuffer();
+    const unsigned long whole = records.GetBufferSize() / kStride;
+    while (count_ < kChunk && count_ < whole) {
+      std::memcpy(&ids_[count_], bytes + count_ * kStride, sizeof(Id));
+      if (ids_[count_].IsNull()) break;
+      ++count_;
+    }
+  }
+  // The entity of the record just read, whose id is `id`.
+  ClientSideEntity::Ptr Get(const Id& id) {
+    if (at_ < count_ && ids_[at_] == id) return registry_.Get(ids_, at_++, count_);
+    return ClientSideEntity::Get<ClientSideEntity>(id);
+  }
+
+ private:
+  static constexpr size_t kChunk = 64;
+  Id ids_[kChunk];
+  size_t at_ = 0, count_ = 0;
+  game::entity::RegistryLookahead registry_;
+};
+
 }  // namespace
 
 TransformPass::TransformPass(orvex::filesystem::ReadOnlyStream records, int32_t divisor, Id parent,
@@ -47,7 +81,9 @@ TransformPass::TransformPass(orvex::filesystem::ReadOnlyStream records, int32_t 
     : records_(std::move(records)), divisor_(divisor), parent_(parent), foreign_(foreign) {}
 
 void TransformPass::operator()() {
+  RecordLookups<56> lookups;
   for (;;) {
+    lookups.Before(records_);
     const Id id = records_.ReadValue<Id>();
     if (id.IsNull()) return;
     const glm::dvec3 position = records_.ReadValue<glm::dvec3>();
@@ -60,7 +96,7 @@ void TransformPass::operator()() {
       return;
     }
 
-    const ClientSideEntity::Ptr entity = ClientSideEntity::Get<ClientSideEntity>(id);
+    const ClientSideEntity::Ptr entity = lookups.Get(id);
     if (!entity || !entity->serverDriven) continue;
     if (foreign_) {
       // The next transform from the local environment snaps the entity.
@@ -99,7 +135,9 @@ PhysicsPass::PhysicsPass(orvex::filesystem::ReadOnlyStream records)
     : records_(std::move(records)) {}
 
 void PhysicsPass::operator()() {
+  RecordLookups<64> lookups;
   for (;;) {
+    lookups.Before(records_);
     const Id id = records_.ReadValue<Id>();
     if (id.IsNull()) return;
     const glm::dvec3 velocity = records_.ReadValue<glm::dvec3>();
@@ -109,7 +147,7 @@ void PhysicsPass::operator()() {
       return;
     }
     // Entities that sit on a parent never take physics from the server.
-    const ClientSideEntity::Ptr entity = ClientSideEntity::Get<ClientSideEntity>(id);
+    const ClientSideEntity::Ptr entity = lookups.Get(id);
     if (entity && entity->serverDriven && entity->parentId.Load().IsNull()) {
       entity->velocity = velocity;
       entity->physicsExtra = extra;

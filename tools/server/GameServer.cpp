@@ -51,6 +51,7 @@ Scene::Options SceneOptions(const Options& options, const std::vector<wire::Modu
   scene.modules = modules;
   scene.seed = options.seed;
   scene.eventsPerSecond = options.eventsPerSecond;
+  scene.riders = options.riders;
   return scene;
 }
 
@@ -584,7 +585,8 @@ void GameServer::Tick(uint64_t tick, double t) {
         }
       }
       const size_t transforms = datagrams.size();
-      const std::vector<wire::PhysicsRecord> physics = scene_.PhysicsRecords();
+      const std::vector<wire::PhysicsRecord> physics =
+          options_.physics ? scene_.PhysicsRecords() : std::vector<wire::PhysicsRecord>{};
       const size_t perPhysics = wire::MaxRecordsPerDatagram(networking::MSG_PHYSICS);
       for (size_t i = 0; i < physics.size(); i += perPhysics) {
         std::vector<wire::PhysicsRecord> part(

@@ -54,6 +54,10 @@ struct Options {
   // Seconds after the start from which the scene stands still (no motion, no events) while
   // state datagrams keep flowing; 0: never. A soak compares replicas of a still scene.
   double freezeAfter = 0;
+  // The shape of the stream: false for no entity riding on another (every transform
+  // datagram then full, as at a large scale), and for no physics datagrams.
+  bool riders = true;
+  bool physics = true;
 };
 
 struct Counters {

@@ -35,7 +35,7 @@ Scene::Scene(const Options& options) : options_(options), random_(options.seed) 
   entities_.reserve(options_.entities);
   for (size_t i = 0; i < options_.entities; ++i) {
     // Every fourth entity rides on the one before it, which is always parentless.
-    const wire::Id parent = (i % 4 == 3) ? entities_[i - 1].id : wire::Id{};
+    const wire::Id parent = (options_.riders && i % 4 == 3) ? entities_[i - 1].id : wire::Id{};
     entities_.push_back(Make(i, parent));
     Place(entities_.back(), 0.0);
     entities_.back().sentPosition = entities_.back().position;

@@ -51,6 +51,7 @@ class Scene {
     std::vector<wire::ModuleID> modules;  // at least one
     uint64_t seed = 1;
     double eventsPerSecond = 1.0;  // 0: the scene never changes its population
+    bool riders = true;            // false: every entity is placed in the environment
   };
 
   explicit Scene(const Options& options);
