@@ -149,13 +149,16 @@ std::string Stream::ReadString(unsigned long limit) {
 // ReadOnlyStream: data_[pos_, size_) are waiting. When storage_ is set, data_ points into
 // it (possibly at an offset: a sub-stream shares its parent's storage).
 
-ReadOnlyStream::ReadOnlyStream(std::vector<unsigned char> bytes)
-    : storage_(std::make_shared<const std::vector<unsigned char>>(std::move(bytes))),
-      data_(storage_->data()),
-      size_(storage_->size()) {}
+ReadOnlyStream::ReadOnlyStream(std::vector<unsigned char> bytes) {
+  auto owned = std::make_shared<const std::vector<unsigned char>>(std::move(bytes));
+  data_ = owned->data();
+  size_ = owned->size();
+  storage_ = std::move(owned);
+}
 
-ReadOnlyStream::ReadOnlyStream(const unsigned char* data, unsigned long size)
-    : ReadOnlyStream(std::vector<unsigned char>(data, data + size)) {}
+ReadOnlyStream::ReadOnlyStream(const unsigned char* data, unsigned long size) {
+  CopyBytes(data, size);
+}
 
 ReadOnlyStream ReadOnlyStream::View(const unsigned char* data, unsigned long size) {
   ReadOnlyStream view;
@@ -196,13 +199,21 @@ void ReadOnlyStream::CopyFrom(const ReadOnlyStream& other) {
   if (other.storage_) {
     storage_ = other.storage_;
     data_ = other.data_;
+    size_ = other.size_;
   } else {
-    storage_ =
-        std::make_shared<const std::vector<unsigned char>>(other.data_, other.data_ + other.size_);
-    data_ = storage_->data();
+    CopyBytes(other.data_, other.size_);
   }
-  size_ = other.size_;
   pos_ = other.pos_;
+}
+
+// One allocation holds the reference count and the bytes: a datagram copied for the game
+// thread costs a single allocation.
+void ReadOnlyStream::CopyBytes(const unsigned char* data, unsigned long size) {
+  std::shared_ptr<unsigned char[]> owned = std::make_shared_for_overwrite<unsigned char[]>(size);
+  if (size != 0) std::memcpy(owned.get(), data, size);
+  data_ = owned.get();
+  size_ = size;
+  storage_ = std::move(owned);
 }
 
 void ReadOnlyStream::Read(unsigned char* data, unsigned long size) {

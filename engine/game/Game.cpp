@@ -1,7 +1,6 @@
 // The game library's process-wide state, the quit request and the game-thread work queue.
 #include "Game.h"
 
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <utility>
@@ -21,34 +20,65 @@ std::atomic<bool> quitRequested{false};
 
 // Work for the game thread, in queuing order. `mutex` guards every member and is never
 // held while work runs or while queued functions are destroyed.
+//
+// The items live in a ring that grows by doubling and keeps its size, so that a steady
+// stream of work allocates nothing here. Dropped work leaves an empty item behind where it
+// cannot be removed at once (behind work that is never dropped); runs skip it.
 struct WorkQueue {
   struct Item {
-    std::function<void()> work;
-    size_t bytes;     // 0: never dropped
-    uint64_t ticket;  // queuing order, to tell work queued during a run
+    std::function<void()> work;  // empty once dropped
+    size_t bytes = 0;            // 0: never dropped
+    uint64_t ticket = 0;         // queuing order, to tell work queued during a run
   };
   std::mutex mutex;
-  std::deque<Item> items;
+  std::vector<Item> ring;  // a power of two long once used
+  size_t head = 0, count = 0;
+  size_t live = 0;  // items in the ring that still hold work
   uint64_t nextTicket = 0;
   size_t droppableBytes = 0;
   uint64_t dropped = 0;
   uint64_t droppedBytes = 0;
 
-  // Removes the oldest droppable items until the droppable bytes fit the cap; the caller
-  // destroys them after unlocking. Droppable work is usually at the front, so this is
-  // almost always pop_front.
-  void Trim(size_t cap, std::vector<std::function<void()>>& out) {
-    for (auto it = items.begin(); droppableBytes > cap && it != items.end();) {
-      if (it->bytes == 0) {
-        ++it;
-        continue;
-      }
-      droppableBytes -= it->bytes;
-      ++dropped;
-      droppedBytes += it->bytes;
-      out.push_back(std::move(it->work));
-      it = items.erase(it);
+  Item& At(size_t i) { return ring[(head + i) & (ring.size() - 1)]; }
+
+  void Push(Item item) {
+    if (count == ring.size()) {
+      std::vector<Item> bigger(ring.empty() ? 256 : 2 * ring.size());
+      for (size_t i = 0; i < count; ++i) bigger[i] = std::move(At(i));
+      ring.swap(bigger);
+      head = 0;
     }
+    At(count++) = std::move(item);
+    ++live;
+  }
+
+  // Removes the front item, moving its work to `work`.
+  void PopFront(std::function<void()>& work) {
+    Item& front = At(0);
+    if (front.work) --live;
+    work = std::move(front.work);
+    droppableBytes -= front.bytes;
+    front = Item{};
+    head = (head + 1) & (ring.size() - 1);
+    --count;
+  }
+
+  // Drops the oldest droppable work until the droppable bytes fit the cap; the caller
+  // destroys `out` after unlocking. Droppable work is usually at the front.
+  void Trim(size_t cap, std::vector<std::function<void()>>& out) {
+    for (size_t i = 0; droppableBytes > cap && i < count; ++i) {
+      Item& item = At(i);
+      if (item.bytes == 0 || !item.work) continue;
+      ++dropped;
+      droppedBytes += item.bytes;
+      droppableBytes -= item.bytes;
+      item.bytes = 0;
+      out.push_back(std::move(item.work));
+      item.work = nullptr;
+      --live;
+    }
+    std::function<void()> none;
+    while (count > 0 && !At(0).work) PopFront(none);
   }
 };
 
@@ -65,7 +95,7 @@ void Enqueue(std::function<void()> work, size_t bytes) {
   WorkQueue& queue = Queue();
   {
     std::lock_guard<std::mutex> lock(queue.mutex);
-    queue.items.push_back({std::move(work), bytes, queue.nextTicket++});
+    queue.Push({std::move(work), bytes, queue.nextTicket++});
     queue.droppableBytes += bytes;
     queue.Trim(Game::synchronizeCap, dropped);
   }
@@ -120,10 +150,9 @@ size_t Game::RunSynchronized(std::chrono::steady_clock::duration budget) {
     std::function<void()> work;
     {
       std::lock_guard<std::mutex> lock(queue.mutex);
-      if (queue.items.empty() || queue.items.front().ticket >= end) break;
-      work = std::move(queue.items.front().work);
-      queue.droppableBytes -= queue.items.front().bytes;
-      queue.items.pop_front();
+      while (queue.count > 0 && !queue.At(0).work) queue.PopFront(work);
+      if (queue.count == 0 || queue.At(0).ticket >= end) break;
+      queue.PopFront(work);
     }
     ++ran;
     work();
@@ -135,7 +164,7 @@ size_t Game::RunSynchronized(std::chrono::steady_clock::duration budget) {
 Game::SynchronizeCounts Game::SynchronizeFigures() {
   WorkQueue& queue = Queue();
   std::lock_guard<std::mutex> lock(queue.mutex);
-  return {queue.items.size(), queue.droppableBytes, queue.dropped, queue.droppedBytes};
+  return {queue.live, queue.droppableBytes, queue.dropped, queue.droppedBytes};
 }
 
 bool Game::QuitRequested() {
@@ -143,11 +172,12 @@ bool Game::QuitRequested() {
 }
 
 void Game::Reset() {
-  std::deque<WorkQueue::Item> dropped;
+  std::vector<WorkQueue::Item> dropped;
   {
     WorkQueue& queue = Queue();
     std::lock_guard<std::mutex> lock(queue.mutex);
-    dropped.swap(queue.items);
+    dropped.swap(queue.ring);
+    queue.head = queue.count = queue.live = 0;
     queue.droppableBytes = 0;
     queue.dropped = 0;
     queue.droppedBytes = 0;

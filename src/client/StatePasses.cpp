@@ -5,7 +5,10 @@
 #include <glm/glm.hpp>
 #include <glm/gtc/quaternion.hpp>
 #include <iostream>
+#include <mutex>
+#include <new>
 #include <utility>
+#include <vector>
 
 #include "entity/Lookahead.h"
 #include "game/entity/ClientSideEntity.h"
@@ -74,7 +77,65 @@ class RecordLookups {
   game::entity::RegistryLookahead registry_;
 };
 
+// Blocks for passes, kept for reuse. Taken on the delivery thread, given back on the game
+// thread; `mutex` guards `free`. At most kKeep blocks are kept (a few ticks at the largest
+// scale); the rest go back to the heap.
+class PassBlocks {
+ public:
+  static constexpr size_t kBlock = 128;
+
+  void* Take() {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (!free_.empty()) {
+        void* block = free_.back();
+        free_.pop_back();
+        return block;
+      }
+    }
+    return ::operator new(kBlock);
+  }
+
+  void Give(void* block) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (free_.size() < kKeep) {
+        if (free_.capacity() == 0) free_.reserve(kKeep);
+        free_.push_back(block);
+        return;
+      }
+    }
+    ::operator delete(block);
+  }
+
+ private:
+  static constexpr size_t kKeep = 16384;
+  std::mutex mutex_;
+  std::vector<void*> free_;
+};
+
+// Never destroyed: passes may be freed during the process's exit.
+PassBlocks& Blocks() {
+  static PassBlocks* blocks = new PassBlocks;
+  return *blocks;
+}
+
 }  // namespace
+
+static_assert(sizeof(TransformPass) <= PassBlocks::kBlock && sizeof(PhysicsPass) <= PassBlocks::kBlock);
+
+void* TransformPass::operator new(size_t) {
+  return Blocks().Take();
+}
+void TransformPass::operator delete(void* block, size_t) {
+  Blocks().Give(block);
+}
+void* PhysicsPass::operator new(size_t) {
+  return Blocks().Take();
+}
+void PhysicsPass::operator delete(void* block, size_t) {
+  Blocks().Give(block);
+}
 
 TransformPass::TransformPass(orvex::filesystem::ReadOnlyStream records, int32_t divisor, Id parent,
                              bool foreign)

@@ -10,6 +10,7 @@
 // before it stay applied.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 #include "game/entity/Id.h"
@@ -23,6 +24,11 @@ class TransformPass {
                 bool foreign);
   void operator()();
 
+  // Passes are made on the datagram delivery thread and destroyed on the game thread, tens
+  // of thousands a second; their blocks are reused, so a steady stream allocates nothing.
+  static void* operator new(size_t size);
+  static void operator delete(void* block, size_t size);
+
  private:
   orvex::filesystem::ReadOnlyStream records_;
   int32_t divisor_;
@@ -34,6 +40,11 @@ class PhysicsPass {
  public:
   explicit PhysicsPass(orvex::filesystem::ReadOnlyStream records);
   void operator()();
+
+  // Passes are made on the datagram delivery thread and destroyed on the game thread, tens
+  // of thousands a second; their blocks are reused, so a steady stream allocates nothing.
+  static void* operator new(size_t size);
+  static void operator delete(void* block, size_t size);
 
  private:
   orvex::filesystem::ReadOnlyStream records_;

@@ -135,8 +135,9 @@ class ReadOnlyStream : public Stream {
 
  private:
   void CopyFrom(const ReadOnlyStream& other);
+  void CopyBytes(const unsigned char* data, unsigned long size);
 
-  std::shared_ptr<const std::vector<unsigned char>> storage_;  // null for a view
+  std::shared_ptr<const void> storage_;  // owns the bytes data_ points into; null for a view
   const unsigned char* data_ = nullptr;
   unsigned long size_ = 0;
   unsigned long pos_ = 0;
