@@ -11,6 +11,7 @@
 #include "Game.h"
 #include "client/Assert.h"
 #include "client/StatePasses.h"
+#include "entity/RegistryWalk.h"
 #include "game/Networking.h"
 #include "game/entity/ClientSideEntity.h"
 #include "identifiers/ModuleID.h"
@@ -141,7 +142,8 @@ Client::Client(std::string host, uint16_t port, std::string token, std::string p
     : tcp(host, port, 0, kConnectTimeoutMs),
       udp(host, port, kDatagramCapacity),
       moduleStream(0),
-      datagramStream(kDatagramCapacity) {
+      datagramStream(kDatagramCapacity),
+      actionWalk(std::make_unique<game::entity::RegistryWalk>()) {
   if (token.size() > kTokenLimit) throw std::runtime_error("Bad Token Length");
   _instance = this;
 
@@ -520,10 +522,9 @@ void Client::Send() {
   // frame's cost, so it is skipped then.
   if (game::entity::ActionFlag::Pending() != 0) {
     std::shared_lock<orvex::SharedMutex> lock(ClientSideEntity::_sharedObjectsMutex);
-    for (const auto& [id, entity] : ClientSideEntity::_sharedObjects) {
-      // Only entities with queued actions are handed on; the others would be no-ops.
-      if (entity && entity->hasPendingActions) UploadEntity(entity);
-    }
+    // Only entities with queued actions are handed on; the others would be no-ops.
+    actionWalk->ForEach([](const ClientSideEntity& entity) { return bool(entity.hasPendingActions); },
+                       [this](const ClientSideEntity::Ptr& entity) { UploadEntity(entity); });
   }
 
   GAME_Mod::ForEachModule([this](std::shared_ptr<GAME_Mod>& module) { UploadModule(module); });

@@ -15,6 +15,7 @@ class GAME_Mod;
 
 namespace game::entity {
 class ClientSideEntity;
+class RegistryWalk;
 }
 
 namespace client {
@@ -137,6 +138,8 @@ class Client {
   std::mutex receiveMutex;
   double lastReceiveTime = 0.0;
   std::atomic<bool> receivedAnything{false};
+  // The walk that finds entities with actions queued, in the registry's order; game thread.
+  std::unique_ptr<game::entity::RegistryWalk> actionWalk;
   uint64_t lastTransformSequence = 0;
   uint64_t lastPhysicsSequence = 0;
   std::vector<char> configText;

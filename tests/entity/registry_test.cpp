@@ -2,6 +2,8 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
+#include <shared_mutex>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -10,6 +12,7 @@
 #include "GAME_Mod.h"
 #include "Game.h"
 #include "StderrCapture.h"
+#include "entity/RegistryWalk.h"
 #include "game/entity/ClientSideEntity.h"
 
 namespace {
@@ -96,6 +99,48 @@ TEST_F(EntityRegistry, ReadersSeeConsistentEntriesWhileAWriterChangesThem) {
 }
 
 // The count of entities with queued actions follows every change of their flag.
+// A walk along the stretches between marks gives exactly the registry's order, whatever
+// changed since the marks were taken; each row changes the registry, then walks it.
+TEST_F(EntityRegistry, AWalkAlongMarksKeepsTheRegistrysOrder) {
+  auto& map = ClientSideEntity::_sharedObjects;
+  map.reserve(4096);
+  const auto id = [](uint64_t n) { return Id{n, n * 0x9E3779B97F4A7C15ull}; };
+  const auto create = [&](uint64_t from, uint64_t to) {
+    for (uint64_t n = from; n < to; ++n) Create(id(n));
+  };
+  const auto wanted = [](const ClientSideEntity& e) { return e.id.word0 % 3 == 0; };
+  game::entity::RegistryWalk walk;
+  const struct {
+    const char* name;
+    std::function<void()> change;
+  } rows[] = {
+      {"the first walk, no marks yet", [&] { create(1, 3000); }},
+      {"nothing changed", [] {}},
+      {"created and destroyed since",
+       [&] {
+         create(3000, 3500);
+         for (uint64_t n = 2; n < 3500; n += 7) ClientSideEntity::Destroy(id(n));
+       }},
+      {"a rehash reordered the list", [&] { map.rehash(20000); }},
+      {"refilled in another order",
+       [&] {
+         Game::ResetEntities();
+         for (uint64_t n = 3500; n-- > 1;) Create(id(n));
+       }},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    row.change();
+    std::shared_lock<orvex::SharedMutex> lock(ClientSideEntity::_sharedObjectsMutex);
+    std::vector<Id> expected, got;
+    for (const auto& [key, entity] : map) {
+      if (wanted(*entity)) expected.push_back(key);
+    }
+    walk.ForEach(wanted, [&](const ClientSideEntity::Ptr& entity) { got.push_back(entity->id); });
+    EXPECT_EQ(got, expected);
+  }
+}
+
 TEST(ActionFlag, CountsEntitiesWhoseFlagIsSetHoweverItChanges) {
   const size_t before = game::entity::ActionFlag::Pending();
   const auto make = [](uint64_t n) {

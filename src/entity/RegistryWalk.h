@@ -1,0 +1,36 @@
+// The registry in its own order, walked along several stretches at once.
+//
+// Following a hash map's single list at 100,000 entities is a chain of cache misses, one
+// node after the other. The walk keeps marks (ids of nodes spread over the list as the
+// last walk found it) and follows the stretches between them side by side, so that their
+// misses overlap; what it finds comes out stretch by stretch, which is the list's order.
+// That holds exactly when each stretch runs into the next mark: the list's relative order
+// survives inserts and erases, and a rehash or a refill that reorders it makes some
+// stretch miss its end, and the walk then falls back to one plain pass (and takes new
+// marks from it). One object per walker; the caller holds the registry's lock, shared.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <vector>
+
+#include "game/entity/ClientSideEntity.h"
+
+namespace game::entity {
+
+class RegistryWalk {
+ public:
+  using Visit = std::function<void(const ClientSideEntity::Ptr&)>;
+
+  // Calls `visit`, in the registry's order, for each registered entity for which `wanted`
+  // holds. The registry's lock must be held, at least shared.
+  void ForEach(bool (*wanted)(const ClientSideEntity&), const Visit& visit);
+
+ private:
+  static constexpr size_t kStretches = 64;
+  std::vector<Id> marks_;
+  std::vector<std::vector<const ClientSideEntity::Ptr*>> found_;  // by stretch
+  std::vector<std::vector<Id>> marks_by_stretch_;
+};
+
+}  // namespace game::entity
