@@ -9,7 +9,8 @@
 # Other flags go to every executable (for example --benchmark_filter=SharedLock).
 # BENCH_REPETITIONS (default 3) sets how many times each benchmark is repeated; the
 # tables report the median. When BUILD_DIR/bin/load-driver exists it runs after them,
-# LOAD_SECONDS (default 5; 0 skips it) per measured phase, and its table is appended.
+# LOAD_SECONDS (default 5; 0 skips it) per measured phase, at the declared scale (100,000
+# entities streamed at 20 ticks a second in full datagrams), and its table is appended.
 set -euo pipefail
 
 if (($# < 1)); then
@@ -50,7 +51,8 @@ done
 rm -f "$out/load-driver.md"
 if [[ -x $build/bin/load-driver && ${LOAD_SECONDS:-5} != 0 ]]; then
   echo "run.sh: load-driver" >&2
-  "$build/bin/load-driver" --seconds "${LOAD_SECONDS:-5}" --json "$out/load-driver.json" \
+  "$build/bin/load-driver" --seconds "${LOAD_SECONDS:-5}" --rate 20 --flat \
+    --json "$out/load-driver.json" \
     --markdown "$out/load-driver.md" >/dev/null || echo "run.sh: load-driver failed" >&2
 fi
 
