@@ -18,11 +18,19 @@ std::unique_ptr<game::graphics::GameRenderer> resetRenderer;
 
 std::atomic<bool> quitRequested{false};
 
+using Clock = std::chrono::steady_clock;
+
+// A function for the game thread and when it was queued.
+struct Work {
+  std::function<void()> run;
+  Clock::time_point queued;
+};
+
 // Work for the game thread, in queuing order. queueMutex guards the deque and is never
 // held while work runs or while queued functions are destroyed.
 struct WorkQueue {
   std::mutex mutex;
-  std::deque<std::function<void()>> work;
+  std::deque<Work> work;
 };
 
 // Function-local, so that another library's initialisation may already queue work.
@@ -52,25 +60,31 @@ void Game::Quit() {
 void Game::Synchronize(std::function<void()> work) {
   // An empty function has nothing to run; queuing it would only make the game thread throw.
   if (!work) return;
+  const Clock::time_point now = Clock::now();
   WorkQueue& queue = Queue();
   std::lock_guard<std::mutex> lock(queue.mutex);
-  queue.work.push_back(std::move(work));
+  queue.work.push_back({std::move(work), now});
 }
 
 size_t Game::RunSynchronized() {
+  return RunSynchronized(nullptr);
+}
+
+size_t Game::RunSynchronized(const std::function<void(Clock::duration)>& waited) {
   WorkQueue& queue = Queue();
-  std::deque<std::function<void()>> batch;
+  std::deque<Work> batch;
   {
     std::lock_guard<std::mutex> lock(queue.mutex);
     batch.swap(queue.work);
   }
   size_t ran = 0;
   while (!batch.empty()) {
-    std::function<void()> work = std::move(batch.front());
+    Work work = std::move(batch.front());
     batch.pop_front();
     ++ran;
+    if (waited) waited(Clock::now() - work.queued);
     try {
-      work();
+      work.run();
     } catch (...) {
       // The rest of the batch keeps its place ahead of anything queued meanwhile.
       std::lock_guard<std::mutex> lock(queue.mutex);
@@ -87,7 +101,7 @@ bool Game::QuitRequested() {
 }
 
 void Game::Reset() {
-  std::deque<std::function<void()>> dropped;
+  std::deque<Work> dropped;
   {
     WorkQueue& queue = Queue();
     std::lock_guard<std::mutex> lock(queue.mutex);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -41,6 +42,10 @@ class Game {
   // Runs the work queued so far, in queuing order, on the calling (game) thread; work
   // queued while it runs waits for the next call. Returns how many functions ran.
   static size_t RunSynchronized();
+  // The same, telling `waited` how long each function waited in the queue, just before it
+  // runs.
+  static size_t RunSynchronized(
+      const std::function<void(std::chrono::steady_clock::duration)>& waited);
   // Whether Quit() was called since the last Reset().
   static bool QuitRequested();
   // Puts every static back to its load-time value, drops queued work, and installs the

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -26,6 +27,7 @@
 #include "client/Client.h"
 #include "client/Dump.h"
 #include "client/Sandbox.h"
+#include "client/Stats.h"
 #include "client/Status.h"
 #include "common/OutputFile.h"
 #include "game/Networking.h"
@@ -68,6 +70,7 @@ struct Options {
   std::string environment = "0,0";
   uint64_t parentEnvironment = 0, relativeEnvironment = 0;
   std::string dump;
+  std::string stats;  // per-second figures as JSON Lines
   bool quiet = false;
   std::string simulate;  // network conditions on the client's UDP socket
 };
@@ -113,8 +116,8 @@ Ending QuitEnding(const client::Client& client) {
 
 // The game's main loop, from the receiving thread's start to its join. Returns how the run
 // ended. `receiverDone` is set when ReceivingThread() has returned.
-Ending Run(client::Client& client, const Options& options, gameclient::StatusLine* status,
-           const std::atomic<bool>& receiverDone) {
+Ending Run(client::Client& client, const Options& options, gameclient::NetworkStats& stats,
+           gameclient::Monitor& monitor, const std::atomic<bool>& receiverDone) {
   using Clock = std::chrono::steady_clock;
   const auto start = Clock::now();
   const bool limited = options.seconds > 0;
@@ -131,9 +134,10 @@ Ending Run(client::Client& client, const Options& options, gameclient::StatusLin
     if (receiverDone.load() && Game::isActive.load()) {
       return {"lost connection: the receiving thread ended", kFailed};
     }
-    Game::RunSynchronized();
+    const auto begun = Clock::now();
+    Game::RunSynchronized([&stats](Clock::duration wait) { stats.Waited(wait); });
     client.Send();
-    if (status != nullptr) status->Update(client);
+    monitor.Frame(client, begun);
     next += frame;
     const auto now = Clock::now();
     // A late frame does not make the following ones rush to catch up.
@@ -168,6 +172,9 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--dump", options.dump,
                  "write the replica as JSON to this file at the end (-: standard output)");
+  app.add_option("--stats", options.stats,
+                 "write the network's figures as one JSON line a second to this file (-: "
+                 "standard output)");
   app.add_flag("--quiet", options.quiet, "no status line or summary on standard error");
   app.add_option("--simulate", options.simulate,
                  "network conditions on the client's UDP socket, e.g. loss=10%,delay=40ms,seed=7");
@@ -184,9 +191,10 @@ int main(int argc, char** argv) {
                         options.relativeEnvironment)) {
     return Usage("--environment takes PARENT,RELATIVE: two unsigned decimal numbers");
   }
-  if (!options.dump.empty()) {
+  for (const std::string& path : {options.dump, options.stats}) {
+    if (path.empty()) continue;
     try {
-      tools::CheckWritable(options.dump);
+      tools::CheckWritable(path);
     } catch (const std::runtime_error& e) {
       return Usage(e.what());
     }
@@ -197,6 +205,14 @@ int main(int argc, char** argv) {
   } catch (const std::invalid_argument& e) {
     return Usage(e.what());
   }
+
+  auto stats = std::make_shared<gameclient::NetworkStats>();
+  gameclient::NetworkStats::Install(stats);
+  std::ofstream statsFile;
+  if (!options.stats.empty() && options.stats != "-") statsFile.open(options.stats);
+  std::ostream* jsonLines = options.stats.empty()  ? nullptr
+                            : options.stats == "-" ? &std::cout
+                                                   : &statsFile;
 
   InstallSignalHandlers();
   Game::parentEnvironmentId = options.parentEnvironment;
@@ -224,7 +240,8 @@ int main(int argc, char** argv) {
     }
   }
 
-  gameclient::StatusLine status(std::cerr, isatty(STDERR_FILENO) == 1);
+  gameclient::Monitor monitor(stats, jsonLines, options.quiet ? nullptr : &std::cerr,
+                              isatty(STDERR_FILENO) == 1);
   const auto start = std::chrono::steady_clock::now();
   Ending ending;
   bool failed = false;
@@ -235,9 +252,9 @@ int main(int argc, char** argv) {
   });
   try {
     client->Connected();
-    ending = Run(*client, options, options.quiet ? nullptr : &status, receiverDone);
+    ending = Run(*client, options, *stats, monitor, receiverDone);
   } catch (const std::exception& e) {
-    status.Close();
+    monitor.Close();
     std::cerr << "game-client: " << e.what() << std::endl;
     ending = {"failure", kFailed};
   }
@@ -252,6 +269,7 @@ int main(int argc, char** argv) {
   identity.admin = client::Client::IsAdmin();
   identity.ending = ending.text;
   gameclient::Figures figures = gameclient::Measure(*client);
+  monitor.Finish(*client);
   client.reset();
   try {
     Game::RunSynchronized();
@@ -270,8 +288,7 @@ int main(int argc, char** argv) {
     }
   }
   if (!options.quiet) {
-    status.Close();
-    std::cerr << gameclient::SummaryText(figures, seconds, ending.text) << std::flush;
+    std::cerr << gameclient::SummaryText(figures, seconds, ending.text, *stats) << std::flush;
   }
   return failed || ending.status != 0 ? kFailed : 0;
 }

@@ -124,10 +124,14 @@ struct GameServer::Client {
   std::mutex outMutex;
   wire::Bytes outbox;
   std::mutex writeMutex;
+  // Counted where the sending happens, outside mutex_.
+  std::atomic<uint64_t> datagramsSent{0}, datagramBytesSent{0}, reliableSent{0}, tcpBytesSent{0};
 
-  void Queue(const wire::Bytes& bytes) {
+  // `bytes` holds `messages` whole messages.
+  void Queue(const wire::Bytes& bytes, uint64_t messages = 1) {
     std::lock_guard<std::mutex> lock(outMutex);
     outbox.insert(outbox.end(), bytes.begin(), bytes.end());
+    reliableSent += messages;
   }
 };
 
@@ -346,7 +350,7 @@ bool GameServer::Handshake(const std::shared_ptr<Client>& client) {
     wire::WriteWorld(out, options_.world);
     wire::WriteAdminStatus(out, admin ? "admin" : "player", admin ? 1 : 0);
     scene_.WriteCreates(out);
-    c.Queue(wire::BytesOf(out));
+    c.Queue(wire::BytesOf(out), 3 + scene_.Entities().size());
 
     active_[c.playerId] = client;
     history_.push_back(client);
@@ -432,18 +436,19 @@ void GameServer::Deliver(Client& c) {
   try {
     c.tcp->Write(bytes.data(), bytes.size());
     c.tcp->Flush();
+    c.tcpBytesSent += bytes.size();
   } catch (const std::exception&) {
     // The reader thread sees the shut connection and drops the client.
     c.tcp->Shutdown();
   }
 }
 
-void GameServer::Broadcast(const wire::Bytes& bytes) {
+void GameServer::Broadcast(const wire::Bytes& bytes, uint64_t messages) {
   std::vector<std::shared_ptr<Client>> recipients;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     for (auto& [id, client] : active_) {
-      client->Queue(bytes);
+      client->Queue(bytes, messages);
       recipients.push_back(client);
     }
   }
@@ -464,6 +469,7 @@ void GameServer::OnDatagram(const orvex::net::UdpSocket& socket, const uint8_t* 
   const std::string address = socket.GetIncomingAddress();
   const uint16_t port = socket.GetIncomingPort();
   std::vector<wire::Bytes> echoes;
+  std::shared_ptr<Client> sender;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = active_.find(datagram->playerId);
@@ -473,7 +479,8 @@ void GameServer::OnDatagram(const orvex::net::UdpSocket& socket, const uint8_t* 
       ++counters_->datagramsRejected;
       return;
     }
-    Client& c = *it->second;
+    sender = it->second;
+    Client& c = *sender;
     c.datagramAddress = address;
     c.datagramPort = port;
     c.lastHeardMs = NowMs();
@@ -487,16 +494,19 @@ void GameServer::OnDatagram(const orvex::net::UdpSocket& socket, const uint8_t* 
       }
     }
   }
-  for (const wire::Bytes& echo : echoes) SendDatagram(address, port, echo);
+  for (const wire::Bytes& echo : echoes) SendDatagram(*sender, address, port, echo);
 }
 
-void GameServer::SendDatagram(const std::string& address, uint16_t port, const wire::Bytes& bytes) {
+void GameServer::SendDatagram(Client& client, const std::string& address, uint16_t port,
+                              const wire::Bytes& bytes) {
   std::lock_guard<std::mutex> lock(udpMutex_);
   try {
     udp_->SetDestination(address, port);
     udp_->Write(bytes.data(), bytes.size());
     udp_->Flush();
     ++counters_->datagramsOut;
+    ++client.datagramsSent;
+    client.datagramBytesSent += bytes.size();
   } catch (const std::exception& e) {
     Log("datagram to " + address + ": " + e.what());
   }
@@ -529,6 +539,7 @@ void GameServer::SimulationLoop() {
 
 void GameServer::Tick(uint64_t tick, double t) {
   struct Destination {
+    std::shared_ptr<Client> client;
     std::string address;
     uint16_t port;
   };
@@ -540,6 +551,7 @@ void GameServer::Tick(uint64_t tick, double t) {
     orvex::filesystem::Stream out;
     const bool frozen = options_.freezeAfter > 0 && t >= options_.freezeAfter;
     const SceneChanges changes = frozen ? SceneChanges{} : scene_.Step(t, out);
+    const uint64_t messages = changes.creates + changes.updates + changes.moves + changes.destroys;
     counters_->creates += changes.creates;
     counters_->updates += changes.updates;
     counters_->moves += changes.moves;
@@ -548,7 +560,7 @@ void GameServer::Tick(uint64_t tick, double t) {
     const int64_t now = NowMs();
     for (auto& [id, client] : active_) {
       if (!broadcast.empty()) {
-        client->Queue(broadcast);
+        client->Queue(broadcast, messages);
         recipients.push_back(client);
       }
       if (client->dropReason.empty() && now - client->lastHeardMs > options_.clientTimeoutMs) {
@@ -559,7 +571,7 @@ void GameServer::Tick(uint64_t tick, double t) {
         silent.push_back(client);
       }
       if (client->datagramPort != 0) {
-        destinations.push_back({client->datagramAddress, client->datagramPort});
+        destinations.push_back({client, client->datagramAddress, client->datagramPort});
       }
     }
     for (auto& client : connections_) {
@@ -604,7 +616,9 @@ void GameServer::Tick(uint64_t tick, double t) {
   }
   for (auto& client : unfinished) Close(*client);
   for (const Destination& d : destinations) {
-    for (const wire::Bytes& datagram : datagrams) SendDatagram(d.address, d.port, datagram);
+    for (const wire::Bytes& datagram : datagrams) {
+      SendDatagram(*d.client, d.address, d.port, datagram);
+    }
   }
   if (!options_.quiet && NowMs() - lastStatusMs_ >= kStatusEveryMs) {
     lastStatusMs_ = NowMs();
@@ -666,6 +680,10 @@ ClientInfo GameServer::InfoOf(const Client& c) const {
   info.lastActionPayload = c.lastActionPayload;
   info.moduleMessages = c.moduleMessages;
   info.moduleDatagrams = c.moduleDatagrams;
+  info.datagramsSent = c.datagramsSent;
+  info.datagramBytesSent = c.datagramBytesSent;
+  info.reliableSent = c.reliableSent;
+  info.tcpBytesSent = c.tcpBytesSent;
   return info;
 }
 
@@ -704,7 +722,11 @@ std::string GameServer::StateJson() const {
                        {"lastActionEntity", c.lastActionEntity.ToString()},
                        {"lastActionPayload", Hex(c.lastActionPayload, SIZE_MAX)},
                        {"moduleMessages", c.moduleMessages},
-                       {"moduleDatagrams", c.moduleDatagrams}});
+                       {"moduleDatagrams", c.moduleDatagrams},
+                       {"datagramsSent", c.datagramsSent},
+                       {"datagramBytesSent", c.datagramBytesSent},
+                       {"reliableSent", c.reliableSent},
+                       {"tcpBytesSent", c.tcpBytesSent}});
   }
   const Counters n = GetCounters();
   json counters = {{"clientsAccepted", n.clientsAccepted},
