@@ -154,10 +154,12 @@ TEST(ToolsCommandLine, VersionAndBadArguments) {
       {"game-client", {"--environment", "-1,2"}, ""},
       {"game-client", {"--simulate", "loss=lots"}, ""},
       {"game-client", {"--dump", "/nonexistent/d"}, "/nonexistent/d" + gone},
+      {"game-client", {"--stats", "/nonexistent/c"}, "/nonexistent/c" + gone},
       {"game-server", {"--mods", "3d_x"}, ""},
       {"game-server", {"--nonsense"}, ""},
       {"game-server", {"--simulate", "loss=lots", "--port", "0", "--quiet"}, ""},
       {"game-server", {"--final-state", "/nonexistent/s"}, "/nonexistent/s" + gone},
+      {"game-server", {"--stats", "/nonexistent/t"}, "/nonexistent/t" + gone},
       {"replica-svg", {"only-one-argument"}, ""},
   };
   for (const auto& row : rows) {
@@ -167,6 +169,44 @@ TEST(ToolsCommandLine, VersionAndBadArguments) {
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
     EXPECT_NE(err.find(row.says), std::string::npos) << err;
   }
+}
+
+// Both tools' --stats: JSON lines with the documented keys; what the client took in and what
+// its simulator dropped (less the copies it added) is what the server says it sent.
+TEST(ToolsStats, ClientLossAgreesWithItsSimulatorAndTheServersSentCounts) {
+  testlib::ScratchDir dir;
+  ChildProcess server(testlib::ToolPath("game-server"),
+                      {"--port", "0", "--quiet", "--seconds", "4", "--stats", dir / "server"}, dir,
+                      "server");
+  ASSERT_TRUE(testlib::WaitUntil([&] { return server.Stdout().find('\n') != std::string::npos; }));
+  ChildProcess client(testlib::ToolPath("game-client"),
+                      {"--port", testlib::Lines(server.Stdout())[0], "--quiet", "--stats",
+                       dir / "client", "--simulate", "loss=20%,dup=5%,seed=9"},
+                      dir, "client");
+  ASSERT_EQ(server.Wait(), 0) << server.Stderr();
+  ASSERT_EQ(client.Wait(), 0) << client.Stderr();
+  uint64_t in = 0, dropped = 0, added = 0, reliable = 0;
+  const auto lines = testlib::Lines(testlib::ReadFile(dir / "client"));
+  ASSERT_GE(lines.size(), 3u);
+  for (const std::string& text : lines) {
+    const json line = json::parse(text);
+    for (const char* key :
+         {"t", "seconds", "in", "out", "state", "tcp", "ticks", "stale", "droppedOther", "jitterMs",
+          "lateMs", "applyWaitMs", "frameMs", "frames", "entities", "silentMs", "simulator"}) {
+      EXPECT_TRUE(line.contains(key)) << key << " in " << text;
+    }
+    in += line["in"]["datagrams"].get<uint64_t>();
+    dropped += line["simulator"]["in"]["dropped"].get<uint64_t>();
+    added += line["simulator"]["in"]["duplicated"].get<uint64_t>();
+    reliable += line["tcp"]["reliable"].get<uint64_t>();
+  }
+  const json sent = json::parse(testlib::Lines(testlib::ReadFile(dir / "server")).back());
+  ASSERT_EQ(sent["clients"].size(), 1u);
+  const json& total = sent["clients"][0]["total"];
+  EXPECT_EQ(in + dropped - added, total["datagrams"].get<uint64_t>());
+  EXPECT_NEAR(double(dropped) / double(total["datagrams"]), 0.2, 0.1);
+  // The welcome is part of the handshake, which the module does not count.
+  EXPECT_EQ(reliable + 1, total["reliable"].get<uint64_t>());
 }
 
 wire::EntityCreate Create(const wire::Id& id, const char* module, const char* text,
