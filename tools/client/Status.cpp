@@ -11,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "client/Client.h"
+#include "common/Log.h"
 #include "game/Networking.h"
 #include "game/entity/ClientSideEntity.h"
 
@@ -74,13 +75,13 @@ std::string SummaryText(const Figures& f, double seconds, const std::string& end
   const uint64_t other =
       f.reliable - f.creates - f.updates - f.moves - f.destroys - f.moduleMessages;
   const Second::Ticks t = stats.TransformTotals(), p = stats.PhysicsTotals();
-  return "game-client: the run ended (" + ending + ") after " + duration + " s\n" +
-         "  replica:    " + std::to_string(f.entities) + " entities\n" +
-         "  datagrams:  " + std::to_string(f.accepted) + " accepted, " + rate + " per second\n" +
-         "  dropped:    short " + std::to_string(f.droppedShort) + ", wrong magic " +
-         std::to_string(f.droppedMagic) + ", wrong sender " + std::to_string(f.droppedSender) +
-         ", stale " + std::to_string(f.droppedStale) + ", foreign " +
-         std::to_string(f.droppedForeign) + "\n" + "  ticks:      missed " +
+  return tools::LogHead("game-client", tools::Level::kInfo) + "the run ended (" + ending +
+         ") after " + duration + " s\n" + "  replica:    " + std::to_string(f.entities) +
+         " entities\n" + "  datagrams:  " + std::to_string(f.accepted) + " accepted, " + rate +
+         " per second\n" + "  dropped:    short " + std::to_string(f.droppedShort) +
+         ", wrong magic " + std::to_string(f.droppedMagic) + ", wrong sender " +
+         std::to_string(f.droppedSender) + ", stale " + std::to_string(f.droppedStale) +
+         ", foreign " + std::to_string(f.droppedForeign) + "\n" + "  ticks:      missed " +
          std::to_string(t.missed) + " transforms, " + std::to_string(p.missed) + " physics; late " +
          std::to_string(t.late + p.late) + "; jitter " + jitter + " ms\n" +
          "  reliable:   " + std::to_string(f.reliable) + " messages (create " +
@@ -90,7 +91,7 @@ std::string SummaryText(const Figures& f, double seconds, const std::string& end
          "  bytes:      in " + Size(f.bytesIn) + ", out " + Size(f.bytesOut) + "\n";
 }
 
-std::string StatusText(const Second& s, size_t width) {
+std::string StatusText(const Second& s, size_t width, const std::string& head) {
   const double per = s.seconds > 0 ? 1.0 / s.seconds : 0.0;
   auto rate = [per](uint64_t n) { return static_cast<double>(n) * per; };
   char text[96];
@@ -119,9 +120,9 @@ std::string StatusText(const Second& s, size_t width) {
                       rate(s.simulatorIn.dropped + s.simulatorOut.dropped),
                       rate(s.simulatorIn.duplicated + s.simulatorOut.duplicated)));
   }
-  std::string line = "game-client:";
-  for (const std::string& item : items) {
-    const std::string next = line + (line.back() == ':' ? " " : " | ") + item;
+  std::string line = head;
+  for (size_t i = 0; i < items.size(); ++i) {
+    const std::string next = line + (i == 0 ? "" : " | ") + items[i];
     if (next.size() > width) break;
     line = next;
   }
@@ -166,14 +167,15 @@ void Monitor::Show(Clock::time_point now) {
   Second shown = last_;
   shown.silentMs = stats_->SilentMs(now);
   if (!terminal_) {
-    *status_ << StatusText(shown, SIZE_MAX) << std::endl;
+    *status_ << StatusText(shown, SIZE_MAX, tools::LogHead("game-client", tools::Level::kInfo))
+             << std::endl;
     return;
   }
   winsize size{};
   const size_t columns =
       ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
   // One column short of the width: a line that fills it wraps on some terminals.
-  *status_ << '\r' << StatusText(shown, columns - 1) << "\x1b[K" << std::flush;
+  *status_ << '\r' << StatusText(shown, columns - 1, "game-client: ") << "\x1b[K" << std::flush;
   open_ = true;
 }
 

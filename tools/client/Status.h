@@ -38,9 +38,9 @@ uint64_t ReplicaSize();
 std::string SummaryText(const Figures& figures, double seconds, const std::string& ending,
                         const NetworkStats& stats);
 
-// The status line of one interval, cut to `width` columns (whole items only): rates, not
-// totals, and a warning first when nothing arrived for more than a second.
-std::string StatusText(const Second& second, size_t width);
+// The status line of one interval after `head`, cut to `width` columns (whole items only):
+// rates, not totals, and a warning first when nothing arrived for more than a second.
+std::string StatusText(const Second& second, size_t width, const std::string& head);
 
 // The game thread's view of the figures: takes an interval's figures every second, writes
 // them as one JSON line to the stats stream (if any) and shows the status line (if any): on

@@ -29,6 +29,7 @@
 #include "client/Sandbox.h"
 #include "client/Stats.h"
 #include "client/Status.h"
+#include "common/Log.h"
 #include "common/OutputFile.h"
 #include "game/Networking.h"
 #include "orvex/net/Socket.h"
@@ -224,8 +225,8 @@ int main(int argc, char** argv) {
                                               options.token, options.password);
   } catch (const std::exception& e) {
     if (!options.quiet) {
-      std::cerr << "game-client: could not join " << options.host << " port " << options.port << ":"
-                << std::endl;
+      std::cerr << tools::LogHead("game-client", tools::Level::kError) << "could not join "
+                << options.host << " port " << options.port << ":" << std::endl;
     }
     std::cerr << e.what() << std::endl;
     return kConstructorFailed;
@@ -236,7 +237,10 @@ int main(int argc, char** argv) {
     try {
       sandbox::Load(name);
     } catch (const std::invalid_argument& e) {
-      if (!options.quiet) std::cerr << "game-client: mod not loaded: " << e.what() << std::endl;
+      if (!options.quiet) {
+        std::cerr << tools::LogHead("game-client", tools::Level::kWarning)
+                  << "mod not loaded: " << e.what() << std::endl;
+      }
     }
   }
 
@@ -255,7 +259,7 @@ int main(int argc, char** argv) {
     ending = Run(*client, options, *stats, monitor, receiverDone);
   } catch (const std::exception& e) {
     monitor.Close();
-    std::cerr << "game-client: " << e.what() << std::endl;
+    std::cerr << tools::LogHead("game-client", tools::Level::kError) << e.what() << std::endl;
     ending = {"failure", kFailed};
   }
   const double seconds =
@@ -274,7 +278,7 @@ int main(int argc, char** argv) {
   try {
     Game::RunSynchronized();
   } catch (const std::exception& e) {
-    std::cerr << "game-client: " << e.what() << std::endl;
+    std::cerr << tools::LogHead("game-client", tools::Level::kError) << e.what() << std::endl;
     failed = true;
   }
   figures.entities = gameclient::ReplicaSize();
@@ -283,7 +287,7 @@ int main(int argc, char** argv) {
     try {
       gameclient::WriteDumpFile(options.dump, identity);
     } catch (const std::exception& e) {
-      std::cerr << "game-client: " << e.what() << std::endl;
+      std::cerr << tools::LogHead("game-client", tools::Level::kError) << e.what() << std::endl;
       failed = true;
     }
   }

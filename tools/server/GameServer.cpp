@@ -14,6 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/Log.h"
 #include "common/OutputFile.h"
 #include "game/Networking.h"
 #include "orvex/net/Socket.h"
@@ -763,7 +764,7 @@ void GameServer::WriteState(const std::string& path) const {
 void GameServer::Log(const std::string& line) const {
   if (options_.quiet) return;
   std::lock_guard<std::mutex> lock(logMutex_);
-  std::cerr << "game-server: " << line << std::endl;
+  std::cerr << tools::LogHead("game-server", tools::Level::kInfo) << line << std::endl;
 }
 
 void GameServer::LogStatus() {

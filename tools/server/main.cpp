@@ -14,6 +14,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "common/Log.h"
 #include "common/OutputFile.h"
 #include "server/GameServer.h"
 #include "server/Stats.h"
@@ -144,14 +145,15 @@ int main(int argc, char** argv) {
     if (!finalState.empty()) server.WriteState(finalState);
     if (!quiet) {
       const gameserver::Counters n = server.GetCounters();
-      std::cerr << "game-server: " << n.clientsAccepted << " clients, " << n.ticks << " ticks, "
-                << n.datagramsOut << " datagrams out, " << n.entityActions << " entity actions, "
-                << n.moduleMessages + n.moduleDatagrams << " module messages" << std::endl;
+      std::cerr << tools::LogHead("game-server", tools::Level::kInfo) << n.clientsAccepted
+                << " clients, " << n.ticks << " ticks, " << n.datagramsOut << " datagrams out, "
+                << n.entityActions << " entity actions, " << n.moduleMessages + n.moduleDatagrams
+                << " module messages" << std::endl;
     }
   } catch (const std::invalid_argument& e) {
     return Usage(e.what());
   } catch (const std::exception& e) {
-    std::cerr << "game-server: " << e.what() << std::endl;
+    std::cerr << tools::LogHead("game-server", tools::Level::kError) << e.what() << std::endl;
     return 1;
   }
   return 0;
