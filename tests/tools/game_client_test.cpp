@@ -259,31 +259,32 @@ TEST_F(GameClientTest, DumpHoldsTheGameStateAndOnlyTheLiveEntities) {
 
 TEST_F(GameClientTest, ReplicaSvgPlacesRidersAlongTheirParentsRotation) {
   const json one = {1.0, 0.0, 0.0, 0.0}, quarter = {std::sqrt(0.5), 0.0, 0.0, std::sqrt(0.5)};
-  auto entity = [](const char* word1, const char* parent, json x, json turn) {
-    return json{{"id", {"1", word1}},  {"parent", {"1", parent}}, {"position", {x, 0.0, 0.0}},
-                {"orientation", turn}, {"module", kSandbox},      {"text", "ship"},
+  auto entity = [](std::string id, std::string parent, json x, json turn) {
+    return json{{"id", "ENTY" + id},         {"parent", parent.empty() ? "" : "ENTY" + parent},
+                {"position", {x, 0.0, 0.0}}, {"orientation", turn},
+                {"module", kSandbox},        {"text", "ship"},
                 {"serverDriven", true}};
   };
   std::ofstream(dir / "in.json") << json{
       {"world", "w"},
       {"entities",
-       {entity("1", "0", 10.0, quarter), entity("2", "1", 1.0, one), entity("3", "99", -10.0, one),
-        entity("4", "0", "nan", one)}}}.dump();
+       {entity("1", "", 10.0, quarter), entity("2", "1", 1.0, one), entity("3", "99", -10.0, one),
+        entity("4", "", "nan", one)}}}.dump();
   ChildProcess tool(testlib::ToolPath("replica-svg"), {dir / "in.json", dir / "out.svg"}, dir);
   ASSERT_EQ(tool.Wait(), 0) << tool.Stderr();
   EXPECT_NE(tool.Stdout().find("1 with a parent outside the replica"), std::string::npos);
   const std::string svg = testlib::ReadFile(dir / "out.svg");
   std::map<std::string, std::pair<double, double>> at;
   const std::regex circle(
-      R"re(<circle cx="([-0-9.]+)" cy="([-0-9.]+)"[^>]*><title>[^<]* (\d+:\d+)<)re");
+      R"re(<circle cx="([-0-9.]+)" cy="([-0-9.]+)"[^>]*><title>[^<]* (ENTY\d)<)re");
   for (std::sregex_iterator it(svg.begin(), svg.end(), circle), end; it != end; ++it)
     at[(*it)[3]] = {std::stod((*it)[1]), std::stod((*it)[2])};
   // The rider's offset turned a quarter: above its parent (y grows down); the orphan stays
   // left of both, not joined by a line; the non-finite one is not drawn.
   ASSERT_EQ(at.size(), 3u) << svg;
-  EXPECT_NEAR(at["1:2"].first, at["1:1"].first, 0.01);
-  EXPECT_LT(at["1:2"].second, at["1:1"].second);
-  EXPECT_LT(at["1:3"].first, at["1:1"].first);
+  EXPECT_NEAR(at["ENTY2"].first, at["ENTY1"].first, 0.01);
+  EXPECT_LT(at["ENTY2"].second, at["ENTY1"].second);
+  EXPECT_LT(at["ENTY3"].first, at["ENTY1"].first);
   EXPECT_TRUE(svg.find("<line ") != std::string::npos && svg.find("<line ") == svg.rfind("<line "));
 }
 

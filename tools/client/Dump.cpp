@@ -27,7 +27,7 @@ struct EntityView {
 
 using Json = nlohmann::ordered_json;
 
-Json IdPair(const game::entity::Id& id) {
+Json Words(const game::entity::Id& id) {
   return Json::array({std::to_string(id.word0), std::to_string(id.word1)});
 }
 
@@ -62,8 +62,9 @@ Json EntityJson(const ClientSideEntity& e) {
     for (const sandbox::Bytes& sync : sandboxInterface->Syncs()) syncs.push_back(Hex(sync));
     syncsLeftOut = sandboxInterface->SyncsLeftOut();
   }
-  return Json{{"id", IdPair(e.id)},
-              {"parent", IdPair(e.parentId)},
+  return Json{{"id", e.id.ToString()},
+              {"words", Words(e.id)},
+              {"parent", e.parentId.Load().ToString()},
               {"module", e.moduleId.String()},
               {"text", e.text},
               {"position", Vec3(e.position)},

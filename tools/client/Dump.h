@@ -3,7 +3,8 @@
 // One object, keys in this order: "playerId" (decimal string), "username", "admin",
 // "error", "ending", "world", "mode", "mods", "timestamp", "config", "entities" (sorted by id word
 // 0, then word 1), "moduleMessages" (the newest kept, arrival order) and
-// "moduleMessagesLeftOut". Ids are [word0, word1] as decimal strings,
+// "moduleMessagesLeftOut". Ids are the unique identifier's text form (empty for none), and
+// an entity's own id also [word0, word1] as decimal strings;
 // byte strings are lower-case hex, vectors [x, y, z], quaternions [w, x, y, z]. Doubles are the
 // shortest text that reads back bit-exact, always with a '.' or an exponent (-0.0 included);
 // non-finite ones are the strings "inf", "-inf", "nan". See docs/game-client.md.

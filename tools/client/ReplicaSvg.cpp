@@ -43,7 +43,7 @@ const char* const kPalette[] = {"#1f77b4", "#d62728", "#2ca02c", "#ff7f0e",
                                 "#9467bd", "#8c564b", "#e377c2", "#17becf"};
 
 struct Entity {
-  std::string id, parent;  // "word0:word1" (the dump) or the id's text form (the server)
+  std::string id, parent;  // the ids' text form; parent empty when none
   std::string module, text;
   bool serverDriven = false;
   glm::dmat4 local{1.0};
@@ -63,23 +63,15 @@ double Number(const json& value) {
   throw std::runtime_error("not a number: " + value.dump());
 }
 
-std::string IdText(const json& pair) {
-  const std::string word0 = pair.at(0).get<std::string>();
-  const std::string word1 = pair.at(1).get<std::string>();
-  if (word0 == "0" || word1 == "0") return "";
-  return word0 + ":" + word1;
-}
-
 // An entity of the dump, at its target when it has one; or of the server's final state
-// (ids as text, no targets).
+// (no targets, every entity server-driven).
 Entity Parse(const json& e) {
   Entity entity;
-  const bool server = e.at("id").is_string();
-  entity.id = server ? e["id"].get<std::string>() : IdText(e.at("id"));
-  entity.parent = server ? e.at("parent").get<std::string>() : IdText(e.at("parent"));
+  entity.id = e.at("id").get<std::string>();
+  entity.parent = e.at("parent").get<std::string>();
   entity.module = e.at("module").get<std::string>();
   entity.text = e.at("text").get<std::string>();
-  entity.serverDriven = server || e.at("serverDriven").get<bool>();
+  entity.serverDriven = e.value("serverDriven", true);
   const bool target = e.value("hasTarget", false) && e.contains("targetPosition");
   const json& p = e.at(target ? "targetPosition" : "position");
   const json& q = e.at(target ? "targetOrientation" : "orientation");
@@ -202,16 +194,15 @@ int Draw(const std::string& dumpPath, const std::string& svgPath, const std::str
   // Axes through the environment's origin when it is in view, else along the edges.
   const double axisY = std::clamp(kSize / 2 + centreY * scale, kMargin / 2, kSize - kMargin / 2);
   const double axisX = std::clamp(kSize / 2 - centreX * scale, kMargin / 2, kSize - kMargin / 2);
-  svg << "<line x1=\"" << kMargin / 2 << "\" y1=\"" << Format(axisY) << "\" x2=\""
-      << kSize - kMargin / 2 << "\" y2=\"" << Format(axisY) << "\"/>\n";
-  svg << "<line x1=\"" << Format(axisX) << "\" y1=\"" << kMargin / 2 << "\" x2=\"" << Format(axisX)
-      << "\" y2=\"" << kSize - kMargin / 2 << "\"/>\n";
+  // Axes and the scale bar are paths, so that lines are parent links only.
+  svg << "<path d=\"M" << kMargin / 2 << " " << Format(axisY) << " H" << kSize - kMargin / 2 << " M"
+      << Format(axisX) << " " << kMargin / 2 << " V" << kSize - kMargin / 2 << "\"/>\n";
   svg << "<text stroke=\"none\" x=\"" << kSize - kMargin / 2 - 10 << "\" y=\"" << Format(axisY - 4)
       << "\">x</text>\n<text stroke=\"none\" x=\"" << Format(axisX + 4) << "\" y=\""
       << kMargin / 2 + 10 << "\">y</text>\n";
   const double bar = RoundLength(span / 5);
-  svg << "<line stroke=\"#333333\" stroke-width=\"2\" x1=\"" << kMargin << "\" y1=\"" << kSize - 12
-      << "\" x2=\"" << Format(kMargin + bar * scale) << "\" y2=\"" << kSize - 12 << "\"/>\n";
+  svg << "<path stroke=\"#333333\" stroke-width=\"2\" d=\"M" << kMargin << " " << kSize - 12 << " H"
+      << Format(kMargin + bar * scale) << "\"/>\n";
   svg << "<text stroke=\"none\" x=\"" << kMargin << "\" y=\"" << kSize - 18 << "\">" << bar
       << " units</text>\n";
   // The legend: a swatch per module, the fill rule, the server's rings.
