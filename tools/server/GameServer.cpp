@@ -267,7 +267,10 @@ void GameServer::AcceptLoop() {
     auto client = std::make_shared<Client>();
     client->tcp = std::move(tcp);
     client->address = client->tcp->GetRemoteAddress();
-    client->helloDeadlineMs = NowMs() + options_.helloTimeoutMs;
+    // The handshake refuses a silent connection itself at helloTimeoutMs; the tick closes
+    // one that is still unfinished a second later (a hello stuck in its reads), so that it
+    // never cuts the refusal short.
+    client->helloDeadlineMs = NowMs() + options_.helloTimeoutMs + 1000;
     std::lock_guard<std::mutex> lock(mutex_);
     connections_.push_back(client);
     client->thread = std::thread([this, client] { Serve(client); });
