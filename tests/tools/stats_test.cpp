@@ -1,10 +1,12 @@
-// game-client's network figures: missed, late and repeated ticks, jitter, interval edges.
+// game-client's network figures: missed, late and repeated ticks, jitter, interval edges,
+// the status line's fit.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <vector>
 
 #include "client/Stats.h"
+#include "client/Status.h"
 #include "game/Networking.h"
 
 namespace {
@@ -48,6 +50,22 @@ TEST(Jitter, FollowsTransitChangesAndLatenessIsAboveTheBestTransit) {
     if (i > 0) expected += (0.010 - expected) / 16;
   }
   EXPECT_NEAR(wobbly.Seconds(), expected, 1e-9);
+}
+
+TEST(StatusText, FitsTheWidthWithWholeItemsAndWarnsFirstOfSilence) {
+  gameclient::Second s;
+  s.seconds = 0.5;
+  s.in = {20, 8000};
+  s.entities = 16;
+  const std::string quiet = gameclient::StatusText(s, 80, "game-client: ");
+  EXPECT_EQ(quiet.substr(0, 53), "game-client: 16 entities | in 40/s 16.0 kB/s | missed");
+  s.silentMs = 2500;
+  for (size_t width : {30, 47, 80, 200}) {
+    const std::string line = gameclient::StatusText(s, width, "game-client: ");
+    EXPECT_LE(line.size(), width);
+    EXPECT_EQ(line.rfind("game-client: NOTHING FOR 2.5 s", 0), 0u) << line;
+    EXPECT_NE(line.back(), ' ') << line;
+  }
 }
 
 std::vector<unsigned char> StateDatagram(uint8_t code, double serverTime, uint64_t sequence) {

@@ -784,7 +784,9 @@ void GameServer::LogStatus() {
     if (!c.connected) continue;
     Log("  " + c.username + ": " + std::to_string(c.entityActions) + " entity actions (last " +
         Hex(c.lastActionPayload) + "), " + std::to_string(c.moduleMessages) + " module messages, " +
-        std::to_string(c.moduleDatagrams) + " module datagrams");
+        std::to_string(c.moduleDatagrams) + " module datagrams; sent " +
+        std::to_string(c.datagramsSent) + " datagrams, " + std::to_string(c.reliableSent) +
+        " reliable messages");
   }
 }
 
