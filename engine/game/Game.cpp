@@ -29,6 +29,7 @@ struct WorkQueue {
     std::function<void()> work;  // empty once dropped
     size_t bytes = 0;            // 0: never dropped
     uint64_t ticket = 0;         // queuing order, to tell work queued during a run
+    std::chrono::steady_clock::time_point queued;
   };
   std::mutex mutex;
   std::vector<Item> ring;  // a power of two long once used
@@ -52,11 +53,12 @@ struct WorkQueue {
     ++live;
   }
 
-  // Removes the front item, moving its work to `work`.
-  void PopFront(std::function<void()>& work) {
+  // Removes the front item, moving its work to `work` and its queuing time to `queued`.
+  void PopFront(std::function<void()>& work, std::chrono::steady_clock::time_point* queued = nullptr) {
     Item& front = At(0);
     if (front.work) --live;
     work = std::move(front.work);
+    if (queued != nullptr) *queued = front.queued;
     droppableBytes -= front.bytes;
     front = Item{};
     head = (head + 1) & (ring.size() - 1);
@@ -95,7 +97,7 @@ void Enqueue(std::function<void()> work, size_t bytes) {
   WorkQueue& queue = Queue();
   {
     std::lock_guard<std::mutex> lock(queue.mutex);
-    queue.Push({std::move(work), bytes, queue.nextTicket++});
+    queue.Push({std::move(work), bytes, queue.nextTicket++, std::chrono::steady_clock::now()});
     queue.droppableBytes += bytes;
     queue.Trim(Game::synchronizeCap, dropped);
   }
@@ -134,7 +136,9 @@ size_t Game::RunSynchronized() {
   return RunSynchronized(std::chrono::steady_clock::duration::max());
 }
 
-size_t Game::RunSynchronized(std::chrono::steady_clock::duration budget) {
+size_t Game::RunSynchronized(
+    std::chrono::steady_clock::duration budget,
+    const std::function<void(std::chrono::steady_clock::duration)>& waited) {
   using Clock = std::chrono::steady_clock;
   const auto start = Clock::now();
   WorkQueue& queue = Queue();
@@ -148,13 +152,15 @@ size_t Game::RunSynchronized(std::chrono::steady_clock::duration budget) {
   size_t ran = 0;
   for (;;) {
     std::function<void()> work;
+    Clock::time_point queued;
     {
       std::lock_guard<std::mutex> lock(queue.mutex);
       while (queue.count > 0 && !queue.At(0).work) queue.PopFront(work);
       if (queue.count == 0 || queue.At(0).ticket >= end) break;
-      queue.PopFront(work);
+      queue.PopFront(work, &queued);
     }
     ++ran;
+    if (waited) waited(Clock::now() - queued);
     work();
     if (Clock::now() - start >= budget) break;
   }

@@ -36,6 +36,11 @@ thread_local const UdpSocket* tDeliveringSocket = nullptr;
 // The settings that new client-form sockets start with (SimulateNewClientSockets).
 std::mutex newClientSettingsMutex;
 std::string newClientSettings;
+std::shared_ptr<DatagramTap> newClientTap;
+
+DatagramTap::Simulated Totals(const SimulatedPath::Stats& stats) {
+  return {stats.dropped, stats.duplicated, stats.delayed, stats.reordered};
+}
 
 // Clears the datagram buffer however Flush leaves.
 struct ClearOnExit {
@@ -71,6 +76,7 @@ UdpSocket::UdpSocket(const std::string& host, uint16_t port, unsigned long buffe
   {
     std::lock_guard<std::mutex> lock(newClientSettingsMutex);
     settings = newClientSettings;
+    tap_ = newClientTap;
   }
   if (!settings.empty()) Simulate(settings);
 }
@@ -134,6 +140,7 @@ void UdpSocket::Flush() {
   auto toLength = static_cast<socklen_t>(destination_.size());
   if (simulator_ && simulator_->SimulatesOut()) {
     simulator_->Send(to, toLength, out_.data(), out_.size());
+    if (tap_) tap_->Simulation(false, Totals(simulator_->OutStats()));
   } else {
     SendDatagram(to, toLength, out_.data(), out_.size());
   }
@@ -147,6 +154,7 @@ void UdpSocket::SendDatagram(const void* to, unsigned int toLength, const unsign
     if (n >= 0) {
       datagramsOut_.fetch_add(1, std::memory_order_relaxed);
       bytesOut_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
+      if (tap_) tap_->Sent(static_cast<unsigned long>(n));
       return;
     }
     if (errno == EINTR) continue;
@@ -192,6 +200,11 @@ void UdpSocket::SimulateNewClientSockets(const std::string& settings) {
   if (!settings.empty()) SimulationSettings::Parse(settings);
   std::lock_guard<std::mutex> lock(newClientSettingsMutex);
   newClientSettings = settings;
+}
+
+void UdpSocket::TapNewClientSockets(std::shared_ptr<DatagramTap> tap) {
+  std::lock_guard<std::mutex> lock(newClientSettingsMutex);
+  newClientTap = std::move(tap);
 }
 
 void UdpSocket::Simulate(const std::string& settings) {
@@ -250,7 +263,10 @@ uint16_t UdpSocket::GetIncomingPort() const {
 }
 
 void UdpSocket::Deliver(const void* sender, unsigned int senderLength, const unsigned char* data,
-                        unsigned long size) {
+                        unsigned long size, std::chrono::steady_clock::time_point at) {
+  datagramsIn_.fetch_add(1, std::memory_order_relaxed);
+  bytesIn_.fetch_add(size, std::memory_order_relaxed);
+  if (tap_) tap_->Delivered(data, size, at);
   auto raw = static_cast<const unsigned char*>(sender);
   if (incomingRaw_.size() != senderLength ||
       std::memcmp(incomingRaw_.data(), raw, senderLength) != 0) {
@@ -295,7 +311,7 @@ void UdpSocket::DeliveryLoop() {
     if (simulated != nullptr) {
       HeldDatagram held;
       while (!stopping_.load(std::memory_order_relaxed) && simulated->PopDue(Clock::now(), held)) {
-        Deliver(&held.peer, held.peerLength, held.bytes.data(), held.bytes.size());
+        Deliver(&held.peer, held.peerLength, held.bytes.data(), held.bytes.size(), Clock::now());
       }
     }
     if (!(entries[0].revents & (POLLIN | POLLERR))) continue;
@@ -316,14 +332,14 @@ void UdpSocket::DeliveryLoop() {
       const msghdr& header = messages[i].msg_hdr;
       const unsigned char* data = batch.get() + i * kSlotSize;
       unsigned long size = messages[i].msg_len;
-      datagramsIn_.fetch_add(1, std::memory_order_relaxed);
-      bytesIn_.fetch_add(size, std::memory_order_relaxed);
-      int copies = simulated == nullptr
-                       ? 1
-                       : simulated->Admit(now, static_cast<const sockaddr*>(header.msg_name),
-                                          header.msg_namelen, data, size);
+      int copies = 1;
+      if (simulated != nullptr) {
+        copies = simulated->Admit(now, static_cast<const sockaddr*>(header.msg_name),
+                                  header.msg_namelen, data, size);
+        if (tap_) tap_->Simulation(true, Totals(simulated->GetStats()));
+      }
       for (int c = 0; c < copies && !stopping_.load(std::memory_order_relaxed); ++c) {
-        Deliver(header.msg_name, header.msg_namelen, data, size);
+        Deliver(header.msg_name, header.msg_namelen, data, size, now);
       }
     }
   }

@@ -53,7 +53,11 @@ class Game {
   static size_t RunSynchronized();
   // The same within a time budget: once `budget` has passed (after at least one
   // function), the rest keeps its place at the front of the queue for the next call.
-  static size_t RunSynchronized(std::chrono::steady_clock::duration budget);
+  // `waited`, when given, is told how long each function waited in the queue, just
+  // before it runs.
+  static size_t RunSynchronized(
+      std::chrono::steady_clock::duration budget,
+      const std::function<void(std::chrono::steady_clock::duration)>& waited = nullptr);
   struct SynchronizeCounts {
     size_t queued = 0;        // functions waiting now
     size_t queuedBytes = 0;   // bytes of droppable work waiting now

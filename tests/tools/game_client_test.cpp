@@ -154,10 +154,12 @@ TEST(ToolsCommandLine, VersionAndBadArguments) {
       {"game-client", {"--environment", "-1,2"}, ""},
       {"game-client", {"--simulate", "loss=lots"}, ""},
       {"game-client", {"--dump", "/nonexistent/d"}, "/nonexistent/d" + gone},
+      {"game-client", {"--stats", "/nonexistent/c"}, "/nonexistent/c" + gone},
       {"game-server", {"--mods", "3d_x"}, ""},
       {"game-server", {"--nonsense"}, ""},
       {"game-server", {"--simulate", "loss=lots", "--port", "0", "--quiet"}, ""},
       {"game-server", {"--final-state", "/nonexistent/s"}, "/nonexistent/s" + gone},
+      {"game-server", {"--stats", "/nonexistent/t"}, "/nonexistent/t" + gone},
       {"replica-svg", {"only-one-argument"}, ""},
   };
   for (const auto& row : rows) {
@@ -167,6 +169,44 @@ TEST(ToolsCommandLine, VersionAndBadArguments) {
     EXPECT_EQ(std::count(err.begin(), err.end(), '\n'), 1) << err;
     EXPECT_NE(err.find(row.says), std::string::npos) << err;
   }
+}
+
+// Both tools' --stats: JSON lines with the documented keys; what the client took in and what
+// its simulator dropped (less the copies it added) is what the server says it sent.
+TEST(ToolsStats, ClientLossAgreesWithItsSimulatorAndTheServersSentCounts) {
+  testlib::ScratchDir dir;
+  ChildProcess server(testlib::ToolPath("game-server"),
+                      {"--port", "0", "--quiet", "--seconds", "4", "--stats", dir / "server"}, dir,
+                      "server");
+  ASSERT_TRUE(testlib::WaitUntil([&] { return server.Stdout().find('\n') != std::string::npos; }));
+  ChildProcess client(testlib::ToolPath("game-client"),
+                      {"--port", testlib::Lines(server.Stdout())[0], "--quiet", "--stats",
+                       dir / "client", "--simulate", "loss=20%,dup=5%,seed=9"},
+                      dir, "client");
+  ASSERT_EQ(server.Wait(), 0) << server.Stderr();
+  ASSERT_EQ(client.Wait(), 0) << client.Stderr();
+  uint64_t in = 0, dropped = 0, added = 0, reliable = 0;
+  const auto lines = testlib::Lines(testlib::ReadFile(dir / "client"));
+  ASSERT_GE(lines.size(), 3u);
+  for (const std::string& text : lines) {
+    const json line = json::parse(text);
+    for (const char* key :
+         {"t", "seconds", "in", "out", "state", "tcp", "ticks", "stale", "droppedOther", "jitterMs",
+          "lateMs", "applyWaitMs", "frameMs", "frames", "entities", "silentMs", "simulator"}) {
+      EXPECT_TRUE(line.contains(key)) << key << " in " << text;
+    }
+    in += line["in"]["datagrams"].get<uint64_t>();
+    dropped += line["simulator"]["in"]["dropped"].get<uint64_t>();
+    added += line["simulator"]["in"]["duplicated"].get<uint64_t>();
+    reliable += line["tcp"]["reliable"].get<uint64_t>();
+  }
+  const json sent = json::parse(testlib::Lines(testlib::ReadFile(dir / "server")).back());
+  ASSERT_EQ(sent["clients"].size(), 1u);
+  const json& total = sent["clients"][0]["total"];
+  EXPECT_EQ(in + dropped - added, total["datagrams"].get<uint64_t>());
+  EXPECT_NEAR(double(dropped) / double(total["datagrams"]), 0.2, 0.1);
+  // The welcome is part of the handshake, which the module does not count.
+  EXPECT_EQ(reliable + 1, total["reliable"].get<uint64_t>());
 }
 
 wire::EntityCreate Create(const wire::Id& id, const char* module, const char* text,
@@ -219,31 +259,32 @@ TEST_F(GameClientTest, DumpHoldsTheGameStateAndOnlyTheLiveEntities) {
 
 TEST_F(GameClientTest, ReplicaSvgPlacesRidersAlongTheirParentsRotation) {
   const json one = {1.0, 0.0, 0.0, 0.0}, quarter = {std::sqrt(0.5), 0.0, 0.0, std::sqrt(0.5)};
-  auto entity = [](const char* word1, const char* parent, json x, json turn) {
-    return json{{"id", {"1", word1}},  {"parent", {"1", parent}}, {"position", {x, 0.0, 0.0}},
-                {"orientation", turn}, {"module", kSandbox},      {"text", "ship"},
+  auto entity = [](std::string id, std::string parent, json x, json turn) {
+    return json{{"id", "ENTY" + id},         {"parent", parent.empty() ? "" : "ENTY" + parent},
+                {"position", {x, 0.0, 0.0}}, {"orientation", turn},
+                {"module", kSandbox},        {"text", "ship"},
                 {"serverDriven", true}};
   };
   std::ofstream(dir / "in.json") << json{
       {"world", "w"},
       {"entities",
-       {entity("1", "0", 10.0, quarter), entity("2", "1", 1.0, one), entity("3", "99", -10.0, one),
-        entity("4", "0", "nan", one)}}}.dump();
+       {entity("1", "", 10.0, quarter), entity("2", "1", 1.0, one), entity("3", "99", -10.0, one),
+        entity("4", "", "nan", one)}}}.dump();
   ChildProcess tool(testlib::ToolPath("replica-svg"), {dir / "in.json", dir / "out.svg"}, dir);
   ASSERT_EQ(tool.Wait(), 0) << tool.Stderr();
   EXPECT_NE(tool.Stdout().find("1 with a parent outside the replica"), std::string::npos);
   const std::string svg = testlib::ReadFile(dir / "out.svg");
   std::map<std::string, std::pair<double, double>> at;
   const std::regex circle(
-      R"re(<circle cx="([-0-9.]+)" cy="([-0-9.]+)"[^>]*><title>[^<]* (\d+:\d+)<)re");
+      R"re(<circle cx="([-0-9.]+)" cy="([-0-9.]+)"[^>]*><title>[^<]* (ENTY\d)<)re");
   for (std::sregex_iterator it(svg.begin(), svg.end(), circle), end; it != end; ++it)
     at[(*it)[3]] = {std::stod((*it)[1]), std::stod((*it)[2])};
   // The rider's offset turned a quarter: above its parent (y grows down); the orphan stays
   // left of both, not joined by a line; the non-finite one is not drawn.
   ASSERT_EQ(at.size(), 3u) << svg;
-  EXPECT_NEAR(at["1:2"].first, at["1:1"].first, 0.01);
-  EXPECT_LT(at["1:2"].second, at["1:1"].second);
-  EXPECT_LT(at["1:3"].first, at["1:1"].first);
+  EXPECT_NEAR(at["ENTY2"].first, at["ENTY1"].first, 0.01);
+  EXPECT_LT(at["ENTY2"].second, at["ENTY1"].second);
+  EXPECT_LT(at["ENTY3"].first, at["ENTY1"].first);
   EXPECT_TRUE(svg.find("<line ") != std::string::npos && svg.find("<line ") == svg.rfind("<line "));
 }
 

@@ -1,7 +1,6 @@
 #include "client/Dump.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cmath>
 #include <shared_mutex>
 #include <sstream>
@@ -26,21 +25,18 @@ struct EntityView {
   ClientSideEntity::Ptr entity;
 };
 
-std::string IdPair(const game::entity::Id& id) {
-  return "[\"" + std::to_string(id.word0) + "\", \"" + std::to_string(id.word1) + "\"]";
+using Json = nlohmann::ordered_json;
+
+Json Words(const game::entity::Id& id) {
+  return Json::array({std::to_string(id.word0), std::to_string(id.word1)});
 }
 
-std::string Vec3(const glm::dvec3& v) {
-  return "[" + JsonNumber(v.x) + ", " + JsonNumber(v.y) + ", " + JsonNumber(v.z) + "]";
+Json Vec3(const glm::dvec3& v) {
+  return Json::array({Number(v.x), Number(v.y), Number(v.z)});
 }
 
-std::string Quat(const game::entity::Orientation& q) {
-  return "[" + JsonNumber(q.w) + ", " + JsonNumber(q.x) + ", " + JsonNumber(q.y) + ", " +
-         JsonNumber(q.z) + "]";
-}
-
-const char* Bool(bool value) {
-  return value ? "true" : "false";
+Json Quat(const game::entity::Orientation& q) {
+  return Json::array({Number(q.w), Number(q.x), Number(q.y), Number(q.z)});
 }
 
 std::vector<EntityView> SortedEntities() {
@@ -58,30 +54,36 @@ std::vector<EntityView> SortedEntities() {
   return views;
 }
 
-void WriteEntity(std::ostream& out, const ClientSideEntity& e) {
+Json EntityJson(const ClientSideEntity& e) {
   const std::shared_ptr<ClientSideEntity::Interface> interface = e.interface;
-  std::vector<sandbox::Bytes> syncs;
+  Json syncs = Json::array();
   uint64_t syncsLeftOut = 0;
   if (auto sandboxInterface = std::dynamic_pointer_cast<sandbox::SandboxInterface>(interface)) {
-    syncs = sandboxInterface->Syncs();
+    for (const sandbox::Bytes& sync : sandboxInterface->Syncs()) syncs.push_back(Hex(sync));
     syncsLeftOut = sandboxInterface->SyncsLeftOut();
   }
-  out << "{\"id\": " << IdPair(e.id) << ", \"parent\": " << IdPair(e.parentId)
-      << ", \"module\": " << JsonString(e.moduleId.String()) << ", \"text\": " << JsonString(e.text)
-      << ", \"position\": " << Vec3(e.position)
-      << ", \"targetPosition\": " << Vec3(e.targetPosition)
-      << ", \"velocity\": " << Vec3(e.velocity) << ", \"physicsExtra\": " << Vec3(e.physicsExtra)
-      << ", \"orientation\": " << Quat(e.orientation)
-      << ", \"targetOrientation\": " << Quat(e.targetOrientation)
-      << ", \"updateRate\": " << JsonNumber(static_cast<float>(e.updateRate))
-      << ", \"smooth\": " << static_cast<unsigned>(e.smooth.Load())
-      << ", \"forceSnap\": " << static_cast<unsigned>(e.forceSnap.Load())
-      << ", \"serverDriven\": " << Bool(e.serverDriven) << ", \"hasTarget\": " << Bool(e.hasTarget)
-      << ", \"velocityReset\": " << Bool(e.velocityReset) << ", \"stale\": " << Bool(e.stale)
-      << ", \"ready\": " << Bool(e.ready) << ", \"aimId\": " << (interface ? interface->aimId : 0)
-      << ", \"sync\": [";
-  for (size_t i = 0; i < syncs.size(); ++i) out << (i ? ", " : "") << '"' << Hex(syncs[i]) << '"';
-  out << "], \"syncLeftOut\": " << syncsLeftOut << "}";
+  return Json{{"id", e.id.ToString()},
+              {"words", Words(e.id)},
+              {"parent", e.parentId.Load().ToString()},
+              {"module", e.moduleId.String()},
+              {"text", e.text},
+              {"position", Vec3(e.position)},
+              {"targetPosition", Vec3(e.targetPosition)},
+              {"velocity", Vec3(e.velocity)},
+              {"physicsExtra", Vec3(e.physicsExtra)},
+              {"orientation", Quat(e.orientation)},
+              {"targetOrientation", Quat(e.targetOrientation)},
+              {"updateRate", Number(static_cast<float>(e.updateRate))},
+              {"smooth", static_cast<unsigned>(e.smooth.Load())},
+              {"forceSnap", static_cast<unsigned>(e.forceSnap.Load())},
+              {"serverDriven", static_cast<bool>(e.serverDriven)},
+              {"hasTarget", static_cast<bool>(e.hasTarget)},
+              {"velocityReset", static_cast<bool>(e.velocityReset)},
+              {"stale", static_cast<bool>(e.stale)},
+              {"ready", static_cast<bool>(e.ready)},
+              {"aimId", interface ? interface->aimId : 0},
+              {"sync", syncs},
+              {"syncLeftOut", syncsLeftOut}};
 }
 
 }  // namespace
@@ -97,57 +99,34 @@ std::string Hex(const std::vector<uint8_t>& bytes) {
   return text;
 }
 
-std::string JsonNumber(double value) {
-  if (std::isnan(value)) return "\"nan\"";
-  if (std::isinf(value)) return value > 0 ? "\"inf\"" : "\"-inf\"";
-  char buffer[64];
-  const auto result =
-      std::to_chars(buffer, buffer + sizeof buffer, value, std::chars_format::general, 17);
-  std::string text(buffer, result.ptr);
-  // Without a '.' or an exponent a reader takes the number for an integer and loses -0.0.
-  if (text.find_first_of(".e") == std::string::npos) text += ".0";
-  return text;
-}
-
-std::string JsonString(const std::string& text) {
-  // Texts come from the wire: bytes that are not UTF-8 become U+FFFD instead of failing.
-  return nlohmann::json(text).dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+nlohmann::ordered_json Number(double value) {
+  if (std::isnan(value)) return "nan";
+  if (std::isinf(value)) return value > 0 ? "inf" : "-inf";
+  return value;
 }
 
 void WriteDump(std::ostream& out, const Identity& identity) {
-  out << "{\n";
-  out << "  \"playerId\": \"" << identity.playerId << "\",\n";
-  out << "  \"username\": " << JsonString(identity.username) << ",\n";
-  out << "  \"admin\": " << Bool(identity.admin) << ",\n";
-  out << "  \"error\": " << JsonString(client::Client::error) << ",\n";
-  out << "  \"ending\": " << JsonString(identity.ending) << ",\n";
-  out << "  \"world\": " << JsonString(Game::_current_world) << ",\n";
-  out << "  \"mode\": " << Game::_mode << ",\n";
-  out << "  \"mods\": [";
-  for (size_t i = 0; i < Game::_mods.size(); ++i) {
-    out << (i ? ", " : "") << JsonString(Game::_mods[i]);
+  Json entities = Json::array();
+  for (const EntityView& view : SortedEntities()) entities.push_back(EntityJson(*view.entity));
+  Json messages = Json::array();
+  for (const sandbox::ModuleMessage& message : sandbox::ModuleMessages()) {
+    messages.push_back({{"module", message.module}, {"payload", Hex(message.payload)}});
   }
-  out << "],\n";
-  out << "  \"timestamp\": " << JsonNumber(Game::timestamp.load()) << ",\n";
-  out << "  \"config\": " << JsonString(Game::config.Text()) << ",\n";
-
-  const std::vector<EntityView> entities = SortedEntities();
-  out << "  \"entities\": [";
-  for (size_t i = 0; i < entities.size(); ++i) {
-    out << (i ? ",\n    " : "\n    ");
-    WriteEntity(out, *entities[i].entity);
-  }
-  out << (entities.empty() ? "],\n" : "\n  ],\n");
-
-  const std::vector<sandbox::ModuleMessage> messages = sandbox::ModuleMessages();
-  out << "  \"moduleMessages\": [";
-  for (size_t i = 0; i < messages.size(); ++i) {
-    out << (i ? ",\n    " : "\n    ") << "{\"module\": " << JsonString(messages[i].module)
-        << ", \"payload\": \"" << Hex(messages[i].payload) << "\"}";
-  }
-  out << (messages.empty() ? "],\n" : "\n  ],\n");
-  out << "  \"moduleMessagesLeftOut\": " << sandbox::ModuleMessagesLeftOut() << "\n";
-  out << "}\n";
+  const Json dump = {{"playerId", std::to_string(identity.playerId)},
+                     {"username", identity.username},
+                     {"admin", identity.admin},
+                     {"error", client::Client::error},
+                     {"ending", identity.ending},
+                     {"world", Game::_current_world},
+                     {"mode", Game::_mode},
+                     {"mods", Game::_mods},
+                     {"timestamp", Number(Game::timestamp.load())},
+                     {"config", Game::config.Text()},
+                     {"entities", entities},
+                     {"moduleMessages", messages},
+                     {"moduleMessagesLeftOut", sandbox::ModuleMessagesLeftOut()}};
+  // Texts come from the wire: bytes that are not UTF-8 become U+FFFD instead of failing.
+  out << dump.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
 }
 
 void WriteDumpFile(const std::string& path, const Identity& identity) {

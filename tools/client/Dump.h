@@ -3,16 +3,19 @@
 // One object, keys in this order: "playerId" (decimal string), "username", "admin",
 // "error", "ending", "world", "mode", "mods", "timestamp", "config", "entities" (sorted by id word
 // 0, then word 1), "moduleMessages" (the newest kept, arrival order) and
-// "moduleMessagesLeftOut". Ids are [word0, word1] as decimal strings,
-// byte strings are lower-case hex, vectors [x, y, z], quaternions [w, x, y, z]. Doubles carry 17
-// significant digits and always a '.' or an exponent, so they read back bit-exact as doubles (-0.0
-// included); non-finite ones are the strings "inf", "-inf", "nan". See docs/game-client.md.
+// "moduleMessagesLeftOut". Ids are the unique identifier's text form (empty for none), and
+// an entity's own id also [word0, word1] as decimal strings;
+// byte strings are lower-case hex, vectors [x, y, z], quaternions [w, x, y, z]. Doubles are the
+// shortest text that reads back bit-exact, always with a '.' or an exponent (-0.0 included);
+// non-finite ones are the strings "inf", "-inf", "nan". See docs/game-client.md.
 #pragma once
 
 #include <cstdint>
 #include <ostream>
 #include <string>
 #include <vector>
+
+#include <nlohmann/json.hpp>
 
 namespace gameclient {
 
@@ -32,7 +35,7 @@ void WriteDumpFile(const std::string& path, const Identity& identity);
 
 // The pieces of the format, shared with the tools that read it.
 std::string Hex(const std::vector<uint8_t>& bytes);
-std::string JsonNumber(double value);
-std::string JsonString(const std::string& text);
+// A double as the dump writes it: a number, or a string when it is not finite.
+nlohmann::ordered_json Number(double value);
 
 }  // namespace gameclient

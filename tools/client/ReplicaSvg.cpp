@@ -1,10 +1,14 @@
 // replica-svg: draws the replica of a game-client dump as an SVG top view (x to the right,
-// y up): one dot per entity, coloured by module (hollow for static entities), and a line
+// y up): one dot per entity where it should be (the target the server last sent; its
+// position when it has none), coloured by module (hollow for static entities), and a line
 // from every entity that rides on another to its parent. Positions are placed in the
 // environment along the parent chain, the way the game composes transforms; an entity
 // whose parent is not in the replica is drawn at its own position and counted as an orphan.
+// Given game-server's final state, its entities are drawn over the replica as grey rings,
+// so that a dot off its ring is a replica that differs from the server. Axes with their
+// units, a scale bar and a legend come with the picture.
 //
-//   replica-svg DUMP.json OUT.svg
+//   replica-svg DUMP.json OUT.svg [SERVER-STATE.json]
 //
 // Exit status: 0 when the picture was written, 1 when the dump cannot be read or the
 // picture cannot be written, 64 for bad arguments.
@@ -39,7 +43,7 @@ const char* const kPalette[] = {"#1f77b4", "#d62728", "#2ca02c", "#ff7f0e",
                                 "#9467bd", "#8c564b", "#e377c2", "#17becf"};
 
 struct Entity {
-  std::string id, parent;  // "word0:word1"; parent empty when null
+  std::string id, parent;  // the ids' text form; parent empty when none
   std::string module, text;
   bool serverDriven = false;
   glm::dmat4 local{1.0};
@@ -59,22 +63,18 @@ double Number(const json& value) {
   throw std::runtime_error("not a number: " + value.dump());
 }
 
-std::string IdText(const json& pair) {
-  const std::string word0 = pair.at(0).get<std::string>();
-  const std::string word1 = pair.at(1).get<std::string>();
-  if (word0 == "0" || word1 == "0") return "";
-  return word0 + ":" + word1;
-}
-
+// An entity of the dump, at its target when it has one; or of the server's final state
+// (no targets, every entity server-driven).
 Entity Parse(const json& e) {
   Entity entity;
-  entity.id = IdText(e.at("id"));
-  entity.parent = IdText(e.at("parent"));
+  entity.id = e.at("id").get<std::string>();
+  entity.parent = e.at("parent").get<std::string>();
   entity.module = e.at("module").get<std::string>();
   entity.text = e.at("text").get<std::string>();
-  entity.serverDriven = e.at("serverDriven").get<bool>();
-  const json& p = e.at("position");
-  const json& q = e.at("orientation");
+  entity.serverDriven = e.value("serverDriven", true);
+  const bool target = e.value("hasTarget", false) && e.contains("targetPosition");
+  const json& p = e.at(target ? "targetPosition" : "position");
+  const json& q = e.at(target ? "targetOrientation" : "orientation");
   const glm::dvec3 position(Number(p.at(0)), Number(p.at(1)), Number(p.at(2)));
   const glm::dquat orientation(Number(q.at(0)), Number(q.at(1)), Number(q.at(2)), Number(q.at(3)));
   entity.local = glm::translate(glm::dmat4(1.0), position) * glm::mat4_cast(orientation);
@@ -123,29 +123,55 @@ std::string Escape(const std::string& text) {
   return out;
 }
 
-int Draw(const std::string& dumpPath, const std::string& svgPath) {
-  std::ifstream in(dumpPath, std::ios::binary);
-  if (!in) throw std::runtime_error("cannot open " + dumpPath);
-  const json dump = json::parse(in);
+json Read(const std::string& path) {
+  std::ifstream in(path, std::ios::binary);
+  if (!in) throw std::runtime_error("cannot open " + path);
+  return json::parse(in);
+}
 
+// The entities of a dump or final state, placed; widens the box [min, max] by each placed
+// one. Counts the orphans and those at non-finite positions.
+struct Scene {
   std::vector<Entity> entities;
-  for (const json& e : dump.at("entities")) entities.push_back(Parse(e));
   std::unordered_map<std::string, size_t> index;
-  for (size_t i = 0; i < entities.size(); ++i) index.emplace(entities[i].id, i);
-
-  double minX = INFINITY, maxX = -INFINITY, minY = INFINITY, maxY = -INFINITY;
   size_t orphans = 0, unplaced = 0;
-  for (size_t i = 0; i < entities.size(); ++i) {
-    const glm::dvec3 p(Absolute(entities, index, i, 0)[3]);
-    if (entities[i].orphan) ++orphans;
+};
+
+Scene Place(const json& document, glm::dvec2& min, glm::dvec2& max) {
+  Scene scene;
+  for (const json& e : document.at("entities")) scene.entities.push_back(Parse(e));
+  for (size_t i = 0; i < scene.entities.size(); ++i) scene.index.emplace(scene.entities[i].id, i);
+  for (size_t i = 0; i < scene.entities.size(); ++i) {
+    const glm::dvec3 p(Absolute(scene.entities, scene.index, i, 0)[3]);
+    if (scene.entities[i].orphan) ++scene.orphans;
     if (!std::isfinite(p.x) || !std::isfinite(p.y) || !std::isfinite(p.z)) {
-      ++unplaced;
+      ++scene.unplaced;
       continue;
     }
-    entities[i].absolute = p;
-    minX = std::min(minX, p.x), maxX = std::max(maxX, p.x);
-    minY = std::min(minY, p.y), maxY = std::max(maxY, p.y);
+    scene.entities[i].absolute = p;
+    min = glm::min(min, glm::dvec2(p)), max = glm::max(max, glm::dvec2(p));
   }
+  return scene;
+}
+
+// The largest 1, 2 or 5 times a power of ten that is at most `limit`.
+double RoundLength(double limit) {
+  const double power = std::pow(10.0, std::floor(std::log10(limit)));
+  for (double step : {5.0, 2.0, 1.0}) {
+    if (step * power <= limit) return step * power;
+  }
+  return power;
+}
+
+int Draw(const std::string& dumpPath, const std::string& svgPath, const std::string& statePath) {
+  const json dump = Read(dumpPath);
+  glm::dvec2 min(INFINITY), max(-INFINITY);
+  Scene replica = Place(dump, min, max);
+  Scene server;
+  if (!statePath.empty()) server = Place(Read(statePath), min, max);
+  std::vector<Entity>& entities = replica.entities;
+  const std::unordered_map<std::string, size_t>& index = replica.index;
+  double minX = min.x, maxX = max.x, minY = min.y, maxY = max.y;
   if (!(minX <= maxX)) minX = maxX = minY = maxY = 0.0;
   const double span = std::max({maxX - minX, maxY - minY, 1e-9});
   const double scale = (kSize - 2 * kMargin) / span;
@@ -164,6 +190,46 @@ int Draw(const std::string& dumpPath, const std::string& svgPath) {
   svg << "<svg xmlns=\"http://www.w3.org/2000/svg\" width=\"" << kSize << "\" height=\""
       << kSize + 30 << "\" viewBox=\"0 0 " << kSize << " " << kSize + 30 << "\">\n";
   svg << "<rect width=\"100%\" height=\"100%\" fill=\"#ffffff\"/>\n";
+  svg << "<g font-family=\"sans-serif\" font-size=\"12\" fill=\"#555555\" stroke=\"#bbbbbb\">\n";
+  // Axes through the environment's origin when it is in view, else along the edges.
+  const double axisY = std::clamp(kSize / 2 + centreY * scale, kMargin / 2, kSize - kMargin / 2);
+  const double axisX = std::clamp(kSize / 2 - centreX * scale, kMargin / 2, kSize - kMargin / 2);
+  // Axes and the scale bar are paths, so that lines are parent links only.
+  svg << "<path d=\"M" << kMargin / 2 << " " << Format(axisY) << " H" << kSize - kMargin / 2 << " M"
+      << Format(axisX) << " " << kMargin / 2 << " V" << kSize - kMargin / 2 << "\"/>\n";
+  svg << "<text stroke=\"none\" x=\"" << kSize - kMargin / 2 - 10 << "\" y=\"" << Format(axisY - 4)
+      << "\">x</text>\n<text stroke=\"none\" x=\"" << Format(axisX + 4) << "\" y=\""
+      << kMargin / 2 + 10 << "\">y</text>\n";
+  const double bar = RoundLength(span / 5);
+  svg << "<path stroke=\"#333333\" stroke-width=\"2\" d=\"M" << kMargin << " " << kSize - 12 << " H"
+      << Format(kMargin + bar * scale) << "\"/>\n";
+  svg << "<text stroke=\"none\" x=\"" << kMargin << "\" y=\"" << kSize - 18 << "\">" << bar
+      << " units</text>\n";
+  // The legend: a swatch per module, the fill rule, the server's rings.
+  double legendY = kMargin;
+  for (const auto& [module, colour] : colours) {
+    svg << "<circle cx=\"" << kSize - 250 << "\" cy=\"" << legendY << "\" r=\"4\" fill=\"" << colour
+        << "\" stroke=\"" << colour << "\"/><text stroke=\"none\" x=\"" << kSize - 240 << "\" y=\""
+        << legendY + 4 << "\">" << Escape(module) << "</text>\n";
+    legendY += 16;
+  }
+  svg << "<text stroke=\"none\" x=\"" << kSize - 255 << "\" y=\"" << legendY + 4
+      << "\">filled: server-driven; hollow: static</text>\n";
+  if (!statePath.empty()) {
+    legendY += 16;
+    svg << "<circle cx=\"" << kSize - 250 << "\" cy=\"" << legendY << "\" r=\"5\" fill=\"none\" "
+        << "stroke=\"#888888\"/><text stroke=\"none\" x=\"" << kSize - 240 << "\" y=\""
+        << legendY + 4 << "\">the server's final state</text>\n";
+  }
+  svg << "</g>\n";
+  svg << "<g fill=\"none\" stroke=\"#888888\" stroke-width=\"1\">\n";
+  for (const Entity& e : server.entities) {
+    if (!e.absolute) continue;
+    svg << "<circle cx=\"" << sx(e.absolute->x) << "\" cy=\"" << sy(e.absolute->y)
+        << "\" r=\"5\"><title>server: " << Escape(e.module) << " " << Escape(e.text) << " " << e.id
+        << "</title></circle>\n";
+  }
+  svg << "</g>\n";
   size_t links = 0;
   svg << "<g stroke=\"#999999\" stroke-width=\"0.6\">\n";
   for (const Entity& e : entities) {
@@ -189,7 +255,7 @@ int Draw(const std::string& dumpPath, const std::string& svgPath) {
   if (dump.contains("world") && dump["world"].is_string()) {
     caption += ", world " + dump["world"].get<std::string>();
   }
-  caption += "; filled: server-driven, hollow: static";
+  caption += "; dots at their targets";
   svg << "<text x=\"" << kMargin << "\" y=\"" << kSize + 18
       << "\" font-family=\"sans-serif\" font-size=\"14\" fill=\"#333333\">" << Escape(caption)
       << "</text>\n</svg>\n";
@@ -200,8 +266,13 @@ int Draw(const std::string& dumpPath, const std::string& svgPath) {
   if (!out) throw std::runtime_error("cannot write " + svgPath);
   std::cout << "replica-svg: " << svgPath << ": " << entities.size() << " entities, " << links
             << " parent links";
-  if (orphans) std::cout << ", " << orphans << " with a parent outside the replica";
-  if (unplaced) std::cout << ", " << unplaced << " at non-finite positions (not drawn)";
+  if (replica.orphans) {
+    std::cout << ", " << replica.orphans << " with a parent outside the replica";
+  }
+  if (replica.unplaced) {
+    std::cout << ", " << replica.unplaced << " at non-finite positions (not drawn)";
+  }
+  if (!statePath.empty()) std::cout << "; the server's " << server.entities.size() << " over it";
   std::cout << std::endl;
   return 0;
 }
@@ -210,8 +281,9 @@ int Draw(const std::string& dumpPath, const std::string& svgPath) {
 
 int main(int argc, char** argv) {
   if (argc == 2 && (std::string(argv[1]) == "--help" || std::string(argv[1]) == "-h")) {
-    std::cout << "usage: replica-svg DUMP.json OUT.svg\n"
-                 "Draws the replica of a game-client dump as an SVG top view."
+    std::cout << "usage: replica-svg DUMP.json OUT.svg [SERVER-STATE.json]\n"
+                 "Draws the replica of a game-client dump as an SVG top view, with game-server's "
+                 "final state over it when given."
               << std::endl;
     return 0;
   }
@@ -219,12 +291,13 @@ int main(int argc, char** argv) {
     std::cout << "replica-svg " << ORVEX_VERSION << std::endl;
     return 0;
   }
-  if (argc != 3) {
-    std::cerr << "replica-svg: usage: replica-svg DUMP.json OUT.svg" << std::endl;
+  if (argc != 3 && argc != 4) {
+    std::cerr << "replica-svg: usage: replica-svg DUMP.json OUT.svg [SERVER-STATE.json]"
+              << std::endl;
     return 64;
   }
   try {
-    return Draw(argv[1], argv[2]);
+    return Draw(argv[1], argv[2], argc == 4 ? argv[3] : "");
   } catch (const std::exception& e) {
     std::cerr << "replica-svg: " << e.what() << std::endl;
     return 1;

@@ -1,10 +1,18 @@
 #include "client/Status.h"
 
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
 #include <shared_mutex>
+#include <vector>
+
+#include <nlohmann/json.hpp>
 
 #include "Game.h"
 #include "client/Client.h"
+#include "common/Log.h"
 #include "game/Networking.h"
 #include "game/entity/ClientSideEntity.h"
 
@@ -57,60 +65,125 @@ Figures Measure(const client::Client& client) {
   return f;
 }
 
-std::string StatusText(const Figures& f) {
-  return "game-client: " + std::to_string(f.entities) + " entities | datagrams " +
-         std::to_string(f.accepted) + " accepted, dropped " + std::to_string(f.droppedShort) +
-         " short " + std::to_string(f.droppedMagic) + " magic " + std::to_string(f.droppedSender) +
-         " sender " + std::to_string(f.droppedStale) + " stale " +
-         std::to_string(f.droppedForeign) + " foreign | reliable " + std::to_string(f.reliable) +
-         " | in " + Size(f.bytesIn) + ", out " + Size(f.bytesOut);
-}
-
-std::string SummaryText(const Figures& f, double seconds, const std::string& ending) {
+std::string SummaryText(const Figures& f, double seconds, const std::string& ending,
+                        const NetworkStats& stats) {
   char rate[32];
   std::snprintf(rate, sizeof rate, "%.1f",
                 seconds > 0 ? static_cast<double>(f.accepted) / seconds : 0.0);
   char duration[32];
   std::snprintf(duration, sizeof duration, "%.1f", seconds);
+  char jitter[32];
+  std::snprintf(jitter, sizeof jitter, "%.1f", stats.JitterMs());
   const uint64_t other =
       f.reliable - f.creates - f.updates - f.moves - f.destroys - f.moduleMessages;
-  return "game-client: the run ended (" + ending + ") after " + duration + " s\n" +
-         "  replica:    " + std::to_string(f.entities) + " entities\n" +
-         "  datagrams:  " + std::to_string(f.accepted) + " accepted, " + rate + " per second\n" +
-         "  dropped:    short " + std::to_string(f.droppedShort) + ", wrong magic " +
-         std::to_string(f.droppedMagic) + ", wrong sender " + std::to_string(f.droppedSender) +
-         ", stale " + std::to_string(f.droppedStale) + ", foreign " +
-         std::to_string(f.droppedForeign) + ", over the game's queue cap " +
-         std::to_string(f.passesDropped) + "\n" + "  reliable:   " + std::to_string(f.reliable) +
-         " messages (create " + std::to_string(f.creates) + ", update " +
-         std::to_string(f.updates) + ", move " + std::to_string(f.moves) + ", destroy " +
-         std::to_string(f.destroys) + ", module " + std::to_string(f.moduleMessages) + ", other " +
-         std::to_string(other) + ")\n" + "  bytes:      in " + Size(f.bytesIn) + ", out " +
-         Size(f.bytesOut) + "\n";
+  const Second::Ticks t = stats.TransformTotals(), p = stats.PhysicsTotals();
+  return tools::LogHead("game-client", tools::Level::kInfo) + "the run ended (" + ending +
+         ") after " + duration + " s\n" + "  replica:    " + std::to_string(f.entities) +
+         " entities\n" + "  datagrams:  " + std::to_string(f.accepted) + " accepted, " + rate +
+         " per second\n" + "  dropped:    short " + std::to_string(f.droppedShort) +
+         ", wrong magic " + std::to_string(f.droppedMagic) + ", wrong sender " +
+         std::to_string(f.droppedSender) + ", stale " + std::to_string(f.droppedStale) +
+         ", foreign " + std::to_string(f.droppedForeign) + ", over the game's queue cap " +
+         std::to_string(f.passesDropped) + "\n" + "  ticks:      missed " +
+         std::to_string(t.missed) + " transforms, " + std::to_string(p.missed) + " physics; late " +
+         std::to_string(t.late + p.late) + "; jitter " + jitter + " ms\n" +
+         "  reliable:   " + std::to_string(f.reliable) + " messages (create " +
+         std::to_string(f.creates) + ", update " + std::to_string(f.updates) + ", move " +
+         std::to_string(f.moves) + ", destroy " + std::to_string(f.destroys) + ", module " +
+         std::to_string(f.moduleMessages) + ", other " + std::to_string(other) + ")\n" +
+         "  bytes:      in " + Size(f.bytesIn) + ", out " + Size(f.bytesOut) + "\n";
 }
 
-StatusLine::StatusLine(std::ostream& out, bool terminal)
-    : out_(out),
-      terminal_(terminal),
-      period_(terminal ? std::chrono::milliseconds(500) : std::chrono::seconds(5)),
-      next_(std::chrono::steady_clock::now() + period_) {}
+std::string StatusText(const Second& s, size_t width, const std::string& head) {
+  const double per = s.seconds > 0 ? 1.0 / s.seconds : 0.0;
+  auto rate = [per](uint64_t n) { return static_cast<double>(n) * per; };
+  char text[96];
+  std::vector<std::string> items;
+  auto add = [&items, &text](int length) {
+    if (length > 0) items.emplace_back(text, std::min<size_t>(size_t(length), sizeof text - 1));
+  };
+  if (s.silentMs > 1000)
+    add(std::snprintf(text, sizeof text, "NOTHING FOR %.1f s", s.silentMs / 1e3));
+  add(std::snprintf(text, sizeof text, "%llu entities",
+                    static_cast<unsigned long long>(s.entities)));
+  add(std::snprintf(text, sizeof text, "in %.0f/s %s/s", rate(s.in.datagrams),
+                    Size(static_cast<uint64_t>(rate(s.in.bytes))).c_str()));
+  add(std::snprintf(text, sizeof text, "missed %.0f/s",
+                    rate(s.transformTicks.missed + s.physicsTicks.missed)));
+  add(std::snprintf(text, sizeof text, "late %.0f/s stale %.0f/s",
+                    rate(s.transformTicks.late + s.physicsTicks.late), rate(s.stale)));
+  add(std::snprintf(text, sizeof text, "jitter %.1f ms", s.jitterMs));
+  add(std::snprintf(text, sizeof text, "lag p99 %.0f ms", s.lateMs.p99));
+  add(std::snprintf(text, sizeof text, "wait p99 %.1f ms", s.applyWaitMs.p99));
+  add(std::snprintf(text, sizeof text, "frame %.1f/%.1f ms", s.frameMs.median, s.frameMs.p99));
+  add(std::snprintf(text, sizeof text, "out %.0f/s %s/s", rate(s.out.datagrams),
+                    Size(static_cast<uint64_t>(rate(s.out.bytes))).c_str()));
+  if (s.simulated) {
+    add(std::snprintf(text, sizeof text, "simulated drop %.0f/s dup %.0f/s",
+                      rate(s.simulatorIn.dropped + s.simulatorOut.dropped),
+                      rate(s.simulatorIn.duplicated + s.simulatorOut.duplicated)));
+  }
+  std::string line = head;
+  for (size_t i = 0; i < items.size(); ++i) {
+    const std::string next = line + (i == 0 ? "" : " | ") + items[i];
+    if (next.size() > width) break;
+    line = next;
+  }
+  return line;
+}
 
-void StatusLine::Update(const client::Client& client) {
-  const auto now = std::chrono::steady_clock::now();
-  if (now < next_) return;
-  next_ = now + period_;
-  const std::string text = StatusText(Measure(client));
-  if (terminal_) {
-    // Carriage return, the line, then erase whatever a longer earlier line left.
-    out_ << '\r' << text << "\x1b[K" << std::flush;
-    open_ = true;
-  } else {
-    out_ << text << std::endl;
+Monitor::Monitor(std::shared_ptr<NetworkStats> stats, std::ostream* jsonLines, std::ostream* status,
+                 bool terminal)
+    : stats_(std::move(stats)),
+      jsonLines_(jsonLines),
+      status_(status),
+      terminal_(terminal),
+      nextRecord_(Clock::now() + std::chrono::seconds(1)),
+      nextShow_(Clock::now() + (terminal ? std::chrono::seconds(1) : std::chrono::seconds(5))) {}
+
+void Monitor::Frame(const client::Client& client, Clock::time_point begun) {
+  const auto now = Clock::now();
+  stats_->Frame(now - begun);
+  if (now >= nextRecord_) {
+    // A late frame does not bunch up the intervals that follow.
+    nextRecord_ = std::max(nextRecord_ + std::chrono::seconds(1), now);
+    Record(&client, now);
+  }
+  if (status_ != nullptr && now >= nextShow_) {
+    nextShow_ = now + (terminal_ ? std::chrono::milliseconds(500) : std::chrono::seconds(5));
+    Show(now);
   }
 }
 
-void StatusLine::Close() {
-  if (open_) out_ << '\n' << std::flush;
+void Monitor::Finish(const client::Client& client) {
+  Record(&client, Clock::now());
+  Close();
+}
+
+void Monitor::Record(const client::Client* client, Clock::time_point now) {
+  last_ = stats_->Take(client, now);
+  last_.entities = ReplicaSize();
+  if (jsonLines_ != nullptr) *jsonLines_ << ToJson(last_).dump() << '\n' << std::flush;
+}
+
+void Monitor::Show(Clock::time_point now) {
+  Second shown = last_;
+  shown.silentMs = stats_->SilentMs(now);
+  if (!terminal_) {
+    *status_ << StatusText(shown, SIZE_MAX, tools::LogHead("game-client", tools::Level::kInfo))
+             << std::endl;
+    return;
+  }
+  winsize size{};
+  const size_t columns =
+      ioctl(STDERR_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 ? size.ws_col : 80;
+  // One column short of the width: a line that fills it wraps on some terminals.
+  *status_ << '\r' << StatusText(shown, columns - 1, "game-client: ") << "\x1b[K" << std::flush;
+  open_ = true;
+}
+
+void Monitor::Close() {
+  if (open_) *status_ << '\n' << std::flush;
   open_ = false;
 }
 

@@ -1,10 +1,14 @@
-// The headless game's status line and end-of-run summary, both on standard error.
+// The headless game's status line and end-of-run summary, both on standard error, and its
+// per-second figures file.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <ostream>
 #include <string>
+
+#include "client/Stats.h"
 
 namespace client {
 class Client;
@@ -30,27 +34,44 @@ Figures Measure(const client::Client& client);
 // The registry's size alone, for when the client is gone.
 uint64_t ReplicaSize();
 
-std::string StatusText(const Figures& figures);
-// A few lines: how the run ended and after how long, then the figures with the datagram
-// rate over `seconds`.
-std::string SummaryText(const Figures& figures, double seconds, const std::string& ending);
+// A few lines: how the run ended and after how long, the figures with the datagram rate
+// over `seconds`, and the network's whole-run figures from `stats`.
+std::string SummaryText(const Figures& figures, double seconds, const std::string& ending,
+                        const NetworkStats& stats);
 
-// Prints the status line: on a terminal refreshed in place every 500 ms, otherwise one
-// line every 5 s. Game thread only.
-class StatusLine {
+// The status line of one interval after `head`, cut to `width` columns (whole items only):
+// rates, not totals, and a warning first when nothing arrived for more than a second.
+std::string StatusText(const Second& second, size_t width, const std::string& head);
+
+// The game thread's view of the figures: takes an interval's figures every second, writes
+// them as one JSON line to the stats stream (if any) and shows the status line (if any): on
+// a terminal redrawn in place every 500 ms at the terminal's width, otherwise a plain line
+// every 5 s. Game thread only.
+class Monitor {
  public:
-  StatusLine(std::ostream& out, bool terminal);
+  using Clock = std::chrono::steady_clock;
+  // `stats` must be installed before the client is built; `jsonLines` and `status` may be
+  // null.
+  Monitor(std::shared_ptr<NetworkStats> stats, std::ostream* jsonLines, std::ostream* status,
+          bool terminal);
 
-  // Prints when the last line is old enough.
-  void Update(const client::Client& client);
-  // Ends a line left open on a terminal, so that what follows starts on a line of its own.
+  // After each frame's work, which began at `begun`.
+  void Frame(const client::Client& client, Clock::time_point begun);
+  // The last, partial interval, while the client is still there; ends an open status line.
+  void Finish(const client::Client& client);
+  // Ends a status line left open on a terminal.
   void Close();
 
  private:
-  std::ostream& out_;
+  void Record(const client::Client* client, Clock::time_point now);
+  void Show(Clock::time_point now);
+
+  std::shared_ptr<NetworkStats> stats_;
+  std::ostream* jsonLines_;
+  std::ostream* status_;
   const bool terminal_;
-  const std::chrono::steady_clock::duration period_;
-  std::chrono::steady_clock::time_point next_;
+  Clock::time_point nextRecord_, nextShow_;
+  Second last_;
   bool open_ = false;
 };
 

@@ -14,6 +14,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <fstream>
 #include <iostream>
 #include <memory>
 #include <stdexcept>
@@ -26,7 +27,9 @@
 #include "client/Client.h"
 #include "client/Dump.h"
 #include "client/Sandbox.h"
+#include "client/Stats.h"
 #include "client/Status.h"
+#include "common/Log.h"
 #include "common/OutputFile.h"
 #include "game/Networking.h"
 #include "orvex/net/Socket.h"
@@ -68,6 +71,7 @@ struct Options {
   std::string environment = "0,0";
   uint64_t parentEnvironment = 0, relativeEnvironment = 0;
   std::string dump;
+  std::string stats;  // per-second figures as JSON Lines
   bool quiet = false;
   std::string simulate;  // network conditions on the client's UDP socket
 };
@@ -113,8 +117,8 @@ Ending QuitEnding(const client::Client& client) {
 
 // The game's main loop, from the receiving thread's start to its join. Returns how the run
 // ended. `receiverDone` is set when ReceivingThread() has returned.
-Ending Run(client::Client& client, const Options& options, gameclient::StatusLine* status,
-           const std::atomic<bool>& receiverDone) {
+Ending Run(client::Client& client, const Options& options, gameclient::NetworkStats& stats,
+           gameclient::Monitor& monitor, const std::atomic<bool>& receiverDone) {
   using Clock = std::chrono::steady_clock;
   const auto start = Clock::now();
   const bool limited = options.seconds > 0;
@@ -131,11 +135,12 @@ Ending Run(client::Client& client, const Options& options, gameclient::StatusLin
     if (receiverDone.load() && Game::isActive.load()) {
       return {"lost connection: the receiving thread ended", kFailed};
     }
+    const auto begun = Clock::now();
     // State passes get half a frame; what is left waits for the next frame, so a burst
     // of state delays state, never the frame.
-    Game::RunSynchronized(frame / 2);
+    Game::RunSynchronized(frame / 2, [&stats](Clock::duration wait) { stats.Waited(wait); });
     client.Send();
-    if (status != nullptr) status->Update(client);
+    monitor.Frame(client, begun);
     next += frame;
     const auto now = Clock::now();
     // A late frame does not make the following ones rush to catch up.
@@ -170,6 +175,9 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--dump", options.dump,
                  "write the replica as JSON to this file at the end (-: standard output)");
+  app.add_option("--stats", options.stats,
+                 "write the network's figures as one JSON line a second to this file (-: "
+                 "standard output)");
   app.add_flag("--quiet", options.quiet, "no status line or summary on standard error");
   app.add_option("--simulate", options.simulate,
                  "network conditions on the client's UDP socket, e.g. loss=10%,delay=40ms,seed=7");
@@ -186,9 +194,10 @@ int main(int argc, char** argv) {
                         options.relativeEnvironment)) {
     return Usage("--environment takes PARENT,RELATIVE: two unsigned decimal numbers");
   }
-  if (!options.dump.empty()) {
+  for (const std::string& path : {options.dump, options.stats}) {
+    if (path.empty()) continue;
     try {
-      tools::CheckWritable(options.dump);
+      tools::CheckWritable(path);
     } catch (const std::runtime_error& e) {
       return Usage(e.what());
     }
@@ -200,6 +209,14 @@ int main(int argc, char** argv) {
     return Usage(e.what());
   }
 
+  auto stats = std::make_shared<gameclient::NetworkStats>();
+  gameclient::NetworkStats::Install(stats);
+  std::ofstream statsFile;
+  if (!options.stats.empty() && options.stats != "-") statsFile.open(options.stats);
+  std::ostream* jsonLines = options.stats.empty()  ? nullptr
+                            : options.stats == "-" ? &std::cout
+                                                   : &statsFile;
+
   InstallSignalHandlers();
   Game::parentEnvironmentId = options.parentEnvironment;
   Game::relativeEnvironmentId = options.relativeEnvironment;
@@ -210,8 +227,8 @@ int main(int argc, char** argv) {
                                               options.token, options.password);
   } catch (const std::exception& e) {
     if (!options.quiet) {
-      std::cerr << "game-client: could not join " << options.host << " port " << options.port << ":"
-                << std::endl;
+      std::cerr << tools::LogHead("game-client", tools::Level::kError) << "could not join "
+                << options.host << " port " << options.port << ":" << std::endl;
     }
     std::cerr << e.what() << std::endl;
     return kConstructorFailed;
@@ -222,11 +239,15 @@ int main(int argc, char** argv) {
     try {
       sandbox::Load(name);
     } catch (const std::invalid_argument& e) {
-      if (!options.quiet) std::cerr << "game-client: mod not loaded: " << e.what() << std::endl;
+      if (!options.quiet) {
+        std::cerr << tools::LogHead("game-client", tools::Level::kWarning)
+                  << "mod not loaded: " << e.what() << std::endl;
+      }
     }
   }
 
-  gameclient::StatusLine status(std::cerr, isatty(STDERR_FILENO) == 1);
+  gameclient::Monitor monitor(stats, jsonLines, options.quiet ? nullptr : &std::cerr,
+                              isatty(STDERR_FILENO) == 1);
   const auto start = std::chrono::steady_clock::now();
   Ending ending;
   bool failed = false;
@@ -237,10 +258,10 @@ int main(int argc, char** argv) {
   });
   try {
     client->Connected();
-    ending = Run(*client, options, options.quiet ? nullptr : &status, receiverDone);
+    ending = Run(*client, options, *stats, monitor, receiverDone);
   } catch (const std::exception& e) {
-    status.Close();
-    std::cerr << "game-client: " << e.what() << std::endl;
+    monitor.Close();
+    std::cerr << tools::LogHead("game-client", tools::Level::kError) << e.what() << std::endl;
     ending = {"failure", kFailed};
   }
   const double seconds =
@@ -254,11 +275,12 @@ int main(int argc, char** argv) {
   identity.admin = client::Client::IsAdmin();
   identity.ending = ending.text;
   gameclient::Figures figures = gameclient::Measure(*client);
+  monitor.Finish(*client);
   client.reset();
   try {
     Game::RunSynchronized();
   } catch (const std::exception& e) {
-    std::cerr << "game-client: " << e.what() << std::endl;
+    std::cerr << tools::LogHead("game-client", tools::Level::kError) << e.what() << std::endl;
     failed = true;
   }
   figures.entities = gameclient::ReplicaSize();
@@ -267,13 +289,12 @@ int main(int argc, char** argv) {
     try {
       gameclient::WriteDumpFile(options.dump, identity);
     } catch (const std::exception& e) {
-      std::cerr << "game-client: " << e.what() << std::endl;
+      std::cerr << tools::LogHead("game-client", tools::Level::kError) << e.what() << std::endl;
       failed = true;
     }
   }
   if (!options.quiet) {
-    status.Close();
-    std::cerr << gameclient::SummaryText(figures, seconds, ending.text) << std::flush;
+    std::cerr << gameclient::SummaryText(figures, seconds, ending.text, *stats) << std::flush;
   }
   return failed || ending.status != 0 ? kFailed : 0;
 }

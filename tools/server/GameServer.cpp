@@ -14,6 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "common/Log.h"
 #include "common/OutputFile.h"
 #include "game/Networking.h"
 #include "orvex/net/Socket.h"
@@ -125,10 +126,14 @@ struct GameServer::Client {
   std::mutex outMutex;
   wire::Bytes outbox;
   std::mutex writeMutex;
+  // Counted where the sending happens, outside mutex_.
+  std::atomic<uint64_t> datagramsSent{0}, datagramBytesSent{0}, reliableSent{0}, tcpBytesSent{0};
 
-  void Queue(const wire::Bytes& bytes) {
+  // `bytes` holds `messages` whole messages.
+  void Queue(const wire::Bytes& bytes, uint64_t messages = 1) {
     std::lock_guard<std::mutex> lock(outMutex);
     outbox.insert(outbox.end(), bytes.begin(), bytes.end());
+    reliableSent += messages;
   }
 };
 
@@ -350,7 +355,7 @@ bool GameServer::Handshake(const std::shared_ptr<Client>& client) {
     wire::WriteWorld(out, options_.world);
     wire::WriteAdminStatus(out, admin ? "admin" : "player", admin ? 1 : 0);
     scene_.WriteCreates(out);
-    c.Queue(wire::BytesOf(out));
+    c.Queue(wire::BytesOf(out), 3 + scene_.Entities().size());
 
     active_[c.playerId] = client;
     history_.push_back(client);
@@ -436,18 +441,19 @@ void GameServer::Deliver(Client& c) {
   try {
     c.tcp->Write(bytes.data(), bytes.size());
     c.tcp->Flush();
+    c.tcpBytesSent += bytes.size();
   } catch (const std::exception&) {
     // The reader thread sees the shut connection and drops the client.
     c.tcp->Shutdown();
   }
 }
 
-void GameServer::Broadcast(const wire::Bytes& bytes) {
+void GameServer::Broadcast(const wire::Bytes& bytes, uint64_t messages) {
   std::vector<std::shared_ptr<Client>> recipients;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     for (auto& [id, client] : active_) {
-      client->Queue(bytes);
+      client->Queue(bytes, messages);
       recipients.push_back(client);
     }
   }
@@ -468,6 +474,7 @@ void GameServer::OnDatagram(const orvex::net::UdpSocket& socket, const uint8_t* 
   const std::string address = socket.GetIncomingAddress();
   const uint16_t port = socket.GetIncomingPort();
   std::vector<wire::Bytes> echoes;
+  std::shared_ptr<Client> sender;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     auto it = active_.find(datagram->playerId);
@@ -477,7 +484,8 @@ void GameServer::OnDatagram(const orvex::net::UdpSocket& socket, const uint8_t* 
       ++counters_->datagramsRejected;
       return;
     }
-    Client& c = *it->second;
+    sender = it->second;
+    Client& c = *sender;
     c.datagramAddress = address;
     c.datagramPort = port;
     c.lastHeardMs = NowMs();
@@ -491,16 +499,19 @@ void GameServer::OnDatagram(const orvex::net::UdpSocket& socket, const uint8_t* 
       }
     }
   }
-  for (const wire::Bytes& echo : echoes) SendDatagram(address, port, echo);
+  for (const wire::Bytes& echo : echoes) SendDatagram(*sender, address, port, echo);
 }
 
-void GameServer::SendDatagram(const std::string& address, uint16_t port, const wire::Bytes& bytes) {
+void GameServer::SendDatagram(Client& client, const std::string& address, uint16_t port,
+                              const wire::Bytes& bytes) {
   std::lock_guard<std::mutex> lock(udpMutex_);
   try {
     udp_->SetDestination(address, port);
     udp_->Write(bytes.data(), bytes.size());
     udp_->Flush();
     ++counters_->datagramsOut;
+    ++client.datagramsSent;
+    client.datagramBytesSent += bytes.size();
   } catch (const std::exception& e) {
     Log("datagram to " + address + ": " + e.what());
   }
@@ -533,6 +544,7 @@ void GameServer::SimulationLoop() {
 
 void GameServer::Tick(uint64_t tick, double t) {
   struct Destination {
+    std::shared_ptr<Client> client;
     std::string address;
     uint16_t port;
   };
@@ -544,6 +556,7 @@ void GameServer::Tick(uint64_t tick, double t) {
     orvex::filesystem::Stream out;
     const bool frozen = options_.freezeAfter > 0 && t >= options_.freezeAfter;
     const SceneChanges changes = frozen ? SceneChanges{} : scene_.Step(t, out);
+    const uint64_t messages = changes.creates + changes.updates + changes.moves + changes.destroys;
     counters_->creates += changes.creates;
     counters_->updates += changes.updates;
     counters_->moves += changes.moves;
@@ -552,7 +565,7 @@ void GameServer::Tick(uint64_t tick, double t) {
     const int64_t now = NowMs();
     for (auto& [id, client] : active_) {
       if (!broadcast.empty()) {
-        client->Queue(broadcast);
+        client->Queue(broadcast, messages);
         recipients.push_back(client);
       }
       if (client->dropReason.empty() && now - client->lastHeardMs > options_.clientTimeoutMs) {
@@ -563,7 +576,7 @@ void GameServer::Tick(uint64_t tick, double t) {
         silent.push_back(client);
       }
       if (client->datagramPort != 0) {
-        destinations.push_back({client->datagramAddress, client->datagramPort});
+        destinations.push_back({client, client->datagramAddress, client->datagramPort});
       }
     }
     for (auto& client : connections_) {
@@ -609,7 +622,9 @@ void GameServer::Tick(uint64_t tick, double t) {
   }
   for (auto& client : unfinished) Close(*client);
   for (const Destination& d : destinations) {
-    for (const wire::Bytes& datagram : datagrams) SendDatagram(d.address, d.port, datagram);
+    for (const wire::Bytes& datagram : datagrams) {
+      SendDatagram(*d.client, d.address, d.port, datagram);
+    }
   }
   if (!options_.quiet && NowMs() - lastStatusMs_ >= kStatusEveryMs) {
     lastStatusMs_ = NowMs();
@@ -671,6 +686,10 @@ ClientInfo GameServer::InfoOf(const Client& c) const {
   info.lastActionPayload = c.lastActionPayload;
   info.moduleMessages = c.moduleMessages;
   info.moduleDatagrams = c.moduleDatagrams;
+  info.datagramsSent = c.datagramsSent;
+  info.datagramBytesSent = c.datagramBytesSent;
+  info.reliableSent = c.reliableSent;
+  info.tcpBytesSent = c.tcpBytesSent;
   return info;
 }
 
@@ -709,7 +728,11 @@ std::string GameServer::StateJson() const {
                        {"lastActionEntity", c.lastActionEntity.ToString()},
                        {"lastActionPayload", Hex(c.lastActionPayload, SIZE_MAX)},
                        {"moduleMessages", c.moduleMessages},
-                       {"moduleDatagrams", c.moduleDatagrams}});
+                       {"moduleDatagrams", c.moduleDatagrams},
+                       {"datagramsSent", c.datagramsSent},
+                       {"datagramBytesSent", c.datagramBytesSent},
+                       {"reliableSent", c.reliableSent},
+                       {"tcpBytesSent", c.tcpBytesSent}});
   }
   const Counters n = GetCounters();
   json counters = {{"clientsAccepted", n.clientsAccepted},
@@ -746,7 +769,7 @@ void GameServer::WriteState(const std::string& path) const {
 void GameServer::Log(const std::string& line) const {
   if (options_.quiet) return;
   std::lock_guard<std::mutex> lock(logMutex_);
-  std::cerr << "game-server: " << line << std::endl;
+  std::cerr << tools::LogHead("game-server", tools::Level::kInfo) << line << std::endl;
 }
 
 void GameServer::LogStatus() {
@@ -763,7 +786,9 @@ void GameServer::LogStatus() {
     if (!c.connected) continue;
     Log("  " + c.username + ": " + std::to_string(c.entityActions) + " entity actions (last " +
         Hex(c.lastActionPayload) + "), " + std::to_string(c.moduleMessages) + " module messages, " +
-        std::to_string(c.moduleDatagrams) + " module datagrams");
+        std::to_string(c.moduleDatagrams) + " module datagrams; sent " +
+        std::to_string(c.datagramsSent) + " datagrams, " + std::to_string(c.reliableSent) +
+        " reliable messages");
   }
 }
 

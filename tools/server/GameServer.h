@@ -93,6 +93,8 @@ struct ClientInfo {
   wire::Id lastActionEntity;
   wire::Bytes lastActionPayload;
   uint64_t moduleMessages = 0, moduleDatagrams = 0;
+  // What the server sent it: datagrams and their bytes, reliable messages and TCP bytes.
+  uint64_t datagramsSent = 0, datagramBytesSent = 0, reliableSent = 0, tcpBytesSent = 0;
 };
 
 class GameServer {
@@ -123,8 +125,9 @@ class GameServer {
   // Writes StateJson() to `path`; throws std::runtime_error when the file cannot be written.
   void WriteState(const std::string& path) const;
 
-  // Sends `bytes` (whole TCP messages) to every welcomed client, after what it was sent so far.
-  void Broadcast(const wire::Bytes& bytes);
+  // Sends `bytes` (`messages` whole TCP messages) to every welcomed client, after what it was
+  // sent so far.
+  void Broadcast(const wire::Bytes& bytes, uint64_t messages = 1);
 
  private:
   struct Client;
@@ -140,7 +143,8 @@ class GameServer {
   void Deliver(Client& client);
   // Shuts the connection down (its reader wakes with an error); safe after it was released.
   void Close(Client& client);
-  void SendDatagram(const std::string& address, uint16_t port, const wire::Bytes& bytes);
+  void SendDatagram(Client& client, const std::string& address, uint16_t port,
+                    const wire::Bytes& bytes);
   void Log(const std::string& line) const;
   void LogStatus();
   ClientInfo InfoOf(const Client& client) const;

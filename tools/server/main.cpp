@@ -4,7 +4,9 @@
 #include <chrono>
 #include <cmath>
 #include <cstdint>
+#include <fstream>
 #include <iostream>
+#include <memory>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -12,8 +14,10 @@
 
 #include <CLI/CLI.hpp>
 
+#include "common/Log.h"
 #include "common/OutputFile.h"
 #include "server/GameServer.h"
+#include "server/Stats.h"
 
 namespace {
 
@@ -44,6 +48,7 @@ int main(int argc, char** argv) {
   double timeoutSeconds = options.clientTimeoutMs / 1000.0;
   bool quiet = false;
   std::string finalState;
+  std::string stats;
 
   CLI::App app{
       "The reference game server: handshake, a moving scene of entities streamed to every "
@@ -75,6 +80,9 @@ int main(int argc, char** argv) {
                  "network conditions on the UDP socket, e.g. loss=10%,delay=40ms,seed=7");
   app.add_option("--final-state", finalState,
                  "write the final state as JSON to this file at the end (-: standard output)");
+  app.add_option("--stats", stats,
+                 "write what was sent to each client as one JSON line a second to this file "
+                 "(-: standard output, after the port line)");
   app.add_flag("--quiet", quiet, "no log lines on standard error");
 
   try {
@@ -89,9 +97,10 @@ int main(int argc, char** argv) {
   if (!(timeoutSeconds > 0) || timeoutSeconds > 86400) {
     return Usage("--timeout must be above 0 and at most 86400 seconds");
   }
-  if (!finalState.empty()) {
+  for (const std::string& path : {finalState, stats}) {
+    if (path.empty()) continue;
     try {
-      tools::CheckWritable(finalState);
+      tools::CheckWritable(path);
     } catch (const std::runtime_error& e) {
       return Usage(e.what());
     }
@@ -113,25 +122,38 @@ int main(int argc, char** argv) {
     gameserver::GameServer server(options);
     server.Start();
     std::cout << server.Port() << std::endl;
+    std::ofstream statsFile;
+    if (!stats.empty() && stats != "-") statsFile.open(stats);
+    std::unique_ptr<gameserver::StatsWriter> writer;
+    if (!stats.empty()) {
+      writer = std::make_unique<gameserver::StatsWriter>(stats == "-" ? std::cout : statsFile);
+    }
+    auto nextLine = std::chrono::steady_clock::now() + std::chrono::seconds(1);
 
     const auto deadline = std::chrono::steady_clock::now() +
                           std::chrono::duration<double>(seconds > 0 ? seconds : 1e9);
     while (std::chrono::steady_clock::now() < deadline) {
       timespec wait{0, 200 * 1000 * 1000};
       if (sigtimedwait(&stopSignals, nullptr, &wait) > 0) break;
+      if (writer && std::chrono::steady_clock::now() >= nextLine) {
+        nextLine += std::chrono::seconds(1);
+        writer->Write(server);
+      }
     }
     server.Stop();
+    if (writer) writer->Write(server);
     if (!finalState.empty()) server.WriteState(finalState);
     if (!quiet) {
       const gameserver::Counters n = server.GetCounters();
-      std::cerr << "game-server: " << n.clientsAccepted << " clients, " << n.ticks << " ticks, "
-                << n.datagramsOut << " datagrams out, " << n.entityActions << " entity actions, "
-                << n.moduleMessages + n.moduleDatagrams << " module messages" << std::endl;
+      std::cerr << tools::LogHead("game-server", tools::Level::kInfo) << n.clientsAccepted
+                << " clients, " << n.ticks << " ticks, " << n.datagramsOut << " datagrams out, "
+                << n.entityActions << " entity actions, " << n.moduleMessages + n.moduleDatagrams
+                << " module messages" << std::endl;
     }
   } catch (const std::invalid_argument& e) {
     return Usage(e.what());
   } catch (const std::exception& e) {
-    std::cerr << "game-server: " << e.what() << std::endl;
+    std::cerr << tools::LogHead("game-server", tools::Level::kError) << e.what() << std::endl;
     return 1;
   }
   return 0;

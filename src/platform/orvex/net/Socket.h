@@ -8,6 +8,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -21,6 +22,28 @@
 namespace orvex::net {
 
 class NetworkSimulator;
+
+// What a host sees of the datagrams of sockets it cannot reach into (a module's own
+// socket), for figures of the connection; it changes no datagram. Installed with
+// UdpSocket::TapNewClientSockets. Each hook runs on the thread named; the tap itself
+// synchronises what they share.
+class DatagramTap {
+ public:
+  virtual ~DatagramTap() = default;
+  // Delivery thread: a datagram handed to the owner (after the simulator: dropped copies
+  // never show, duplicated ones show twice), `at` the time the kernel gave it (a held
+  // copy: the time it was released).
+  virtual void Delivered(const unsigned char* data, unsigned long size,
+                         std::chrono::steady_clock::time_point at) = 0;
+  // Writer thread or the simulator's sender thread: a datagram handed to the kernel.
+  virtual void Sent(unsigned long size) = 0;
+  // The simulator's totals for one direction, after each datagram it judged: on the
+  // delivery thread for incoming ones, on the writer thread for outgoing ones.
+  struct Simulated {
+    uint64_t dropped = 0, duplicated = 0, delayed = 0, reordered = 0;
+  };
+  virtual void Simulation(bool incoming, const Simulated& totals) = 0;
+};
 
 // A socket's descriptor and the operations that every kind of socket offers.
 class Socket {
@@ -161,7 +184,11 @@ class UdpSocket : public Socket, public filesystem::Stream {
   // into, such as a game whose network client owns its socket. Any thread; throws
   // std::invalid_argument on bad settings.
   static void SimulateNewClientSockets(const std::string& settings);
+  // Sets the tap of every client-form socket created afterwards (null: none). Any thread.
+  static void TapNewClientSockets(std::shared_ptr<DatagramTap> tap);
 
+  // Incoming figures count what was handed to the callback, so datagrams that the
+  // simulator dropped are not among them.
   uint64_t GetDatagramsIn() const { return datagramsIn_.load(std::memory_order_relaxed); }
   uint64_t GetDatagramsOut() const { return datagramsOut_.load(std::memory_order_relaxed); }
   uint64_t GetBytesIn() const { return bytesIn_.load(std::memory_order_relaxed); }
@@ -175,7 +202,7 @@ class UdpSocket : public Socket, public filesystem::Stream {
   void DeliveryLoop();
   // Hands one datagram to the callback; `sender` is a sockaddr of `senderLength` bytes.
   void Deliver(const void* sender, unsigned int senderLength, const unsigned char* data,
-               unsigned long size);
+               unsigned long size, std::chrono::steady_clock::time_point at);
   // Sends one datagram now; a full send queue drops it, other errors throw. Called on the
   // writer thread and on the simulator's sender thread.
   void SendDatagram(const void* to, unsigned int toLength, const unsigned char* data,
@@ -199,6 +226,7 @@ class UdpSocket : public Socket, public filesystem::Stream {
   uint16_t incomingPort_ = 0;
   // Set by Simulate while no delivery thread runs; null when simulation is off.
   std::unique_ptr<NetworkSimulator> simulator_;
+  std::shared_ptr<DatagramTap> tap_;  // set by the constructor only
   std::atomic<uint64_t> datagramsIn_{0};
   std::atomic<uint64_t> datagramsOut_{0};
   std::atomic<uint64_t> bytesIn_{0};

@@ -1,0 +1,137 @@
+// What the network did, second by second: the headless game's figures of its connection,
+// taken from the datagrams its client socket delivers (a tap in the engine), the game
+// thread's queue and frames, and the module's own counters. docs/game-client.md lists
+// every figure and the JSON Lines schema of --stats.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <mutex>
+#include <vector>
+
+#include <nlohmann/json_fwd.hpp>
+
+#include "orvex/net/Socket.h"
+
+namespace client {
+class Client;
+}
+
+namespace gameclient {
+
+// The sequence numbers of one kind of state datagram, as they arrive. A tick whose number
+// was skipped counts as missed once the newest number is kWindow past it and it still has
+// not come; a number below the newest that was not seen yet arrived late (out of order);
+// one seen already is a repeat (a tick split over several datagrams, or a duplicate).
+class SequenceTracker {
+ public:
+  static constexpr uint64_t kWindow = 64;
+  enum class Arrival { kFirst, kNewest, kLate, kRepeat, kTooOld };
+
+  Arrival Add(uint64_t sequence);
+  // Ticks given up on; with `pending`, also those still inside the window (the end of a run).
+  uint64_t Missed(bool pending = false) const;
+  uint64_t Late() const { return late_; }
+  uint64_t Repeats() const { return repeats_; }
+
+ private:
+  bool started_ = false;
+  uint64_t newest_ = 0;
+  // Bit i: tick newest_ - i was seen. Ticks before the first one count as seen.
+  uint64_t seen_ = ~uint64_t{0};
+  uint64_t missed_ = 0, late_ = 0, repeats_ = 0;
+};
+
+// Inter-arrival jitter as RTP reckons it (RFC 3550, 6.4.1): a running mean of how much the
+// gap between two arrivals differs from the gap between the server times they carry, with
+// gain 1/16; and the lateness of each arrival, its transit (arrival minus server time)
+// above the smallest transit seen, which takes out the offset between the two clocks.
+class Jitter {
+ public:
+  // Returns the arrival's lateness in seconds.
+  double Add(double arrival, double serverTime);
+  double Seconds() const { return jitter_; }
+
+ private:
+  bool started_ = false;
+  double lastTransit_ = 0, bestTransit_ = 0, jitter_ = 0;
+};
+
+// The median, 99th percentile and largest of a second's samples (0 when there are none).
+struct Spread {
+  double median = 0, p99 = 0, max = 0;
+  static Spread Of(std::vector<double> samples);
+};
+
+// One interval's figures (about a second). Counts are of the interval, not totals.
+struct Second {
+  double at = 0;       // seconds since the start, at the interval's end
+  double seconds = 0;  // the interval's length
+  struct Direction {
+    uint64_t datagrams = 0, bytes = 0;
+  };
+  Direction in, out;                     // UDP, as the client socket delivered and sent them
+  uint64_t transforms = 0, physics = 0;  // state datagrams among `in`
+  uint64_t tcpBytesIn = 0, tcpBytesOut = 0, reliable = 0;
+  struct Ticks {
+    uint64_t missed = 0, late = 0, repeats = 0;
+  };
+  Ticks transformTicks, physicsTicks;
+  uint64_t stale = 0;         // state datagrams the module dropped as older than the newest
+  uint64_t droppedOther = 0;  // short, wrong magic, wrong sender, foreign
+  double jitterMs = 0;        // at the interval's end
+  Spread lateMs, applyWaitMs, frameMs;
+  uint64_t frames = 0, entities = 0;
+  double silentMs = 0;  // since the last datagram, at the interval's end
+  bool simulated = false;
+  orvex::net::DatagramTap::Simulated simulatorIn, simulatorOut;
+};
+
+nlohmann::ordered_json ToJson(const Second& second);
+
+// The tap on the client's UDP socket and the game thread's figures. Install() before the
+// client is built; Frame() and Waited() from the game thread; Take() from the game thread
+// once an interval.
+class NetworkStats : public orvex::net::DatagramTap {
+ public:
+  using Clock = std::chrono::steady_clock;
+
+  // Makes every client socket created afterwards report to `stats`.
+  static void Install(std::shared_ptr<NetworkStats> stats);
+
+  void Delivered(const unsigned char* data, unsigned long size, Clock::time_point at) override;
+  void Sent(unsigned long size) override;
+  void Simulation(bool incoming, const Simulated& totals) override;
+
+  void Waited(Clock::duration wait);
+  void Frame(Clock::duration work);
+  // Ends the interval at `now`: its figures, with the module's counters of `client` (null
+  // once it is gone).
+  Second Take(const client::Client* client, Clock::time_point now);
+  // Whole-run figures: ticks missed (pending ones included), late, jitter now.
+  Second::Ticks TransformTotals() const;
+  Second::Ticks PhysicsTotals() const;
+  double JitterMs() const;
+  // Milliseconds since the last datagram arrived (since the start when none has).
+  double SilentMs(Clock::time_point now) const;
+
+ private:
+  Second::Ticks Delta(const SequenceTracker& tracker, Second::Ticks& last) const;
+
+  mutable std::mutex mutex_;
+  const Clock::time_point start_ = Clock::now();
+  Clock::time_point intervalStart_ = start_;
+  Clock::time_point lastArrival_{};
+  Second current_;
+  SequenceTracker transforms_, physics_;
+  Second::Ticks lastTransforms_, lastPhysics_;
+  Jitter jitter_;
+  std::vector<double> late_, waits_, frames_;
+  Simulated simulatorIn_, simulatorOut_, lastSimulatorIn_, lastSimulatorOut_;
+  // The module's and TCP's totals at the last Take.
+  uint64_t lastStale_ = 0, lastDropped_ = 0, lastReliable_ = 0;
+  uint64_t lastTcpIn_ = 0, lastTcpOut_ = 0;
+  uint64_t udpBytesIn_ = 0, udpBytesOut_ = 0;
+};
+
+}  // namespace gameclient
