@@ -17,6 +17,7 @@
 
 #include "net/Address.h"
 #include "net/Poll.h"
+#include "net/Tap.h"
 #include "orvex/net/Socket.h"
 
 namespace orvex::net {
@@ -146,6 +147,7 @@ unsigned long TcpSocket::Receive(unsigned char* data, unsigned long size, bool d
     ssize_t n = recv(fd_, data, size, dontWait ? MSG_DONTWAIT : 0);
     if (n > 0) {
       bytesIn_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
+      if (Tap* tap = CurrentTap()) tap->OnTcp(*this, true, data, static_cast<unsigned long>(n));
       return static_cast<unsigned long>(n);
     }
     if (n == 0) ThrowReadError(0);
@@ -213,6 +215,9 @@ void TcpSocket::Flush() {
   // the writer here longer than the stall limit.
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(stallLimitMs_, 0));
+  if (Tap* tap = CurrentTap(); tap != nullptr && !out_.empty()) {
+    tap->OnTcp(*this, false, out_.data(), out_.size());
+  }
   unsigned long sent = 0;
   while (sent < out_.size()) {
     ssize_t n = send(fd_, out_.data() + sent, out_.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);

@@ -17,6 +17,7 @@
 #include <iostream>
 #include <memory>
 #include <stdexcept>
+#include <sstream>
 #include <string>
 #include <thread>
 
@@ -28,6 +29,7 @@
 #include "client/Sandbox.h"
 #include "client/Status.h"
 #include "common/OutputFile.h"
+#include "common/Recording.h"
 #include "game/Networking.h"
 #include "orvex/net/Socket.h"
 
@@ -70,6 +72,8 @@ struct Options {
   std::string dump;
   bool quiet = false;
   std::string simulate;  // network conditions on the client's UDP socket
+  std::string record;    // the recording's path; empty: none
+  double recordLimitMb = 256;
 };
 
 int Usage(std::string reason) {
@@ -143,6 +147,36 @@ Ending Run(client::Client& client, const Options& options, gameclient::StatusLin
   return QuitEnding(client);
 }
 
+// The session's parameters for the recording's comment: never the token or the password.
+std::string SessionParameters(const Options& o) {
+  std::ostringstream text;
+  text << "game-client " << ORVEX_VERSION << " session: host " << o.host << ", port " << o.port
+       << ", fps " << o.fps << ", environment " << o.environment << ", seconds " << o.seconds
+       << ", simulate " << (o.simulate.empty() ? "off" : o.simulate);
+  return text.str();
+}
+
+std::string WelcomeNote() {
+  std::string mods;
+  for (const std::string& name : Game::_mods) mods += (mods.empty() ? "" : ",") + name;
+  return "welcome: player " + std::to_string(client::Client::GetPlayerID()) + ", user " +
+         client::Client::GetUsername() + ", mods " + (mods.empty() ? "none" : mods);
+}
+
+// Removes the tap and closes the recording, if there is one; false when it failed.
+bool FinishRecording(std::unique_ptr<recording::Recorder>& recorder, const std::string& ending) {
+  if (!recorder) return true;
+  orvex::net::SetTap(nullptr);
+  try {
+    recorder->Close(ending);
+  } catch (const std::exception& e) {
+    std::cerr << "game-client: recording: " << e.what() << std::endl;
+    return false;
+  }
+  recorder.reset();
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -171,6 +205,13 @@ int main(int argc, char** argv) {
   app.add_flag("--quiet", options.quiet, "no status line or summary on standard error");
   app.add_option("--simulate", options.simulate,
                  "network conditions on the client's UDP socket, e.g. loss=10%,delay=40ms,seed=7");
+  app.add_option("--record", options.record,
+                 "record the session (what the server sent, what the client sent, with their "
+                 "times) as a pcapng capture to this file; never the token or the password");
+  app.add_option("--record-limit", options.recordLimitMb,
+                 "stop recording when the file reaches this many MB (the session goes on)")
+      ->capture_default_str()
+      ->check(CLI::Range(1.0, 1e6));
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -198,6 +239,22 @@ int main(int argc, char** argv) {
     return Usage(e.what());
   }
 
+  std::unique_ptr<recording::Recorder> recorder;
+  if (!options.record.empty()) {
+    const double limitMb = options.recordLimitMb;
+    try {
+      recorder = std::make_unique<recording::Recorder>(
+          options.record, static_cast<uint64_t>(limitMb * 1e6), SessionParameters(options),
+          [limitMb] {
+            std::cerr << "game-client: recording stopped at its limit of " << limitMb
+                      << " MB (--record-limit); the session goes on unrecorded" << std::endl;
+          });
+    } catch (const std::runtime_error& e) {
+      return Usage(e.what());
+    }
+    orvex::net::SetTap(recorder.get());
+  }
+
   InstallSignalHandlers();
   Game::parentEnvironmentId = options.parentEnvironment;
   Game::relativeEnvironmentId = options.relativeEnvironment;
@@ -211,9 +268,11 @@ int main(int argc, char** argv) {
       std::cerr << "game-client: could not join " << options.host << " port " << options.port << ":"
                 << std::endl;
     }
+    FinishRecording(recorder, std::string("the connection failed: ") + e.what());
     std::cerr << e.what() << std::endl;
     return kConstructorFailed;
   }
+  if (recorder) recorder->Note(WelcomeNote());
   connecting.store(false);
 
   for (const std::string& name : Game::_mods) {
@@ -253,6 +312,7 @@ int main(int argc, char** argv) {
   identity.ending = ending.text;
   gameclient::Figures figures = gameclient::Measure(*client);
   client.reset();
+  if (!FinishRecording(recorder, "the run ended (" + ending.text + ")")) failed = true;
   try {
     Game::RunSynchronized();
   } catch (const std::exception& e) {
