@@ -15,7 +15,8 @@ namespace orvex::net {
 class Tap {
  public:
   virtual ~Tap() = default;
-  // `received`: bytes one recv took in, in the order the reader gets them. Otherwise: one
+  // `received`: bytes one Read or ReadSome handed to the reader: what the socket's user
+  // took, in order (bytes that arrived and were never read do not show). Otherwise: one
   // flush's bytes, as the writer hands them to the kernel.
   virtual void OnTcp(const TcpSocket& socket, bool received, const unsigned char* data,
                      unsigned long size) = 0;

@@ -147,7 +147,6 @@ unsigned long TcpSocket::Receive(unsigned char* data, unsigned long size, bool d
     ssize_t n = recv(fd_, data, size, dontWait ? MSG_DONTWAIT : 0);
     if (n > 0) {
       bytesIn_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
-      if (Tap* tap = CurrentTap()) tap->OnTcp(*this, true, data, static_cast<unsigned long>(n));
       return static_cast<unsigned long>(n);
     }
     if (n == 0) ThrowReadError(0);
@@ -163,6 +162,8 @@ void TcpSocket::Fill() {
 }
 
 void TcpSocket::Read(unsigned char* data, unsigned long size) {
+  unsigned char* const start = data;
+  const unsigned long asked = size;
   while (size > 0) {
     if (inPos_ == inEnd_) {
       // A read at least as large as the buffer skips the extra copy.
@@ -180,14 +181,20 @@ void TcpSocket::Read(unsigned char* data, unsigned long size) {
     data += n;
     size -= n;
   }
+  if (Tap* tap = CurrentTap(); tap != nullptr && asked > 0) tap->OnTcp(*this, true, start, asked);
 }
 
 unsigned long TcpSocket::ReadSome(unsigned char* data, unsigned long size) {
   if (size == 0) return 0;
-  if (inPos_ == inEnd_) return Receive(data, size, true);
-  unsigned long n = std::min(size, inEnd_ - inPos_);
-  std::memcpy(data, in_.data() + inPos_, n);
-  inPos_ += n;
+  unsigned long n;
+  if (inPos_ == inEnd_) {
+    n = Receive(data, size, true);
+  } else {
+    n = std::min(size, inEnd_ - inPos_);
+    std::memcpy(data, in_.data() + inPos_, n);
+    inPos_ += n;
+  }
+  if (Tap* tap = CurrentTap(); tap != nullptr && n > 0) tap->OnTcp(*this, true, data, n);
   return n;
 }
 

@@ -183,7 +183,7 @@ void CaptureFile::Frame(uint8_t protocol, const Bytes& transport) {
   Pad(packet);
   Block(kPacket, packet, comment_);
   comment_.clear();
-  time_ += 1000;
+  if (ticking_) time_ += 1000;
 }
 
 TcpConnection::TcpConnection(CaptureFile& file, uint16_t clientPort, uint16_t serverPort)

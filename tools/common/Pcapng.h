@@ -30,7 +30,10 @@ class CaptureFile {
 
   // The time of the frames that follow, in microseconds since 1970. Without it the frames
   // are one millisecond apart from a fixed moment, so that the file is the same every run.
-  void SetTime(uint64_t microseconds) { time_ = microseconds; }
+  void SetTime(uint64_t microseconds) {
+    time_ = microseconds;
+    ticking_ = false;
+  }
   // A comment for the next frame only.
   void CommentNextFrame(const std::string& comment) { comment_ = comment; }
 
@@ -50,6 +53,7 @@ class CaptureFile {
 
   std::FILE* file_ = nullptr;
   uint64_t time_;
+  bool ticking_ = true;  // one millisecond per frame, until SetTime
   uint64_t size_ = 0;
   std::string comment_;
   uint16_t ipId_ = 1;

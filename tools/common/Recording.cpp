@@ -43,18 +43,30 @@ Recorder::Recorder(const std::string& path, uint64_t limitBytes, const std::stri
       start_(Clock::now()),
       startMicroseconds_(Microseconds(std::chrono::system_clock::now())) {}
 
-bool Recorder::Admit(size_t bytes) {
+uint64_t Recorder::Now() const {
+  return startMicroseconds_ +
+         static_cast<uint64_t>(
+             std::chrono::duration_cast<std::chrono::microseconds>(Clock::now() - start_).count());
+}
+
+bool Recorder::Admit(size_t bytes, uint64_t time) {
   if (full_) return false;
   if (file_.Size() + bytes + kFrameOverhead > limit_) {
     full_ = true;
     if (onFull_) onFull_();
     return false;
   }
-  file_.SetTime(startMicroseconds_ + static_cast<uint64_t>(
-                                         std::chrono::duration_cast<std::chrono::microseconds>(
-                                             Clock::now() - start_)
-                                             .count()));
+  file_.SetTime(time != 0 ? time : Now());
   return true;
+}
+
+void Recorder::FlushReceived() {
+  for (size_t at = 0; at < received_.size(); at += kSegment) {
+    const size_t n = std::min(kSegment, received_.size() - at);
+    if (!Admit(n, receivedTime_)) break;
+    tcp_->FromServer(Bytes(received_.begin() + long(at), received_.begin() + long(at + n)));
+  }
+  received_.clear();
 }
 
 void Recorder::Note(const std::string& comment) {
@@ -62,8 +74,8 @@ void Recorder::Note(const std::string& comment) {
   file_.CommentNextFrame(comment);
 }
 
-void Recorder::OnTcp(const orvex::net::TcpSocket& socket, bool received,
-                     const unsigned char* data, unsigned long size) {
+void Recorder::OnTcp(const orvex::net::TcpSocket& socket, bool received, const unsigned char* data,
+                     unsigned long size) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (tcpSocket_ == nullptr) {
     if (!Admit(3 * kFrameOverhead)) return;
@@ -72,16 +84,22 @@ void Recorder::OnTcp(const orvex::net::TcpSocket& socket, bool received,
                                                     socket.GetRemotePort());
   }
   if (&socket != tcpSocket_) return;
+  if (received) {
+    if (received_.empty()) receivedTime_ = Now();
+    received_.insert(received_.end(), data, data + size);
+    if (received_.size() >= kSegment) FlushReceived();
+    return;
+  }
+  FlushReceived();
   Bytes bytes(data, data + size);
-  if (!received && !helloSeen_) {
+  if (!helloSeen_) {
     helloSeen_ = true;
     bytes = BlankHello(data, size);
   }
   for (size_t at = 0; at < bytes.size(); at += kSegment) {
     const size_t n = std::min(kSegment, bytes.size() - at);
     if (!Admit(n)) return;
-    const Bytes segment(bytes.begin() + long(at), bytes.begin() + long(at + n));
-    received ? tcp_->FromServer(segment) : tcp_->FromClient(segment);
+    tcp_->FromClient(Bytes(bytes.begin() + long(at), bytes.begin() + long(at + n)));
   }
 }
 
@@ -92,19 +110,18 @@ void Recorder::OnDatagram(const orvex::net::UdpSocket& socket, bool received, ui
     udpSocket_ = &socket;
     udpPort_ = socket.GetLocalPort();
   }
-  if (&socket != udpSocket_ || !Admit(size)) return;
+  if (&socket != udpSocket_) return;
+  if (tcp_) FlushReceived();
+  if (!Admit(size)) return;
   const Bytes payload(data, data + size);
   received ? file_.Udp(peerPort, udpPort_, payload) : file_.Udp(udpPort_, peerPort, payload);
 }
 
 void Recorder::Close(const std::string& ending) {
   std::lock_guard<std::mutex> lock(mutex_);
-  file_.SetTime(startMicroseconds_ + static_cast<uint64_t>(
-                                         std::chrono::duration_cast<std::chrono::microseconds>(
-                                             Clock::now() - start_)
-                                             .count()));
-  file_.Close((full_ ? std::string(kCut) + "; " : std::string("recording complete; ")) +
-              ending);
+  if (tcp_) FlushReceived();
+  file_.SetTime(Now());
+  file_.Close((full_ ? std::string(kCut) + "; " : std::string("recording complete; ")) + ending);
 }
 
 Recording LoadRecording(const std::string& path) {

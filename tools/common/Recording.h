@@ -24,8 +24,10 @@ namespace recording {
 using capture::Bytes;
 
 // Records the first TCP connection and the first UDP socket of the process through the
-// engine's tap. Threads: the tap's callers (any socket thread) and the owner (Note, Close)
-// serialise on one lock; frames go to the file in the order the calls took it.
+// engine's tap: the TCP bytes the client read (so that a replay gives it nothing it did not
+// take in) and sent, the datagrams handed to it and sent by it. Threads: the tap's callers (any
+// socket thread) and the owner (Note, Close) serialise on one lock; frames go to the file in the
+// order the calls took it.
 class Recorder : public orvex::net::Tap {
  public:
   // Creates `path` (std::runtime_error when it cannot be). Once the file would grow past
@@ -46,9 +48,12 @@ class Recorder : public orvex::net::Tap {
                   const unsigned char* data, unsigned long size) override;
 
  private:
-  // REQUIRES: mutex_. Sets the frame time; false (and the limit reached) when `bytes` more
-  // do not fit.
-  bool Admit(size_t bytes);
+  // REQUIRES: mutex_. Sets the frame time to `time` (now when zero); false (and the limit
+  // reached) when `bytes` more do not fit.
+  bool Admit(size_t bytes, uint64_t time = 0);
+  // REQUIRES: mutex_. Writes the bytes read so far as segments from the server.
+  void FlushReceived();
+  uint64_t Now() const;
 
   std::mutex mutex_;
   capture::CaptureFile file_;
@@ -60,6 +65,10 @@ class Recorder : public orvex::net::Tap {
   const orvex::net::TcpSocket* tcpSocket_ = nullptr;
   std::unique_ptr<capture::TcpConnection> tcp_;
   bool helloSeen_ = false;
+  // The reader takes a message field by field: what it took since the last other event goes
+  // out as one segment, stamped with the moment its first byte was read.
+  Bytes received_;
+  uint64_t receivedTime_ = 0;
   const orvex::net::UdpSocket* udpSocket_ = nullptr;
   uint16_t udpPort_ = 0;
 };

@@ -71,9 +71,8 @@ std::vector<std::string> DatagramMessages(const std::vector<wire::Bytes>& datagr
       out.push_back("malformed datagram [" + Hex(d) + "]");
       continue;
     }
-    const std::string header =
-        "player " + std::to_string(datagram->playerId) + " tag " +
-        std::to_string(datagram->serverTag) + ": ";
+    const std::string header = "player " + std::to_string(datagram->playerId) + " tag " +
+                               std::to_string(datagram->serverTag) + ": ";
     for (const wire::ClientMessage& m : datagram->messages) {
       if (m.code != networking::MSG_KEEPALIVE) out.push_back(header + Describe(m));
     }

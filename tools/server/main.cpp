@@ -1,10 +1,10 @@
 // game-server: the reference game server on the command line. See docs/game-server.md.
 #include <signal.h>
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
-#include <atomic>
 #include <iostream>
 #include <sstream>
 #include <stdexcept>
@@ -151,7 +151,8 @@ int main(int argc, char** argv) {
   app.add_option("--replay", replay,
                  "play this recording (game-client --record) to one client, then exit; "
                  "--seconds bounds the wait for the client");
-  app.add_flag("--fast", replayOptions.fast, "with --replay: gaps of at most 1 ms, not as recorded");
+  app.add_flag("--fast", replayOptions.fast,
+               "with --replay: gaps of at most 1 ms, not as recorded");
 
   try {
     app.parse(argc, argv);

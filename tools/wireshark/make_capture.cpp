@@ -29,10 +29,10 @@
 
 #include "GAME_Mod.h"
 #include "client/Client.h"
+#include "common/Pcapng.h"
 #include "game/entity/ClientSideEntity.h"
 #include "server/TestServer.h"
 #include "server/Wire.h"
-#include "common/Pcapng.h"
 
 namespace {
 
