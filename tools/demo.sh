@@ -1,10 +1,11 @@
 #!/usr/bin/env bash
 # The demo: game-server with a few thousand moving entities on a free loopback port, and
 # game-client joined to it for about 15 s with its live status line; then both stop, the
-# client prints its summary and the replica is drawn as an SVG top view.
+# client prints its summary and the replica is drawn as an SVG top view. The client records
+# the session, which game-server --replay plays back (docs/replay.md).
 #   tools/demo.sh BUILD_DIR
 # Environment: DEMO_ENTITIES (default 3000), DEMO_SECONDS (default 15), DEMO_OUT (default
-# BUILD_DIR/demo), where the dump, the picture and the server's log go.
+# BUILD_DIR/demo), where the dump, the picture, the recording and the server's log go.
 set -euo pipefail
 
 BUILD=${1:?usage: tools/demo.sh BUILD_DIR}
@@ -19,9 +20,10 @@ done
 mkdir -p "$OUT"
 DUMP=$OUT/replica.json
 PICTURE=$OUT/replica.svg
+RECORDING=$OUT/session.pcapng
 SERVER_OUT=$OUT/server.out
 SERVER_LOG=$OUT/server.log
-rm -f "$DUMP" "$PICTURE" "$SERVER_OUT" "$SERVER_LOG"
+rm -f "$DUMP" "$PICTURE" "$RECORDING" "$SERVER_OUT" "$SERVER_LOG"
 
 server_pid=""
 stop_server() {
@@ -58,7 +60,7 @@ echo "demo: game-server with $ENTITIES entities on 127.0.0.1 port $port;" \
 
 client_status=0
 "$BIN/game-client" --host 127.0.0.1 --port "$port" --seconds "$SECONDS_TO_RUN" \
-  --dump "$DUMP" || client_status=$?
+  --dump "$DUMP" --record "$RECORDING" || client_status=$?
 stop_server
 
 echo "demo: server: $(grep '^game-server:' "$SERVER_LOG" | tail -n 1 | sed 's/^game-server: //')"
@@ -68,4 +70,5 @@ if ((client_status != 0)); then
 fi
 "$BIN/replica-svg" "$DUMP" "$PICTURE" >/dev/null
 echo "demo: replica dump: $DUMP"
+echo "demo: session recording: $RECORDING (to replay it: docs/replay.md)"
 echo "demo: picture of the replica (top view): $PICTURE"
