@@ -212,6 +212,7 @@ TEST(ToolsCommandLine, VersionAndBadArguments) {
       {"game-client", {"--record", "/nonexistent/r"}, "/nonexistent/r"},
       {"game-server", {"--mods", "3d_x"}, ""},
       {"game-server", {"--nonsense"}, ""},
+      {"game-server", {"--fast"}, "--replay"},
       {"game-server", {"--simulate", "loss=lots", "--port", "0", "--quiet"}, ""},
       {"game-server", {"--final-state", "/nonexistent/s"}, "/nonexistent/s" + gone},
       {"replica-svg", {"only-one-argument"}, ""},

@@ -148,11 +148,12 @@ int main(int argc, char** argv) {
   app.add_flag("--quiet", quiet, "no log lines on standard error");
   std::string replay;
   gameserver::ReplayOptions replayOptions;
-  app.add_option("--replay", replay,
-                 "play this recording (game-client --record) to one client, then exit; "
-                 "--seconds bounds the wait for the client");
-  app.add_flag("--fast", replayOptions.fast,
-               "with --replay: gaps of at most 1 ms, not as recorded");
+  CLI::Option* replayOption =
+      app.add_option("--replay", replay,
+                     "play this recording (game-client --record) to one client, then exit; "
+                     "--seconds bounds the wait for the client");
+  app.add_flag("--fast", replayOptions.fast, "with --replay: gaps of at most 1 ms, not as recorded")
+      ->needs(replayOption);
 
   try {
     app.parse(argc, argv);
