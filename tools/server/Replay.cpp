@@ -171,7 +171,8 @@ ReplayResult Replayer::Run() {
     reader.join();
     throw;
   }
-  for (int waited = 0; !clientLeft.load() && waited < kLeaveWaitMs; waited += 10) {
+  for (int waited = 0; !clientLeft.load() && !stopping_.load() && waited < kLeaveWaitMs;
+       waited += 10) {
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
   tcp_->Shutdown();
