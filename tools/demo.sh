@@ -6,7 +6,8 @@
 #   tools/demo.sh BUILD_DIR
 # Environment: DEMO_ENTITIES (default 3000), DEMO_SECONDS (default 15), DEMO_SIMULATE (the
 # client's faults, default below; empty: none), DEMO_OUT (default BUILD_DIR/demo), where the
-# dump, the pictures, the figures and the server's log go.
+# dump, the pictures, the figures, the recording and the server's log go. The client
+# records the session, which game-server --replay plays back (docs/replay.md).
 set -euo pipefail
 
 BUILD=${1:?usage: tools/demo.sh BUILD_DIR}
@@ -22,13 +23,14 @@ done
 mkdir -p "$OUT"
 DUMP=$OUT/replica.json
 PICTURE=$OUT/replica.svg
+RECORDING=$OUT/session.pcapng
 SERVER_OUT=$OUT/server.out
 SERVER_LOG=$OUT/server.log
 SERVER_STATS=$OUT/server-stats.jsonl
 CLIENT_STATS=$OUT/client-stats.jsonl
 PLOTS=$OUT/network.svg
 SERVER_STATE=$OUT/server-state.json
-rm -f "$DUMP" "$PICTURE" "$SERVER_OUT" "$SERVER_LOG" "$SERVER_STATS" "$CLIENT_STATS" "$PLOTS" "$SERVER_STATE"
+rm -f "$DUMP" "$PICTURE" "$RECORDING" "$SERVER_OUT" "$SERVER_LOG" "$SERVER_STATS" "$CLIENT_STATS" "$PLOTS" "$SERVER_STATE"
 
 server_pid=""
 stop_server() {
@@ -67,7 +69,8 @@ echo "demo: game-server with $ENTITIES entities on 127.0.0.1 port $port;" \
 
 client_status=0
 "$BIN/game-client" --host 127.0.0.1 --port "$port" --seconds "$SECONDS_TO_RUN" \
-  --dump "$DUMP" --stats "$CLIENT_STATS" --simulate "$SIMULATE" || client_status=$?
+  --dump "$DUMP" --stats "$CLIENT_STATS" --simulate "$SIMULATE" \
+  --record "$RECORDING" || client_status=$?
 stop_server
 
 echo "demo: server: $(grep ' game-server: ' "$SERVER_LOG" | tail -n 1 | sed 's/^.* game-server: //')"
@@ -125,3 +128,4 @@ unset multiplot
 PLOT
 echo "demo: per-second figures: $CLIENT_STATS, $SERVER_STATS"
 echo "demo: plots of throughput, loss, jitter, apply wait and frame time: $PLOTS"
+echo "demo: session recording: $RECORDING (to replay it: docs/replay.md)"

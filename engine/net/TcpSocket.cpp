@@ -17,6 +17,7 @@
 
 #include "net/Address.h"
 #include "net/Poll.h"
+#include "net/Tap.h"
 #include "orvex/net/Socket.h"
 
 namespace orvex::net {
@@ -161,6 +162,8 @@ void TcpSocket::Fill() {
 }
 
 void TcpSocket::Read(unsigned char* data, unsigned long size) {
+  unsigned char* const start = data;
+  const unsigned long asked = size;
   while (size > 0) {
     if (inPos_ == inEnd_) {
       // A read at least as large as the buffer skips the extra copy.
@@ -178,14 +181,20 @@ void TcpSocket::Read(unsigned char* data, unsigned long size) {
     data += n;
     size -= n;
   }
+  if (Tap* tap = CurrentTap(); tap != nullptr && asked > 0) tap->OnTcp(*this, true, start, asked);
 }
 
 unsigned long TcpSocket::ReadSome(unsigned char* data, unsigned long size) {
   if (size == 0) return 0;
-  if (inPos_ == inEnd_) return Receive(data, size, true);
-  unsigned long n = std::min(size, inEnd_ - inPos_);
-  std::memcpy(data, in_.data() + inPos_, n);
-  inPos_ += n;
+  unsigned long n;
+  if (inPos_ == inEnd_) {
+    n = Receive(data, size, true);
+  } else {
+    n = std::min(size, inEnd_ - inPos_);
+    std::memcpy(data, in_.data() + inPos_, n);
+    inPos_ += n;
+  }
+  if (Tap* tap = CurrentTap(); tap != nullptr && n > 0) tap->OnTcp(*this, true, data, n);
   return n;
 }
 
@@ -213,6 +222,9 @@ void TcpSocket::Flush() {
   // the writer here longer than the stall limit.
   const auto deadline =
       std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(stallLimitMs_, 0));
+  if (Tap* tap = CurrentTap(); tap != nullptr && !out_.empty()) {
+    tap->OnTcp(*this, false, out_.data(), out_.size());
+  }
   unsigned long sent = 0;
   while (sent < out_.size()) {
     ssize_t n = send(fd_, out_.data() + sent, out_.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);

@@ -18,6 +18,7 @@
 #include "net/Address.h"
 #include "net/NetworkSimulator.h"
 #include "net/Poll.h"
+#include "net/Tap.h"
 #include "orvex/net/Socket.h"
 
 namespace orvex::net {
@@ -138,6 +139,7 @@ void UdpSocket::Flush() {
   if (destination_.empty()) throw std::runtime_error("UDP socket has no destination");
   auto to = reinterpret_cast<const sockaddr*>(destination_.data());
   auto toLength = static_cast<socklen_t>(destination_.size());
+  if (Tap* tap = CurrentTap()) tap->OnDatagram(*this, false, remotePort_, out_.data(), out_.size());
   if (simulator_ && simulator_->SimulatesOut()) {
     simulator_->Send(to, toLength, out_.data(), out_.size());
     if (tap_) tap_->Simulation(false, Totals(simulator_->OutStats()));
@@ -274,6 +276,7 @@ void UdpSocket::Deliver(const void* sender, unsigned int senderLength, const uns
     incomingAddress_ = AddressText(static_cast<const sockaddr*>(sender));
     incomingPort_ = AddressPort(static_cast<const sockaddr*>(sender));
   }
+  if (Tap* tap = CurrentTap()) tap->OnDatagram(*this, true, incomingPort_, data, size);
   try {
     callback_(*this, filesystem::ReadOnlyStream::View(data, size));
   } catch (...) {

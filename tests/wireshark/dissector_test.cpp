@@ -45,10 +45,10 @@ TEST(Dissector, ShowsEveryFieldAsTheTableSaysOnAnyPort) {
   if (std::system("command -v tshark >/dev/null 2>&1") != 0) GTEST_SKIP() << "no tshark";
   testlib::ScratchDir dir;
   for (const std::string port : {"7777", "9123"}) {
-    testlib::ChildProcess make(MAKE_CAPTURE_PATH, {"--port", port, dir / (port + ".pcap")}, dir);
+    testlib::ChildProcess make(MAKE_CAPTURE_PATH, {"--port", port, dir / (port + ".pcapng")}, dir);
     ASSERT_EQ(make.Wait(), 0) << make.Stderr();
   }
-  const std::string capture = dir / "7777.pcap";
+  const std::string capture = dir / "7777.pcapng";
   std::vector<std::string> fields = {capture,        "-T", "fields",         "-E",
                                      "separator=/t", "-E", "occurrence=a",   "-E",
                                      "aggregator=|", "-e", "orvex.malformed"};
@@ -101,9 +101,9 @@ TEST(Dissector, ShowsEveryFieldAsTheTableSaysOnAnyPort) {
     const char* name;
     std::vector<std::string> args;
   } ways[] = {
-      {"heuristics", {dir / "9123.pcap"}},
+      {"heuristics", {dir / "9123.pcapng"}},
       {"Decode As",
-       {dir / "9123.pcap", "-o", "orvex.port:1", "-d", "tcp.port==9123,orvex", "-d",
+       {dir / "9123.pcapng", "-o", "orvex.port:1", "-d", "tcp.port==9123,orvex", "-d",
         "udp.port==9123,orvex"}},
   };
   for (const auto& way : ways) EXPECT_EQ(summary(way.args), expected) << way.name;

@@ -17,6 +17,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -31,6 +32,7 @@
 #include "client/Status.h"
 #include "common/Log.h"
 #include "common/OutputFile.h"
+#include "common/Recording.h"
 #include "game/Networking.h"
 #include "orvex/net/Socket.h"
 
@@ -74,6 +76,8 @@ struct Options {
   std::string stats;  // per-second figures as JSON Lines
   bool quiet = false;
   std::string simulate;  // network conditions on the client's UDP socket
+  std::string record;    // the recording's path; empty: none
+  double recordLimitMb = 256;
 };
 
 int Usage(std::string reason) {
@@ -150,6 +154,36 @@ Ending Run(client::Client& client, const Options& options, gameclient::NetworkSt
   return QuitEnding(client);
 }
 
+// The session's parameters for the recording's comment: never the token or the password.
+std::string SessionParameters(const Options& o) {
+  std::ostringstream text;
+  text << "game-client " << ORVEX_VERSION << " session: host " << o.host << ", port " << o.port
+       << ", fps " << o.fps << ", environment " << o.environment << ", seconds " << o.seconds
+       << ", simulate " << (o.simulate.empty() ? "off" : o.simulate);
+  return text.str();
+}
+
+std::string WelcomeNote() {
+  std::string mods;
+  for (const std::string& name : Game::_mods) mods += (mods.empty() ? "" : ",") + name;
+  return "welcome: player " + std::to_string(client::Client::GetPlayerID()) + ", user " +
+         client::Client::GetUsername() + ", mods " + (mods.empty() ? "none" : mods);
+}
+
+// Removes the tap and closes the recording, if there is one; false when it failed.
+bool FinishRecording(std::unique_ptr<recording::Recorder>& recorder, const std::string& ending) {
+  if (!recorder) return true;
+  orvex::net::SetTap(nullptr);
+  try {
+    recorder->Close(ending);
+  } catch (const std::exception& e) {
+    std::cerr << "game-client: recording: " << e.what() << std::endl;
+    return false;
+  }
+  recorder.reset();
+  return true;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -181,6 +215,13 @@ int main(int argc, char** argv) {
   app.add_flag("--quiet", options.quiet, "no status line or summary on standard error");
   app.add_option("--simulate", options.simulate,
                  "network conditions on the client's UDP socket, e.g. loss=10%,delay=40ms,seed=7");
+  app.add_option("--record", options.record,
+                 "record the session (what the server sent, what the client sent, with their "
+                 "times) as a pcapng capture to this file; never the token or the password");
+  app.add_option("--record-limit", options.recordLimitMb,
+                 "stop recording when the file reaches this many MB (the session goes on)")
+      ->capture_default_str()
+      ->check(CLI::Range(1.0, 1e6));
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& e) {
@@ -216,6 +257,21 @@ int main(int argc, char** argv) {
   std::ostream* jsonLines = options.stats.empty()  ? nullptr
                             : options.stats == "-" ? &std::cout
                                                    : &statsFile;
+  std::unique_ptr<recording::Recorder> recorder;
+  if (!options.record.empty()) {
+    const double limitMb = options.recordLimitMb;
+    try {
+      recorder = std::make_unique<recording::Recorder>(
+          options.record, static_cast<uint64_t>(limitMb * 1e6), SessionParameters(options),
+          [limitMb] {
+            std::cerr << "game-client: recording stopped at its limit of " << limitMb
+                      << " MB (--record-limit); the session goes on unrecorded" << std::endl;
+          });
+    } catch (const std::runtime_error& e) {
+      return Usage(e.what());
+    }
+    orvex::net::SetTap(recorder.get());
+  }
 
   InstallSignalHandlers();
   Game::parentEnvironmentId = options.parentEnvironment;
@@ -230,9 +286,11 @@ int main(int argc, char** argv) {
       std::cerr << tools::LogHead("game-client", tools::Level::kError) << "could not join "
                 << options.host << " port " << options.port << ":" << std::endl;
     }
+    FinishRecording(recorder, std::string("the connection failed: ") + e.what());
     std::cerr << e.what() << std::endl;
     return kConstructorFailed;
   }
+  if (recorder) recorder->Note(WelcomeNote());
   connecting.store(false);
 
   for (const std::string& name : Game::_mods) {
@@ -277,6 +335,7 @@ int main(int argc, char** argv) {
   gameclient::Figures figures = gameclient::Measure(*client);
   monitor.Finish(*client);
   client.reset();
+  if (!FinishRecording(recorder, "the run ended (" + ending.text + ")")) failed = true;
   try {
     Game::RunSynchronized();
   } catch (const std::exception& e) {

@@ -1,6 +1,7 @@
 // game-server: the reference game server on the command line. See docs/game-server.md.
 #include <signal.h>
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdint>
@@ -10,6 +11,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <CLI/CLI.hpp>
@@ -18,10 +20,14 @@
 #include "common/OutputFile.h"
 #include "server/GameServer.h"
 #include "server/Stats.h"
+#include "server/Replay.h"
 
 namespace {
 
 constexpr int kUsageError = 64;
+constexpr int kFailed = 1;
+constexpr int kReplayDiffers = 3;
+constexpr int kBadRecording = 65;
 
 std::vector<std::string> SplitList(const std::string& text) {
   std::vector<std::string> items;
@@ -35,6 +41,70 @@ std::vector<std::string> SplitList(const std::string& text) {
 int Usage(const std::string& reason) {
   std::cerr << "game-server: " << reason << std::endl;
   return kUsageError;
+}
+
+// Waits for SIGINT or SIGTERM (blocked in every thread) until `done`; true when one came.
+template <typename Done>
+bool WaitForSignal(const sigset_t& signals, Done done) {
+  while (!done()) {
+    timespec wait{0, 50 * 1000 * 1000};
+    if (sigtimedwait(&signals, nullptr, &wait) > 0) return true;
+  }
+  return false;
+}
+
+// game-server --replay: plays a recording to one client. See docs/replay.md.
+int Replay(const std::string& path, const gameserver::ReplayOptions& options, bool quiet,
+           const sigset_t& signals) {
+  recording::Recording recording;
+  try {
+    recording = recording::LoadRecording(path);
+  } catch (const std::exception& e) {
+    std::cerr << "game-server: cannot replay " << e.what() << std::endl;
+    return kBadRecording;
+  }
+  if (!recording.complete && !quiet) {
+    std::cerr << "game-server: " << path << " ends before the session did ("
+              << (recording.ending.empty() ? "not closed" : recording.ending)
+              << "); the client's traffic is compared up to its end" << std::endl;
+  }
+  gameserver::Replayer replayer(std::move(recording), options);
+  try {
+    replayer.Start();
+  } catch (const std::exception& e) {
+    std::cerr << "game-server: " << e.what() << std::endl;
+    return kFailed;
+  }
+  std::cout << replayer.Port() << std::endl;
+  std::atomic<bool> done{false};
+  gameserver::ReplayResult result;
+  std::string failure;
+  std::thread player([&] {
+    try {
+      result = replayer.Run();
+    } catch (const std::exception& e) {
+      failure = e.what();
+    }
+    done.store(true);
+  });
+  if (WaitForSignal(signals, [&] { return done.load(); })) replayer.Stop();
+  player.join();
+  if (!failure.empty()) {
+    std::cerr << "game-server: replay of " << path << ": " << failure << std::endl;
+    return kFailed;
+  }
+  const std::string sent = "sent " + std::to_string(result.tcpBytes) + " TCP bytes and " +
+                           std::to_string(result.datagrams) + " datagrams";
+  if (!result.difference.empty()) {
+    std::cerr << "game-server: replay of " << path << ": " << sent
+              << "; the client differs from the recording at " << result.difference << std::endl;
+    return kReplayDiffers;
+  }
+  if (!quiet) {
+    std::cerr << "game-server: replay of " << path << ": " << sent
+              << "; the client's messages match the recording" << std::endl;
+  }
+  return 0;
 }
 
 }  // namespace
@@ -84,6 +154,14 @@ int main(int argc, char** argv) {
                  "write what was sent to each client as one JSON line a second to this file "
                  "(-: standard output, after the port line)");
   app.add_flag("--quiet", quiet, "no log lines on standard error");
+  std::string replay;
+  gameserver::ReplayOptions replayOptions;
+  CLI::Option* replayOption =
+      app.add_option("--replay", replay,
+                     "play this recording (game-client --record) to one client, then exit; "
+                     "--seconds bounds the wait for the client");
+  app.add_flag("--fast", replayOptions.fast, "with --replay: gaps of at most 1 ms, not as recorded")
+      ->needs(replayOption);
 
   try {
     app.parse(argc, argv);
@@ -117,6 +195,13 @@ int main(int argc, char** argv) {
   sigaddset(&stopSignals, SIGINT);
   sigaddset(&stopSignals, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+  if (!replay.empty()) {
+    replayOptions.host = options.host;
+    replayOptions.port = options.port;
+    // --seconds bounds the wait for the client; the replay itself runs to its end.
+    if (seconds > 0) replayOptions.acceptTimeoutMs = static_cast<int>(seconds * 1000);
+    return Replay(replay, replayOptions, quiet, stopSignals);
+  }
 
   try {
     gameserver::GameServer server(options);

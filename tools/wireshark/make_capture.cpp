@@ -29,10 +29,10 @@
 
 #include "GAME_Mod.h"
 #include "client/Client.h"
+#include "common/Pcapng.h"
 #include "game/entity/ClientSideEntity.h"
 #include "server/TestServer.h"
 #include "server/Wire.h"
-#include "wireshark/Pcap.h"
 
 namespace {
 
@@ -191,7 +191,7 @@ ClientBytes RecordClient() {
 }
 
 void WriteCapture(const std::string& path, const ClientBytes& client, uint16_t serverPort) {
-  capture::PcapFile file(path);
+  capture::CaptureFile file(path);
   const uint16_t clientPort = 40001, clientUdpPort = 40002;
   const Id none{};
   const ModuleID ship("CORE_ship"), chat(kChatMod);
@@ -284,9 +284,9 @@ void WriteCapture(const std::string& path, const ClientBytes& client, uint16_t s
 int main(int argc, char** argv) {
   std::string path;
   uint16_t port = 7777;
-  CLI::App app{"Writes a deterministic pcap capture of the protocol, made with the real client."};
+  CLI::App app{"Writes a deterministic pcapng capture of the protocol, made with the real client."};
   app.set_version_flag("--version", std::string("make_capture ") + ORVEX_VERSION);
-  app.add_option("output", path, "the pcap file to write")->required();
+  app.add_option("output", path, "the pcapng file to write")->required();
   app.add_option("--port", port, "the server's port in the capture")->capture_default_str();
   try {
     app.parse(argc, argv);

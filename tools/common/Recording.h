@@ -1,0 +1,100 @@
+// Session recordings: what a client and its server said to each other, as a capture file
+// (common/Pcapng.h) that Wireshark reads and game-server --replay plays back.
+//
+// A recording holds one TCP connection (the client's port to the server's) and the
+// datagrams between the client's UDP port and the server's port, every frame stamped with
+// the moment the engine's socket took it in or sent it. The section header's comment holds
+// the session's parameters, the closing block's comment how the session and the recording
+// ended. The hello's token and password are never written: their counts become zero.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "common/Pcapng.h"
+#include "net/Tap.h"
+
+namespace recording {
+
+using capture::Bytes;
+
+// Records the first TCP connection and the first UDP socket of the process through the
+// engine's tap: the TCP bytes the client read (so that a replay gives it nothing it did not
+// take in) and sent, the datagrams handed to it and sent by it. Threads: the tap's callers (any
+// socket thread) and the owner (Note, Close) serialise on one lock; frames go to the file in the
+// order the calls took it.
+class Recorder : public orvex::net::Tap {
+ public:
+  // Creates `path` (std::runtime_error when it cannot be). Once the file would grow past
+  // `limitBytes`, nothing more is recorded and `onFull` is called once, on the thread that
+  // hit the limit; everything before stays in the file.
+  Recorder(const std::string& path, uint64_t limitBytes, const std::string& parameters,
+           std::function<void()> onFull);
+
+  // A comment for the next frame that is recorded.
+  void Note(const std::string& comment);
+  // Writes the closing block with `ending` and closes the file; throws std::runtime_error
+  // when a write failed. REQUIRES: the tap is no longer installed.
+  void Close(const std::string& ending);
+
+  void OnTcp(const orvex::net::TcpSocket& socket, bool received, const unsigned char* data,
+             unsigned long size) override;
+  void OnDatagram(const orvex::net::UdpSocket& socket, bool received, uint16_t peerPort,
+                  const unsigned char* data, unsigned long size) override;
+
+ private:
+  // REQUIRES: mutex_. Sets the frame time to `time` (now when zero); false (and the limit
+  // reached) when `bytes` more do not fit.
+  bool Admit(size_t bytes, uint64_t time = 0);
+  // REQUIRES: mutex_. Writes the bytes read so far as segments from the server.
+  void FlushReceived();
+  uint64_t Now() const;
+
+  std::mutex mutex_;
+  capture::CaptureFile file_;
+  const uint64_t limit_;
+  std::function<void()> onFull_;
+  bool full_ = false;
+  const std::chrono::steady_clock::time_point start_;
+  const uint64_t startMicroseconds_;
+  const orvex::net::TcpSocket* tcpSocket_ = nullptr;
+  std::unique_ptr<capture::TcpConnection> tcp_;
+  bool helloSeen_ = false;
+  // The reader takes a message field by field: what it took since the last other event goes
+  // out as one segment, stamped with the moment its first byte was read.
+  Bytes received_;
+  uint64_t receivedTime_ = 0;
+  const orvex::net::UdpSocket* udpSocket_ = nullptr;
+  uint16_t udpPort_ = 0;
+};
+
+// The hello with its token and password counts set to zero and their bytes left out (the
+// password marker stays when there was one).
+Bytes BlankHello(const uint8_t* data, size_t size);
+
+// A recording read back, for a replay: the traffic in the order it was recorded.
+struct Item {
+  enum Kind : uint8_t { kServerTcp, kServerDatagram, kClientTcp, kClientDatagram };
+  Kind kind;
+  uint64_t time;  // microseconds since 1970
+  Bytes bytes;
+};
+
+struct Recording {
+  std::string parameters;  // the section header's comment
+  std::string ending;      // the closing comment; empty when the file was not closed
+  bool complete = false;   // closed, and not cut at the size limit
+  uint16_t serverPort = 0;
+  std::vector<Item> items;
+};
+
+// Reads a recording. A file that is not one, or is damaged, throws std::runtime_error with
+// one line naming the file and what is wrong.
+Recording LoadRecording(const std::string& path);
+
+}  // namespace recording

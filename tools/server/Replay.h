@@ -1,0 +1,76 @@
+// A recorded session played back to a real client, as its server would: the recorded
+// welcome answers the hello, then the recorded TCP bytes and datagrams follow in the order
+// the recording client saw them, with their recorded spacing (or, fast, with gaps of at
+// most a millisecond). What the client sends back is compared with what the recording
+// client sent: the module's own bytes depend only on its input and frames.
+//
+// Threads: Run on one thread; the connection's reader thread and the UDP delivery thread
+// collect the client's traffic under mutex_; Stop from any thread.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "common/Recording.h"
+#include "server/Wire.h"
+
+namespace orvex::net {
+class TcpListener;
+class TcpSocket;
+class UdpSocket;
+}  // namespace orvex::net
+
+namespace gameserver {
+
+struct ReplayOptions {
+  std::string host = "127.0.0.1";
+  uint16_t port = 0;  // 0: a free port
+  bool fast = false;
+  int acceptTimeoutMs = -1;  // how long to wait for the client; negative: until Stop
+};
+
+struct ReplayResult {
+  uint64_t tcpBytes = 0, datagrams = 0;  // sent to the client
+  std::string difference;                // the first one; empty when the client matched
+};
+
+class Replayer {
+ public:
+  Replayer(recording::Recording recording, ReplayOptions options);
+  ~Replayer();
+  Replayer(const Replayer&) = delete;
+  Replayer& operator=(const Replayer&) = delete;
+
+  // Binds TCP and UDP to one port; throws std::runtime_error.
+  void Start();
+  uint16_t Port() const { return port_; }
+  // Plays the recording to the first client that connects and returns once it has left.
+  // Throws std::runtime_error when no client came or the replay was stopped.
+  ReplayResult Run();
+  void Stop();
+
+ private:
+  void Stream(ReplayResult& result);
+  std::string Compare() const;
+
+  recording::Recording recording_;
+  ReplayOptions options_;
+  uint16_t port_ = 0;
+  std::unique_ptr<orvex::net::TcpListener> listener_;
+  std::unique_ptr<orvex::net::UdpSocket> udp_;
+  std::unique_ptr<orvex::net::TcpSocket> tcp_;
+  std::atomic<bool> stopping_{false};
+
+  mutable std::mutex mutex_;
+  std::condition_variable heard_;
+  bool datagramAddressKnown_ = false;
+  wire::Bytes clientTcp_;  // after the hello
+  std::vector<wire::Bytes> clientDatagrams_;
+  std::string helloDifference_;
+};
+
+}  // namespace gameserver
