@@ -4,11 +4,14 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <iostream>
 #include <mutex>
 #include <streambuf>
+#include <utility>
 
 #include "GAME_Mod.h"
+#include "Game.h"
 #include "game/entity/ClientSideEntity.h"
 #include "game/graphics/Renderer.h"
 
@@ -53,9 +56,9 @@ struct FuzzInterface : ClientSideEntity::Interface {
   }
 };
 
-}  // namespace
-
 void Start() {
+  static bool started = false;
+  if (std::exchange(started, true)) return;
   // Lives for the whole process: std::cerr may be written during exit.
   std::cerr.rdbuf(new LineFilter());
   for (const char* name : {kShip, kStatic, "FUZZ_none", "FUZZ_probe"}) {
@@ -78,48 +81,60 @@ void Start() {
   }
 }
 
+testserver::TestServer& Server() {
+  static testserver::TestServer& server = *new testserver::TestServer();  // never destroyed
+  return server;
+}
+
+// Serves one connection on a helper thread: reads the hello and answers `reply`; then with
+// `close` ends its side and requires the client to close too, without keeps it open for good.
+std::future<void> Serve(Bytes reply, bool close) {
+  Start();
+  return std::async(std::launch::async, [reply = std::move(reply), close] {
+    std::unique_ptr<testserver::TestConnection> connection;
+    try {
+      connection = Server().Accept(kServeTimeoutMs);
+      connection->ReadHello(0);
+      connection->Send(reply);
+      static testserver::TestConnection* open = nullptr;  // never destroyed, still reachable
+      if (!close) return void(open = connection.release());
+      connection->Close();
+    } catch (const std::runtime_error&) {
+      // A client that gave up on the connection first must still close it.
+      if (!connection) Fail("the client did not connect");
+    }
+    if (!connection->WaitClosed(kServeTimeoutMs)) {
+      Fail("the client kept a finished connection open");
+    }
+  });
+}
+
+}  // namespace
+
 void Fail(const std::string& what) {
   WriteStderr("fuzz harness: " + what + "\n");
   __builtin_trap();
 }
 
-LoopbackServer::LoopbackServer()
-    : thread_([this] {
-        for (std::unique_ptr<testserver::TestConnection> open;;) {
-          std::unique_lock<std::mutex> lock(mutex_);
-          changed_.wait(lock, [this] { return armed_.has_value(); });
-          const auto [reply, close] = std::move(*armed_);
-          armed_.reset();
-          lock.unlock();
-          std::unique_ptr<testserver::TestConnection> connection;
-          try {
-            connection = server_.Accept(kServeTimeoutMs);
-            connection->ReadHello(0);
-            connection->Send(reply);
-            close ? connection->Close() : void(open = std::move(connection));
-          } catch (const std::runtime_error&) {
-            // A client that gave up on the connection first must still close it.
-            if (!connection) Fail("the client did not connect");
-          }
-          if (connection && !connection->WaitClosed(kServeTimeoutMs)) {
-            Fail("the client kept a finished connection open");
-          }
-          lock.lock();
-          served_ = true;
-          changed_.notify_all();
-        }
-      }) {}
-
-void LoopbackServer::Arm(Bytes reply, bool close) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  armed_.emplace(std::move(reply), close);
-  served_ = false;
-  changed_.notify_all();
+void Connect(const Bytes& reply, const std::function<void(client::Client&)>& run,
+             const std::function<void(const std::runtime_error&)>& refused) {
+  std::future<void> served = Serve(reply, true);
+  try {
+    client::Client client("127.0.0.1", Server().Port(), "token", "");
+    run(client);
+  } catch (const std::runtime_error& failure) {
+    refused(failure);
+  }
+  served.get();
+  Game::ResetEntities();
+  Game::Reset();
 }
 
-void LoopbackServer::WaitServed() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait(lock, [this] { return served_; });
+client::Client& ConnectedClient(const Bytes& reply) {
+  std::future<void> served = Serve(reply, false);
+  client::Client& client = *new client::Client("127.0.0.1", Server().Port(), "token", "");
+  served.get();
+  return client;
 }
 
 }  // namespace fuzz

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cmath>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "ClientSession.h"
@@ -41,7 +40,7 @@ class DatagramIntake : public testing::Test, public ClientFixture {
     session = std::make_unique<Session>();
     session->LearnDatagramAddress();
   }
-  const client::Counters& Counters() { return session->Client().GetCounters(); }
+  const client::Counters& Counters() { return session->client->GetCounters(); }
 
   game::entity::ClientSideEntity::Ptr ship;
 };
@@ -94,7 +93,7 @@ TEST_F(DatagramIntake, DropReasons) {
     EXPECT_EQ(Game::timestamp, 1.0);
     EXPECT_EQ(captured.Text(), row.text);
     StderrCapture quiet;
-    session->Client().Send();
+    session->client->Send();
     EXPECT_EQ(Game::QuitRequested(), !row.signOfLife);
   }
 }
@@ -133,15 +132,10 @@ using game::entity::Id;
 using game::entity::Orientation;
 using orvex::filesystem::ReadOnlyStream;
 
-wire::TransformRecord Record(Id id, glm::dvec3 position, Orientation turn = {}) {
-  return {id, position, {float(turn.w), float(turn.x), float(turn.y), float(turn.z)}};
-}
-
-void RunTransforms(const std::vector<wire::TransformRecord>& records, int32_t divisor = 1,
-                   Id parent = {}, bool foreign = false) {
+void RunTransforms(const std::vector<wire::TransformRecord>& records, Id parent = {}) {
   const Bytes datagram = wire::TransformsDatagram({}, Id{}, records);
   const Bytes body(datagram.begin() + wire::kTransformsHeaderSize, datagram.end());
-  client::TransformPass(ReadOnlyStream(body.data(), body.size()), divisor, parent, foreign)();
+  client::TransformPass(ReadOnlyStream(body.data(), body.size()), 1, parent, false)();
 }
 
 void RunPhysics(const std::vector<wire::PhysicsRecord>& records) {
@@ -187,13 +181,10 @@ TEST_F(StatePass, TransformSnapsTargetsOrReexpresses) {
   const Orientation turn{0, 0, 1, 0}, startTurn = Rotation(60, {1, 1, 0});
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
-    ship->parentId = row.from;
-    ship->position = start;
-    ship->orientation = startTurn;
-    ship->hasTarget = row.hasTarget;
-    ship->stale = true;
+    ship->parentId = row.from, ship->position = start, ship->orientation = startTurn;
+    ship->hasTarget = row.hasTarget, ship->stale = true;
     const glm::dmat4 before = ship->GetAbsoluteTransformInEnvironment();
-    RunTransforms({Record(EntityId(1), sent, turn)}, 1, row.to);
+    RunTransforms({{EntityId(1), sent, {0, 0, 1, 0}}}, row.to);
 
     EXPECT_EQ(Id(ship->parentId), row.to);
     EXPECT_EQ(glm::dvec3(ship->targetPosition), sent);
@@ -222,7 +213,7 @@ TEST_F(StatePass, NaNEndsThePassAndKeepsWhatWasApplied) {
     std::vector<wire::PhysicsRecord> motions;
     for (uint64_t n = 1; n <= 4; ++n) {
       ships.push_back(MakeEntity(EntityId(n), "ship"));
-      transforms.push_back(Record(EntityId(n), {double(n), 0, 0}));
+      transforms.push_back({EntityId(n), {double(n), 0, 0}});
       motions.push_back({EntityId(n), {double(n), 0, 0}, {0, 0, double(n)}});
     }
     const bool physics = field >= 7;

@@ -1,4 +1,4 @@
-// TCP sockets: broken or stalled peers as errors, Poll, addresses.
+// TCP sockets: broken or stalled peers as errors, Poll, the listener.
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -6,8 +6,8 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
-#include "Hex.h"
 #include "net/TcpListener.h"
 #include "orvex/net/Socket.h"
 
@@ -15,7 +15,7 @@ namespace {
 
 using orvex::net::TcpListener;
 using orvex::net::TcpSocket;
-using testlib::Bytes;
+using Bytes = std::vector<uint8_t>;
 
 // A connected pair over loopback.
 struct Connection {
@@ -95,10 +95,9 @@ TEST(TcpSocket, PollSeesBufferedBytesAndAReadEndsAtTheEndAStallOrAShutdown) {
   EXPECT_EQ(error, "Connection shut down");
 }
 
-TEST(TcpSocket, AddressesPrintNormalisedAndDualStackIpv4IsPlainIpv4) {
+// Addresses print as the UDP suite pins them; a listener on "::" takes IPv4 peers too.
+TEST(TcpSocket, ListenerWaitsWithoutTimeOutRefusesOnceClosedAndTakesIpv4OnDualStack) {
   Connection c;
-  EXPECT_EQ(c.client->GetRemoteAddress(), "127.0.0.1");
-  EXPECT_EQ(c.server->GetRemoteAddress(), "127.0.0.1");
   EXPECT_EQ(c.server->GetRemotePort(), c.client->GetLocalPort());
   const std::string port = std::to_string(c.listener.GetPort());
   TcpSocket pending("127.0.0.1", c.listener.GetPort(), 0, 5000);
@@ -108,8 +107,7 @@ TEST(TcpSocket, AddressesPrintNormalisedAndDualStackIpv4IsPlainIpv4) {
   EXPECT_EQ(ErrorOf([&] { TcpSocket("127.0.0.1", c.listener.GetPort(), 0, 5000); }),
             "Connection to 127.0.0.1:" + port + " failed: Connection refused");
   try {
-    Connection v6("::1"), dual("::", 5000, "127.0.0.1");
-    EXPECT_EQ(v6.server->GetRemoteAddress(), "::1");
+    Connection dual("::", 5000, "127.0.0.1");
     EXPECT_EQ(dual.server->GetRemoteAddress(), "127.0.0.1");
   } catch (const std::runtime_error& e) {
     GTEST_SKIP() << "no IPv6 loopback: " << e.what();

@@ -7,7 +7,6 @@
 #include <string>
 #include <thread>
 #include <tuple>
-#include <vector>
 
 #include "FakeClock.h"
 #include "Wait.h"

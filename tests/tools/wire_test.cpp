@@ -31,10 +31,6 @@ Bytes Parse(const std::string& text) {
   return bytes;
 }
 
-Bytes Head(const Bytes& bytes, size_t n) {
-  return Bytes(bytes.begin(), bytes.begin() + long(n));
-}
-
 // What a reader made of client bytes: "ok", "incomplete", "truncated" or "error: <what>".
 std::string Read(char kind, const Bytes& bytes) {
   try {
@@ -122,7 +118,8 @@ TEST(WireClientToServer, ReadersRefuseHostileAndCutInput) {
     Bytes input;
     std::string expected;
   } rows[] = {
-      {"token count 65, refused before its bytes", 'H', Head(Hello(std::string(65, 't')), 17),
+      {"token count 65, refused before its bytes", 'H',
+       testlib::Prefix(Hello(std::string(65, 't')), 17),
        "error: hello token of 65 bytes is over the limit of 64 bytes"},
       {"a byte other than the marker", 'H', wire::Join({Hello("t"), {0x43}}),
        "error: hello: byte 0x43 after the token, where only the password marker 0x06 may follow"},
@@ -147,7 +144,7 @@ TEST(WireClientToServer, ReadersRefuseHostileAndCutInput) {
               {'M', wire::Join({testlib::ActionRecord(id, {0xAA}), module}), 22}};
   for (const auto& c : cuts) {
     for (size_t cut = 1; cut < c.whole.size(); ++cut) {
-      const std::string read = Read(c.kind, Head(c.whole, cut));
+      const std::string read = Read(c.kind, testlib::Prefix(c.whole, cut));
       EXPECT_EQ(read, cut == c.whole_at ? "ok"
                       : c.kind == 'M'   ? "truncated"
                                         : "incomplete")
