@@ -59,26 +59,25 @@ struct FuzzInterface : ClientSideEntity::Interface {
 void Start() {
   static bool started = false;
   if (std::exchange(started, true)) return;
-  // Lives for the whole process: std::cerr may be written during exit.
-  std::cerr.rdbuf(new LineFilter());
-  for (const char* name : {kShip, kStatic, "FUZZ_none", "FUZZ_probe"}) {
+  std::cerr.rdbuf(new LineFilter());  // lives for the whole process: cerr is written during exit
+  for (const char* name : {kShip, kStatic}) {
     auto mod = std::make_shared<GAME_Mod>(name);
-    if (name == kShip || name == kStatic) {
-      mod->supplyInterface = [driven = name == kShip](ClientSideEntity& entity) {
-        entity.interface = std::make_shared<FuzzInterface>();
-        entity.renderables.push_back(std::make_shared<game::graphics::RenderableInstance>());
-        entity.serverDriven = driven;
-      };
-    } else if (std::strcmp(name, "FUZZ_probe") == 0) {
-      mod->clientMessageHandler = [](ReadOnlyStream& payload) {
-        std::string text;
-        payload.Read(text);
-        ReadOnlyStream nested = payload.ReadStream();
-        while (nested.GetBufferSize() != 0) nested.ReadValue<uint64_t>();
-      };
-    }
+    mod->supplyInterface = [driven = name == kShip](ClientSideEntity& entity) {
+      entity.interface = std::make_shared<FuzzInterface>();
+      entity.renderables.push_back(std::make_shared<game::graphics::RenderableInstance>());
+      entity.serverDriven = driven;
+    };
     GAME_Mod::Load(mod);
   }
+  auto none = std::make_shared<GAME_Mod>("FUZZ_none"),
+       probe = std::make_shared<GAME_Mod>("FUZZ_probe");
+  probe->clientMessageHandler = [](ReadOnlyStream& payload) {
+    std::string text;
+    payload.Read(text);
+    ReadOnlyStream nested = payload.ReadStream();
+    while (nested.GetBufferSize() != 0) nested.ReadValue<uint64_t>();
+  };
+  GAME_Mod::Load(none), GAME_Mod::Load(probe);
 }
 
 testserver::TestServer& Server() {

@@ -8,8 +8,7 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const auto run = [](client::Client& client) {
     if (client::Client::_instance != &client) fuzz::Fail("a built client is not the live one");
-    (void)client::Client::GetUsername();
-    (void)client::Client::GetPlayerID();
+    (void)client::Client::GetUsername(), (void)client::Client::GetPlayerID();
     if (client::Client::IsAdmin()) fuzz::Fail("a fresh client is an admin");
     for (const std::string& mod : Game::_mods) {
       if (mod.empty()) fuzz::Fail("the welcome's mod list took in an empty name");

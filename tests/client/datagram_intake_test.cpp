@@ -45,8 +45,9 @@ class DatagramIntake : public testing::Test, public ClientFixture {
   game::entity::ClientSideEntity::Ptr ship;
 };
 
-// Each row is sent 20 s after the last sign of life: a datagram that counts as one keeps
-// the send step from giving up on the server.
+// Each row is sent 20 s after the last sign of life: a datagram that counts as one keeps the send
+// step from giving up on the server. None shuts out the server's next state (found: a stranger's
+// forged sequence did).
 TEST_F(DatagramIntake, DropReasons) {
   Bytes foreignMagic = Transforms(9, 5.0);
   foreignMagic[7] = '?';
@@ -60,7 +61,7 @@ TEST_F(DatagramIntake, DropReasons) {
   } rows[] = {
       {"short", Bytes(7, 'T'), false, &client::Counters::droppedShort, false, ""},
       {"foreign magic", foreignMagic, false, &client::Counters::droppedMagic, false, ""},
-      {"foreign sender", Transforms(9, 5.0), true, &client::Counters::droppedSender, false,
+      {"foreign sender", Transforms(~0ull >> 1, 5.0), true, &client::Counters::droppedSender, false,
        "Client received UDP packet from wrong ip address\n"},
       {"stale sequence", Transforms(4, 5.0), false, &client::Counters::droppedStale, true, ""},
       {"foreign physics", Physics(9, 1.0, 77), false, &client::Counters::droppedForeign, true, ""},
@@ -86,21 +87,20 @@ TEST_F(DatagramIntake, DropReasons) {
     session->server.SendDatagram(address, session->clientPort, Bytes(7, 'T'));
     const uint64_t barrier = shortOnes + (row.counter == &client::Counters::droppedShort ? 2 : 1);
     ASSERT_TRUE(WaitUntil([&] { return Counters().droppedShort >= barrier; }));
-    if (row.counter) {
-      EXPECT_EQ(Counters().*row.counter, before + (barrier - shortOnes));
-    }
+    if (row.counter) EXPECT_EQ(Counters().*row.counter, before + (barrier - shortOnes));
     EXPECT_EQ(Game::RunSynchronized(), 0u);
     EXPECT_EQ(Game::timestamp, 1.0);
     EXPECT_EQ(captured.Text(), row.text);
     StderrCapture quiet;
     session->client->Send();
     EXPECT_EQ(Game::QuitRequested(), !row.signOfLife);
+    session->SendDatagram(Transforms(6, 2.0));
+    EXPECT_EQ(Game::RunSynchronized(), 1u);
   }
 }
 
-// One sequence counter per kind, tested only for divisor 1, where the datagram also sets
-// the server time; foreign physics moves its counter and time, then is dropped; foreign
-// transforms are taken (their records clear targets).
+// One sequence counter per kind, for divisor 1 only, which also sets the server time; foreign
+// physics moves its counter and time, then is dropped; foreign transforms are taken.
 TEST_F(DatagramIntake, SequenceAndEnvironmentSteps) {
   Start();
   const struct {
@@ -261,21 +261,6 @@ TEST_F(DatagramIntake, HostileTruncationsAreHarmlessAndTheNextWholeDatagramAppli
   EXPECT_EQ(TargetOf(1), glm::dvec3(1, 2, 3));
   EXPECT_EQ(TargetOf(2), glm::dvec3(4, 5, 6));
   EXPECT_EQ(glm::dvec3(FindEntity(EntityId(1))->velocity), glm::dvec3(1, 1, 1));
-}
-
-// Well-formed state for a real ship, with a sequence that would shut out the server's.
-TEST_F(DatagramIntake, HostileFloodFromAStrangerChangesNothing) {
-  Start();
-  StderrCapture quiet;
-  const Bytes forged = Records(~0ull >> 1, Id{}, {At(1, {99, 99, 99})});
-  for (int i = 0; i < 100; ++i) {
-    session->server.SendDatagramFrom("127.0.0.2", session->clientAddress, session->clientPort,
-                                     forged);
-  }
-  ASSERT_TRUE(WaitUntil([&] { return Counters().droppedSender == 100; }));
-  session->SendDatagram(Records(1, Id{}, {At(1, {1, 1, 1})}));
-  EXPECT_EQ(Game::RunSynchronized(), 1u);
-  EXPECT_EQ(TargetOf(1), glm::dvec3(1, 1, 1));
 }
 
 // State faster than the game thread applies it: the queue keeps to its cap by dropping the

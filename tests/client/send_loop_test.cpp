@@ -33,22 +33,16 @@ class SendLoop : public testing::Test, public ClientFixture {
   Bytes Datagram() { return session->server.NextDatagram().value().bytes; }
 };
 
-// Each queued action is one record, uploaded once, in queuing order per entity and not
-// interleaved with another entity's; only the pending flag starts an upload. The mods'
-// records follow, all in one flush after the last mod.
+// Each queued action is one record, uploaded once, in order per entity, never interleaved; only
+// the pending flag starts an upload. The mods' records follow, in one flush after the last mod.
 TEST_F(SendLoop, ActionsThenModuleRecordsLeaveInOneFlush) {
-  auto first = MakeEntity(EntityId(1), "ship");
-  auto second = MakeEntity(EntityId(2), "ship");
-  auto unflagged = MakeEntity(EntityId(3), "ship");
-  auto flaggedEmpty = MakeEntity(EntityId(4), "ship");
+  auto first = MakeEntity(EntityId(1), "ship"), second = MakeEntity(EntityId(2), "ship");
+  auto unflagged = MakeEntity(EntityId(3), "ship"), flaggedEmpty = MakeEntity(EntityId(4), "ship");
   QueueAction(*first, Pattern(3, 0x10));
   QueueAction(*second, Pattern(6, 0xB0));
   QueueAction(*first, {});
   QueueAction(*first, Pattern(300, 0x20));
-  {
-    std::lock_guard<std::mutex> lock(unflagged->actionsMutex);
-    unflagged->pendingActions.emplace_back();
-  }
+  unflagged->pendingActions.emplace_back();  // queued without raising the flag
   flaggedEmpty->hasPendingActions = true;
   LoadSendMod("TEST_alpha", [](WriteOnlyStream& r, WriteOnlyStream&) { WriteBytes(r, {5, 6}); });
   size_t arrivedBeforeLastMod = 0;
@@ -75,24 +69,18 @@ TEST_F(SendLoop, ActionsThenModuleRecordsLeaveInOneFlush) {
   EXPECT_HEX_EQ(Tcp(1), Bytes{0x03});
 }
 
-// A frame's bytes for the mods of a row. A flush of the reliable stream ends a record, one
-// of the unreliable stream sends a datagram; an unreliable payload over 1366 bytes (1400
-// with the header) is discarded.
+// A reliable flush ends a record, an unreliable one sends a datagram; an unreliable payload over
+// 1366 bytes (1400 with the header) is discarded.
 TEST_F(SendLoop, ModuleMessages) {
   const auto both = [](size_t r, size_t u) -> SendScript {  // nothing written: no record
     return [r, u](WriteOnlyStream& rs, WriteOnlyStream& us) {
-      WriteBytes(rs, Pattern(r));
-      WriteBytes(us, Pattern(u));
+      WriteBytes(rs, Pattern(r)), WriteBytes(us, Pattern(u));
     };
   };
   const SendScript flushes = [](WriteOnlyStream& r, WriteOnlyStream& u) {
     r.Flush();  // nothing written yet: no record
-    WriteBytes(r, Pattern(3));
-    r.Flush();
-    WriteBytes(r, Pattern(2));
-    WriteBytes(u, Pattern(3));
-    u.Flush();
-    WriteBytes(u, Pattern(2));
+    WriteBytes(r, Pattern(3)), r.Flush(), WriteBytes(r, Pattern(2));
+    WriteBytes(u, Pattern(3)), u.Flush(), WriteBytes(u, Pattern(2));
   };
   const Bytes keepAlive{0x03};
   const auto record = [](size_t n) { return ModuleRecord("TEST_alpha", Pattern(n)); };
@@ -163,20 +151,16 @@ TEST_F(SendLoop, KeepAlivePaces) {
   for (const auto& step : steps) {
     SCOPED_TRACE(step.name);
     FakeClock::At(step.atMs);
-    reliable = step.reliable;
-    unreliable = step.unreliable;
+    reliable = step.reliable, unreliable = step.unreliable;
     const Bytes &tcp = tcpOut[step.tcp], &udp = udpOut[step.datagram];
     EXPECT_EQ(SendFrame(), tcp.size() + udp.size());
     EXPECT_HEX_EQ(Tcp(tcp.size()), tcp);
-    if (!udp.empty()) {
-      EXPECT_HEX_EQ(Datagram(), udp);
-    }
+    if (!udp.empty()) EXPECT_HEX_EQ(Datagram(), udp);
   }
 }
 
-// The silence check starts with the first server message and allows exactly 15 s. A failed
-// check sends nothing, runs no mod, leaves the actions queued and the error alone, and every
-// later frame reaches the same verdict.
+// The silence check starts with the first server message and allows exactly 15 s. A failed check
+// sends nothing, runs no mod, leaves actions and the error alone, and every later frame agrees.
 TEST_F(SendLoop, LivenessBoundaries) {
   const struct {
     const char* name;
@@ -210,9 +194,7 @@ TEST_F(SendLoop, LivenessBoundaries) {
     EXPECT_EQ(Game::QuitRequested(), quits);
     EXPECT_EQ(modRuns, quits ? 0 : 1);
     EXPECT_EQ(bool(entity->hasPendingActions), quits);
-    if (quits) {
-      EXPECT_EQ(SendFrame(), 0u);
-    }
+    if (quits) EXPECT_EQ(SendFrame(), 0u);
     EXPECT_EQ(captured.Text(), quits ? row.line + row.line : "");
     EXPECT_EQ(client::Client::error, "earlier loss");
   }

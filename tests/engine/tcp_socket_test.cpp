@@ -19,11 +19,11 @@ using Bytes = std::vector<uint8_t>;
 
 // A connected pair over loopback.
 struct Connection {
-  explicit Connection(const std::string& host = "127.0.0.1", int stallMs = 5000,
-                      const std::string& connectHost = "")
+  // Listening on "::", the client connects over IPv4.
+  explicit Connection(const std::string& host = "127.0.0.1", int stallMs = 5000)
       : listener(host, 0),
-        client(std::make_unique<TcpSocket>(connectHost.empty() ? host : connectHost,
-                                           listener.GetPort(), 0, stallMs)),
+        client(std::make_unique<TcpSocket>(host == "::" ? "127.0.0.1" : host, listener.GetPort(), 0,
+                                           stallMs)),
         server(listener.Accept(5000)) {
     if (server == nullptr) throw std::runtime_error("no connection accepted");
   }
@@ -107,7 +107,7 @@ TEST(TcpSocket, ListenerWaitsWithoutTimeOutRefusesOnceClosedAndTakesIpv4OnDualSt
   EXPECT_EQ(ErrorOf([&] { TcpSocket("127.0.0.1", c.listener.GetPort(), 0, 5000); }),
             "Connection to 127.0.0.1:" + port + " failed: Connection refused");
   try {
-    Connection dual("::", 5000, "127.0.0.1");
+    Connection dual("::");
     EXPECT_EQ(dual.server->GetRemoteAddress(), "127.0.0.1");
   } catch (const std::runtime_error& e) {
     GTEST_SKIP() << "no IPv6 loopback: " << e.what();

@@ -1,14 +1,10 @@
-// Identifiers: module ids to the two base-37 words and back, unique ids to text.
+// Identifiers: module ids to the two base-37 words and back.
 #include "identifiers/ModuleID.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
-
-#include "game/UniqueId.h"
-#include "game/entity/Id.h"
 
 namespace {
 
@@ -54,17 +50,6 @@ TEST(ModuleId, WorkedExamples) {
       EXPECT_TRUE(row.prefix == kAny || id.prefix == row.prefix) << id.prefix;
       EXPECT_TRUE(row.word == kAny || id.name == row.word) << id.name;
     }
-  }
-}
-
-// The tag's four characters, then every hex digit of the rest; a zero second word prints nothing.
-TEST(UniqueIdText, TagThenHexDigitsAndNothingForAZeroSecondWord) {
-  game::UniqueId id;
-  std::memcpy(&id, "TAGS\x12\x34\x56\x78\x9A\xBC\xDE\xF0\x0F\xED\xCB\xA9", 16);
-  for (const std::string text : {"TAGS123456789ABCDEF00FEDCBA9", ""}) {
-    EXPECT_EQ(std::string(id), text);
-    EXPECT_EQ((game::entity::Id{id.word0, id.word1}.ToString()), text);
-    id.word1 = 0;
   }
 }
 

@@ -7,7 +7,6 @@
 #include <mutex>
 #include <stdexcept>
 
-#include "FakeClock.h"
 #include "GAME_Mod.h"
 #include "Game.h"
 #include "support/Timer.h"
@@ -113,16 +112,9 @@ void ResetClientState() {
   Timer::SetClockSourceForTesting(nullptr);
   client::Client::_instance = nullptr;
   client::Client::error.clear();
-  sendScripts = {};
-  scriptsInUse = 0;
+  sendScripts = {}, scriptsInUse = 0;
   std::lock_guard<std::mutex> lock(mutex);
   payloads.clear();
-}
-
-void ClientFixture::Fresh() {
-  session.reset();
-  ResetClientState();
-  FakeClock::Install();
 }
 
 Session::Session(bool startReceiving) {
@@ -137,12 +129,6 @@ Session::Session(bool startReceiving) {
     probesSent = probeCount;  // probes of earlier sessions in this process count too
   }
   if (startReceiving) StartReceiving();
-}
-
-Session::~Session() {
-  StopReceiving();
-  client.reset();
-  connection.reset();
 }
 
 void Session::StartReceiving() {
@@ -171,8 +157,7 @@ void Session::LearnDatagramAddress() {
     client->Send();
     while (auto datagram = server.NextDatagram(600)) {
       if (!datagram->bytes.empty() && datagram->bytes[0] == 0x07) {
-        clientAddress = datagram->address;
-        clientPort = datagram->port;
+        clientAddress = datagram->address, clientPort = datagram->port;
         break;
       }
     }

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "FakeClock.h"
 #include "Messages.h"
 #include "client/Client.h"
 #include "game/entity/ClientSideEntity.h"
@@ -47,9 +48,6 @@ ClientSideEntity::Ptr MakeEntity(game::entity::Id id, const std::string& text,
 inline ClientSideEntity::Ptr FindEntity(game::entity::Id id) {
   return ClientSideEntity::Get<ClientSideEntity>(id);
 }
-inline std::shared_ptr<RecordingInterface> RecordingOf(game::entity::Id id) {
-  return std::dynamic_pointer_cast<RecordingInterface>(FindEntity(id)->interface);
-}
 inline void QueueAction(ClientSideEntity& entity, const Bytes& payload) {
   orvex::filesystem::Stream action;
   WriteBytes(action, payload);
@@ -73,7 +71,7 @@ struct CleanClientState {
 // thread. The Send* barriers follow the bytes with a TEST_probe message and wait for it.
 struct Session {
   explicit Session(bool startReceiving = true);
-  ~Session();
+  ~Session() { StopReceiving(); }  // then the client goes, then the connection
   void StartReceiving();
   // Clears Game::isActive and joins; `wake` sends a byte so the thread sees it at once.
   void StopReceiving(bool wake = true);
@@ -94,7 +92,11 @@ struct Session {
 // Fresh() resets the state and puts the clock on the fake one (the send step's keep-alive
 // timers are process statics that must start on it); Start() then connects a session.
 struct ClientFixture {
-  void Fresh();
+  void Fresh() {
+    session.reset();
+    ResetClientState();
+    FakeClock::Install();
+  }
   void Start() {
     Fresh();
     session = std::make_unique<Session>(startReceiving);

@@ -42,11 +42,6 @@ class UdpInbox {
     return arrived_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
                              [&] { return done(received_); });
   }
-  std::vector<Bytes> Received() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return received_;
-  }
-  orvex::net::UdpSocket& Socket() { return udp_; }
 
  private:
   orvex::net::UdpSocket udp_;

@@ -12,6 +12,8 @@
 
 namespace {
 
+using namespace testlib;
+
 // "frame field value": what tshark shows for the field in that frame, repeated values
 // joined by '|'. The values come from the scenario make_capture plays and from the protocol.
 constexpr const char* kExpected = R"(4 _ws.col.Info Hello token="pilot-token" with password
@@ -31,12 +33,12 @@ constexpr const char* kExpected = R"(4 _ws.col.Info Hello token="pilot-token" wi
 
 // tshark's output for `args`, with a home of its own so that no personal preference or
 // plugin (such as an installed copy of this dissector) takes part.
-std::string Tshark(const testlib::ScratchDir& dir, std::vector<std::string> args) {
+std::string Tshark(const ScratchDir& dir, std::vector<std::string> args) {
   args.insert(
       args.begin(),
       {"-c", "HOME=\"$0\" XDG_CONFIG_HOME=\"$0\" WIRESHARK_CONFIG_DIR=\"$0\" exec tshark \"$@\"",
        dir.Path().string(), "-n", "-X", "lua_script:" DISSECTOR_PATH, "-r"});
-  testlib::ChildProcess tshark("/bin/sh", args, dir, "tshark");
+  ChildProcess tshark("/bin/sh", args, dir, "tshark");
   EXPECT_EQ(tshark.Wait(), 0) << tshark.Stderr();
   EXPECT_EQ(tshark.Stderr().find("Lua"), std::string::npos) << tshark.Stderr();
   return tshark.Stdout();
@@ -44,22 +46,22 @@ std::string Tshark(const testlib::ScratchDir& dir, std::vector<std::string> args
 
 TEST(Dissector, ShowsEveryFieldAsTheTableSaysOnAnyPort) {
   if (std::system("command -v tshark >/dev/null 2>&1") != 0) GTEST_SKIP() << "no tshark";
-  testlib::ScratchDir dir;
+  ScratchDir dir;
   for (const std::string port : {"7777", "9123"}) {
-    testlib::ChildProcess make(MAKE_CAPTURE_PATH, {"--port", port, dir / (port + ".pcap")}, dir);
+    ChildProcess make(MAKE_CAPTURE_PATH, {"--port", port, dir / (port + ".pcap")}, dir);
     ASSERT_EQ(make.Wait(), 0) << make.Stderr();
   }
   const std::string capture = dir / "7777.pcap";
   std::vector<std::string> fields = {
       capture, "-T", "fields", "-E", "separator=/t", "-E", "occurrence=a", "-E", "aggregator=|"};
   std::vector<std::pair<size_t, std::string>> table;  // frame, field
-  for (const std::string& line : testlib::Lines(kExpected)) {
+  for (const std::string& line : Lines(kExpected)) {
     auto& [frame, field] = table.emplace_back();
     std::istringstream(line) >> frame >> field;
     if (std::find(fields.begin(), fields.end(), field) == fields.end())
       fields.insert(fields.end(), {"-e", field});
   }
-  const std::vector<std::string> frames = testlib::Lines(Tshark(dir, fields));
+  const std::vector<std::string> frames = Lines(Tshark(dir, fields));
   // The cells of frame `frame`, by the field's place in the command line.
   auto value = [&](size_t frame, const std::string& field) {
     std::istringstream cells(frame - 1 < frames.size() ? frames[frame - 1] : "");
@@ -76,7 +78,7 @@ TEST(Dissector, ShowsEveryFieldAsTheTableSaysOnAnyPort) {
   EXPECT_EQ(shown, kExpected);
   // The second pass revisits frames with the state the first one recorded.
   fields.push_back("-2");
-  EXPECT_EQ(testlib::Lines(Tshark(dir, fields)), frames);
+  EXPECT_EQ(Lines(Tshark(dir, fields)), frames);
 
   // The same one-line summaries whichever way the dissector is found; the server's port
   // only shows in frames it does not take.
