@@ -95,7 +95,8 @@ std::future<void> Serve(Bytes reply, bool close) {
       connection = Server().Accept(kServeTimeoutMs);
       connection->ReadHello(0);
       connection->Send(reply);
-      static testserver::TestConnection* open = nullptr;  // never destroyed, still reachable
+      [[maybe_unused]] static testserver::TestConnection* open =
+          nullptr;  // never destroyed, still reachable
       if (!close) return void(open = connection.release());
       connection->Close();
     } catch (const std::runtime_error&) {

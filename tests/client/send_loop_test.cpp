@@ -155,7 +155,9 @@ TEST_F(SendLoop, KeepAlivePaces) {
     const Bytes &tcp = tcpOut[step.tcp], &udp = udpOut[step.datagram];
     EXPECT_EQ(SendFrame(), tcp.size() + udp.size());
     EXPECT_HEX_EQ(Tcp(tcp.size()), tcp);
-    if (!udp.empty()) EXPECT_HEX_EQ(Datagram(), udp);
+    if (!udp.empty()) {
+      EXPECT_HEX_EQ(Datagram(), udp);
+    }
   }
 }
 
@@ -194,7 +196,9 @@ TEST_F(SendLoop, LivenessBoundaries) {
     EXPECT_EQ(Game::QuitRequested(), quits);
     EXPECT_EQ(modRuns, quits ? 0 : 1);
     EXPECT_EQ(bool(entity->hasPendingActions), quits);
-    if (quits) EXPECT_EQ(SendFrame(), 0u);
+    if (quits) {
+      EXPECT_EQ(SendFrame(), 0u);
+    }
     EXPECT_EQ(captured.Text(), quits ? row.line + row.line : "");
     EXPECT_EQ(client::Client::error, "earlier loss");
   }
