@@ -2,12 +2,14 @@
 
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <future>
 #include <iostream>
 #include <mutex>
 #include <streambuf>
+#include <thread>
 #include <utility>
 
 #include "GAME_Mod.h"
@@ -57,8 +59,6 @@ struct FuzzInterface : ClientSideEntity::Interface {
 };
 
 void Start() {
-  static bool started = false;
-  if (std::exchange(started, true)) return;
   std::cerr.rdbuf(new LineFilter());  // lives for the whole process: cerr is written during exit
   for (const char* name : {kShip, kStatic}) {
     auto mod = std::make_shared<GAME_Mod>(name);
@@ -80,33 +80,50 @@ void Start() {
   GAME_Mod::Load(none), GAME_Mod::Load(probe);
 }
 
-testserver::TestServer& Server() {
-  static testserver::TestServer& server = *new testserver::TestServer();  // never destroyed
+// The run's one server thread, running each task in turn: a thread per input costs more than it.
+struct ServerThread {
+  testserver::TestServer server;
+  std::mutex mutex;
+  std::condition_variable ready;
+  std::packaged_task<void()> task;
+  std::thread thread{[this] {
+    for (std::unique_lock<std::mutex> lock(mutex);; lock.lock()) {
+      ready.wait(lock, [this] { return task.valid(); });
+      std::packaged_task<void()> next = std::move(task);
+      lock.unlock();
+      next();
+    }
+  }};
+};
+ServerThread& Server() {
+  static ServerThread& server = (Start(), *new ServerThread());  // never destroyed
   return server;
 }
 
-// Serves one connection on a helper thread: reads the hello and answers `reply`; then with
-// `close` ends its side and requires the client to close too, without keeps it open for good.
+// Serves one connection: reads the hello and answers `reply`; then with `close` ends its side
+// and requires the client to close too, without keeps it open for good.
 std::future<void> Serve(Bytes reply, bool close) {
-  Start();
-  return std::async(std::launch::async, [reply = std::move(reply), close] {
+  std::packaged_task<void()> task([reply = std::move(reply), close] {
     std::unique_ptr<testserver::TestConnection> connection;
     try {
-      connection = Server().Accept(kServeTimeoutMs);
+      connection = Server().server.Accept(kServeTimeoutMs);
       connection->ReadHello(0);
       connection->Send(reply);
-      [[maybe_unused]] static testserver::TestConnection* open =
-          nullptr;  // never destroyed, still reachable
+      [[maybe_unused]] static testserver::TestConnection* open = nullptr;  // stays reachable
       if (!close) return void(open = connection.release());
       connection->Close();
     } catch (const std::runtime_error&) {
       // A client that gave up on the connection first must still close it.
       if (!connection) Fail("the client did not connect");
     }
-    if (!connection->WaitClosed(kServeTimeoutMs)) {
-      Fail("the client kept a finished connection open");
-    }
+    if (!connection->WaitClosed(kServeTimeoutMs))
+      Fail("the client never closed a finished connection");
   });
+  std::future<void> served = task.get_future();
+  std::lock_guard<std::mutex> lock(Server().mutex);
+  Server().task = std::move(task);
+  Server().ready.notify_one();
+  return served;
 }
 
 }  // namespace
@@ -120,7 +137,7 @@ void Connect(const Bytes& reply, const std::function<void(client::Client&)>& run
              const std::function<void(const std::runtime_error&)>& refused) {
   std::future<void> served = Serve(reply, true);
   try {
-    client::Client client("127.0.0.1", Server().Port(), "token", "");
+    client::Client client("127.0.0.1", Server().server.Port(), "token", "");
     run(client);
   } catch (const std::runtime_error& failure) {
     refused(failure);
@@ -132,7 +149,7 @@ void Connect(const Bytes& reply, const std::function<void(client::Client&)>& run
 
 client::Client& ConnectedClient(const Bytes& reply) {
   std::future<void> served = Serve(reply, false);
-  client::Client& client = *new client::Client("127.0.0.1", Server().Port(), "token", "");
+  client::Client& client = *new client::Client("127.0.0.1", Server().server.Port(), "token", "");
   served.get();
   return client;
 }

@@ -22,8 +22,7 @@ inline constexpr const char* kStatic = "FUZZ_static";
 
 // A client of a loopback server that answers the hello with `reply`, closes and requires the
 // client to close too; `run` gets it, `refused` the constructor's failure; the game is reset after.
-// The first call loads the fuzz mods and lets only "ASSERTION FAILED" lines through std::cerr
-// (ORVEX_FUZZ_VERBOSE=1: all).
+// The first call loads the fuzz mods and filters std::cerr (ORVEX_FUZZ_VERBOSE=1 lets all through).
 void Connect(const Bytes& reply, const std::function<void(client::Client&)>& run,
              const std::function<void(const std::runtime_error&)>& refused);
 // A client, never destroyed, of a server that answered the hello with `reply` and stays open.

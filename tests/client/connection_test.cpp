@@ -25,8 +25,7 @@ class Connection : public testing::Test, public ClientFixture {};
 // What a hostile count may not move: the growth of the process's peak resident memory.
 long PeakResidentMb() {
   rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss / 1024;
+  return getrusage(RUSAGE_SELF, &usage), usage.ru_maxrss / 1024;
 }
 
 // The server's answer to the hello and the constructor's exception text. A count over its cap
@@ -275,12 +274,8 @@ TEST_F(ReliableMessages, HostileLostOrStalledConnectionEndsTheGameWithDisconnect
       session->connection->Close();
       ASSERT_TRUE(capture.WaitFor("ERROR: Connection closed by peer"));
     }
-    EXPECT_TRUE(WaitUntil(
-        [&] {
-          session->client->Send();
-          return !client::Client::error.empty();
-        },
-        60000));
+    EXPECT_TRUE(
+        WaitUntil([&] { return session->client->Send(), !client::Client::error.empty(); }, 60000));
     EXPECT_TRUE(Game::QuitRequested());
     EXPECT_THAT(capture.Text(), HasSubstr(stalled ? "stalled" : "closed by peer"));
     session->client->Send();

@@ -20,8 +20,8 @@ using namespace testlib;
 using Counter = std::atomic<uint64_t> client::Counters::*;
 
 Bytes Transforms(uint64_t sequence, double time, int32_t divisor = 1, uint64_t environment = 10) {
-  wire::TransformRecord record{EntityId(1), glm::dvec3(time, 0, 0)};
-  return wire::TransformsDatagram({time, sequence, environment, 0, divisor}, {}, {record});
+  return wire::TransformsDatagram({time, sequence, environment, 0, divisor}, {},
+                                  {{EntityId(1), {time, 0, 0}}});
 }
 
 Bytes Physics(uint64_t sequence, double time, uint64_t environment = 10, uint64_t relative = 0) {

@@ -74,8 +74,7 @@ TEST(TcpSocket, AFlushOnABrokenConnectionFailsAndKeepsFailing) {
 TEST(TcpSocket, PollSeesBufferedBytesAndAReadEndsAtTheEndAStallOrAShutdown) {
   Connection c;
   EXPECT_EQ(c.client->Poll(20), 0);
-  c.server->WriteValue<uint64_t>(0x1111111122222222ull);
-  c.server->Flush();
+  c.server->WriteValue<uint64_t>(0x1111111122222222ull), c.server->Flush();
   ASSERT_EQ(c.client->Poll(5000), 1);
   EXPECT_EQ(c.client->ReadValue<uint32_t>(), 0x22222222u);
   EXPECT_EQ(c.client->Poll(0), 1) << "the rest sits in the receive buffer";

@@ -72,8 +72,7 @@ bool ChildProcess::Exited() {
   if (done_) return true;
   int status = 0;
   if (waitpid(pid_, &status, WNOHANG) != pid_) return false;
-  done_ = true;
-  status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  done_ = true, status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return true;
 }
 
@@ -81,13 +80,8 @@ int ChildProcess::Wait(int timeoutMs) {
   if (WaitUntil([this] { return Exited(); }, timeoutMs)) return status_;
   kill(pid_, SIGKILL);
   waitpid(pid_, nullptr, 0);
-  done_ = true;
-  status_ = -1;
+  done_ = true, status_ = -1;
   return -1;
-}
-
-void ChildProcess::Signal(int signal) {
-  kill(pid_, signal);
 }
 
 }  // namespace testlib

@@ -1,6 +1,7 @@
 // Tools run as child processes, and the scratch directory their files go to.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <filesystem>
@@ -45,7 +46,7 @@ class ChildProcess {
   // The exit status (128 + signal when killed by one), or -1 when the child had not exited
   // after `timeoutMs`: it is then killed, and the caller's check fails on the -1.
   int Wait(int timeoutMs = 30000);
-  void Signal(int signal);
+  void Signal(int signal) { kill(pid_, signal); }
   std::string Stdout() const { return ReadFile(out_); }
   std::string Stderr() const { return ReadFile(err_); }
 

@@ -1,6 +1,7 @@
 #include "ClientSession.h"
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <future>
@@ -20,7 +21,7 @@ using orvex::filesystem::WriteOnlyStream;
 constexpr const char* kProbe = "TEST_probe";
 std::mutex mutex;  // guards the probe count and the recorded payloads
 std::condition_variable probeArrived;
-size_t probeCount = 0;
+std::atomic<size_t> probeCount = 0;
 std::vector<Bytes> payloads;
 std::array<SendScript, 4> sendScripts;
 size_t scriptsInUse = 0;
@@ -124,10 +125,7 @@ Session::Session(bool startReceiving) {
   connection->ReadHello(0);  // the hello leaves in one flush
   connection->Send(Welcome());
   client = connecting.get();
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    probesSent = probeCount;  // probes of earlier sessions in this process count too
-  }
+  probesSent = probeCount;  // probes of earlier sessions in this process count too
   if (startReceiving) StartReceiving();
 }
 

@@ -22,8 +22,7 @@ class ClientTestPeer {
   // Puts both sequence counters back to their values after construction, so that a fuzzer's
   // inputs do not depend on the ones before; no datagram may be taken in meanwhile.
   static void ResetSequences(Client& client) {
-    client.lastTransformSequence = 0;
-    client.lastPhysicsSequence = 0;
+    client.lastTransformSequence = client.lastPhysicsSequence = 0;
   }
 };
 

@@ -16,8 +16,7 @@ class FakeClock {
  public:
   static void Install() {
     static std::atomic<int64_t> installs{0};
-    epochNs_ = 1'000'000'000'000'000 + 1'000'000'000'000 * installs.fetch_add(1);
-    nowNs_ = epochNs_;
+    nowNs_ = epochNs_ = 1'000'000'000'000'000 + 1'000'000'000'000 * installs.fetch_add(1);
     Timer::SetClockSourceForTesting([] { return static_cast<double>(nowNs_.load()); });
   }
   static void Uninstall() { Timer::SetClockSourceForTesting(nullptr); }

@@ -7,14 +7,8 @@ using wire::ByteWriter;
 using wire::Encode;
 
 wire::Welcome DefaultWelcome() {
-  wire::Welcome welcome;
-  welcome.networkingVersion = kNetworkingVersion;
-  welcome.serverTag = kServerTag;
-  welcome.playerId = kPlayerId;
-  welcome.username = "pilot";
-  welcome.mode = 3;
-  welcome.config = wire::ConfigText("gravity=9.81");
-  return welcome;
+  return {
+      kNetworkingVersion, kServerTag, kPlayerId, "pilot", {}, 3, wire::ConfigText("gravity=9.81")};
 }
 
 game::entity::Id EntityId(uint64_t n) {
