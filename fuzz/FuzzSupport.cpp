@@ -2,13 +2,18 @@
 
 #include <unistd.h>
 
+#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <iostream>
 #include <mutex>
 #include <streambuf>
+#include <thread>
+#include <utility>
 
 #include "GAME_Mod.h"
+#include "Game.h"
 #include "game/entity/ClientSideEntity.h"
 #include "game/graphics/Renderer.h"
 
@@ -53,73 +58,100 @@ struct FuzzInterface : ClientSideEntity::Interface {
   }
 };
 
-}  // namespace
-
 void Start() {
-  // Lives for the whole process: std::cerr may be written during exit.
-  std::cerr.rdbuf(new LineFilter());
-  for (const char* name : {kShip, kStatic, "FUZZ_none", "FUZZ_probe"}) {
+  std::cerr.rdbuf(new LineFilter());  // lives for the whole process: cerr is written during exit
+  for (const char* name : {kShip, kStatic}) {
     auto mod = std::make_shared<GAME_Mod>(name);
-    if (name == kShip || name == kStatic) {
-      mod->supplyInterface = [driven = name == kShip](ClientSideEntity& entity) {
-        entity.interface = std::make_shared<FuzzInterface>();
-        entity.renderables.push_back(std::make_shared<game::graphics::RenderableInstance>());
-        entity.serverDriven = driven;
-      };
-    } else if (std::strcmp(name, "FUZZ_probe") == 0) {
-      mod->clientMessageHandler = [](ReadOnlyStream& payload) {
-        std::string text;
-        payload.Read(text);
-        ReadOnlyStream nested = payload.ReadStream();
-        while (nested.GetBufferSize() != 0) nested.ReadValue<uint64_t>();
-      };
-    }
+    mod->supplyInterface = [driven = name == kShip](ClientSideEntity& entity) {
+      entity.interface = std::make_shared<FuzzInterface>();
+      entity.renderables.push_back(std::make_shared<game::graphics::RenderableInstance>());
+      entity.serverDriven = driven;
+    };
     GAME_Mod::Load(mod);
   }
+  auto none = std::make_shared<GAME_Mod>("FUZZ_none"),
+       probe = std::make_shared<GAME_Mod>("FUZZ_probe");
+  probe->clientMessageHandler = [](ReadOnlyStream& payload) {
+    std::string text;
+    payload.Read(text);
+    ReadOnlyStream nested = payload.ReadStream();
+    while (nested.GetBufferSize() != 0) nested.ReadValue<uint64_t>();
+  };
+  GAME_Mod::Load(none), GAME_Mod::Load(probe);
 }
+
+// The run's one server thread, running each task in turn: a thread per input costs more than it.
+struct ServerThread {
+  testserver::TestServer server;
+  std::mutex mutex;
+  std::condition_variable ready;
+  std::packaged_task<void()> task;
+  std::thread thread{[this] {
+    for (std::unique_lock<std::mutex> lock(mutex);; lock.lock()) {
+      ready.wait(lock, [this] { return task.valid(); });
+      std::packaged_task<void()> next = std::move(task);
+      lock.unlock();
+      next();
+    }
+  }};
+};
+ServerThread& Server() {
+  static ServerThread& server = (Start(), *new ServerThread());  // never destroyed
+  return server;
+}
+
+// Serves one connection: reads the hello and answers `reply`; then with `close` ends its side
+// and requires the client to close too, without keeps it open for good.
+std::future<void> Serve(Bytes reply, bool close) {
+  std::packaged_task<void()> task([reply = std::move(reply), close] {
+    std::unique_ptr<testserver::TestConnection> connection;
+    try {
+      connection = Server().server.Accept(kServeTimeoutMs);
+      connection->ReadHello(0);
+      connection->Send(reply);
+      [[maybe_unused]] static testserver::TestConnection* open = nullptr;  // stays reachable
+      if (!close) return void(open = connection.release());
+      connection->Close();
+    } catch (const std::runtime_error&) {
+      // A client that gave up on the connection first must still close it.
+      if (!connection) Fail("the client did not connect");
+    }
+    if (!connection->WaitClosed(kServeTimeoutMs))
+      Fail("the client never closed a finished connection");
+  });
+  std::future<void> served = task.get_future();
+  std::lock_guard<std::mutex> lock(Server().mutex);
+  Server().task = std::move(task);
+  Server().ready.notify_one();
+  return served;
+}
+
+}  // namespace
 
 void Fail(const std::string& what) {
   WriteStderr("fuzz harness: " + what + "\n");
   __builtin_trap();
 }
 
-LoopbackServer::LoopbackServer()
-    : thread_([this] {
-        for (std::unique_ptr<testserver::TestConnection> open;;) {
-          std::unique_lock<std::mutex> lock(mutex_);
-          changed_.wait(lock, [this] { return armed_.has_value(); });
-          const auto [reply, close] = std::move(*armed_);
-          armed_.reset();
-          lock.unlock();
-          std::unique_ptr<testserver::TestConnection> connection;
-          try {
-            connection = server_.Accept(kServeTimeoutMs);
-            connection->ReadHello(0);
-            connection->Send(reply);
-            close ? connection->Close() : void(open = std::move(connection));
-          } catch (const std::runtime_error&) {
-            // A client that gave up on the connection first must still close it.
-            if (!connection) Fail("the client did not connect");
-          }
-          if (connection && !connection->WaitClosed(kServeTimeoutMs)) {
-            Fail("the client kept a finished connection open");
-          }
-          lock.lock();
-          served_ = true;
-          changed_.notify_all();
-        }
-      }) {}
-
-void LoopbackServer::Arm(Bytes reply, bool close) {
-  std::lock_guard<std::mutex> lock(mutex_);
-  armed_.emplace(std::move(reply), close);
-  served_ = false;
-  changed_.notify_all();
+void Connect(const Bytes& reply, const std::function<void(client::Client&)>& run,
+             const std::function<void(const std::runtime_error&)>& refused) {
+  std::future<void> served = Serve(reply, true);
+  try {
+    client::Client client("127.0.0.1", Server().server.Port(), "token", "");
+    run(client);
+  } catch (const std::runtime_error& failure) {
+    refused(failure);
+  }
+  served.get();
+  Game::ResetEntities();
+  Game::Reset();
 }
 
-void LoopbackServer::WaitServed() {
-  std::unique_lock<std::mutex> lock(mutex_);
-  changed_.wait(lock, [this] { return served_; });
+client::Client& ConnectedClient(const Bytes& reply) {
+  std::future<void> served = Serve(reply, false);
+  client::Client& client = *new client::Client("127.0.0.1", Server().server.Port(), "token", "");
+  served.get();
+  return client;
 }
 
 }  // namespace fuzz

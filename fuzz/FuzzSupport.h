@@ -1,11 +1,11 @@
 // Pieces shared by the fuzz targets: quiet diagnostics, the fuzz mods and a loopback server.
 #pragma once
 
-#include <condition_variable>
-#include <mutex>
-#include <optional>
-#include <thread>
+#include <functional>
+#include <stdexcept>
+#include <string>
 
+#include "client/Client.h"
 #include "server/TestServer.h"
 
 namespace fuzz {
@@ -17,29 +17,15 @@ using wire::Bytes;
 inline constexpr const char* kShip = "FUZZ_ship";
 inline constexpr const char* kStatic = "FUZZ_static";
 
-// Once per process: loads the fuzz mods and routes std::cerr into a filter that passes on only
-// "ASSERTION FAILED" lines, which explain the abort after them (ORVEX_FUZZ_VERBOSE=1: all).
-void Start();
-
 // Ends the process with "fuzz harness: `what`": a fault that no sanitizer reports.
 [[noreturn]] void Fail(const std::string& what);
 
-// A test server whose thread answers each hello with the armed reply, then with `close` ends its
-// side and requires the client to close too; without, keeps the connection open. Never destroyed.
-class LoopbackServer {
- public:
-  LoopbackServer();
-  uint16_t Port() const { return server_.Port(); }
-  void Arm(Bytes reply, bool close);
-  void WaitServed();
-
- private:
-  testserver::TestServer server_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::optional<std::pair<Bytes, bool>> armed_;
-  bool served_ = false;
-  std::thread thread_;
-};
+// A client of a loopback server that answers the hello with `reply`, closes and requires the
+// client to close too; `run` gets it, `refused` the constructor's failure; the game is reset after.
+// The first call loads the fuzz mods and filters std::cerr (ORVEX_FUZZ_VERBOSE=1 lets all through).
+void Connect(const Bytes& reply, const std::function<void(client::Client&)>& run,
+             const std::function<void(const std::runtime_error&)>& refused);
+// A client, never destroyed, of a server that answered the hello with `reply` and stays open.
+client::Client& ConnectedClient(const Bytes& reply);
 
 }  // namespace fuzz

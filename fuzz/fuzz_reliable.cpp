@@ -2,13 +2,10 @@
 // (creating a live id, updating or moving an unknown one); the replica must hold the ids it leaves.
 #include <cstring>
 #include <shared_mutex>
-#include <stdexcept>
 #include <unordered_set>
 
 #include "FuzzSupport.h"
-#include "Game.h"
 #include "Messages.h"
-#include "client/Client.h"
 #include "game/Networking.h"
 #include "game/entity/ClientSideEntity.h"
 
@@ -51,10 +48,8 @@ std::unordered_set<Id> Foresee(const uint8_t* data, size_t& send) {
       case networking::MSG_DISCONNECT:
         return live;
       case networking::MSG_WORLD:
-        complete = in.Block();
-        break;
-      case networking::MSG_ADMIN_STATUS:
-        complete = in.Block() && in.Skip(1);
+      case networking::MSG_ADMIN_STATUS:  // a text, then the flag
+        complete = in.Block() && (code == networking::MSG_WORLD || in.Skip(1));
         break;
       case networking::MSG_ENTITY_CREATE: {
         // id, module, text, parent, position, orientation, smooth, forceSnap, data
@@ -71,8 +66,7 @@ std::unordered_set<Id> Foresee(const uint8_t* data, size_t& send) {
       case networking::MSG_ENTITY_DESTROY:
         if ((complete = in.Value(id))) live.erase(id);
         break;
-      case networking::MSG_ENTITY_UPDATE:  // id, ignored id, placement, smooth,
-                                           // forceSnap, data
+      case networking::MSG_ENTITY_UPDATE:  // id, ignored id, placement, flags, data
         complete = in.Value(id) && in.Skip(16 + 24 + 32 + 2) && in.Block();
         asserts = live.count(id) == 0;
         break;
@@ -93,13 +87,7 @@ std::unordered_set<Id> Foresee(const uint8_t* data, size_t& send) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  fuzz::Start();
-  return 0;
-}
-
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static fuzz::LoopbackServer& server = *new fuzz::LoopbackServer();
   static const fuzz::Bytes welcome = [] {
     wire::Welcome w = testlib::DefaultWelcome();
     w.mods = {fuzz::kShip};
@@ -109,9 +97,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::unordered_set<Id> live = Foresee(data, send);
   fuzz::Bytes reply = welcome;
   reply.insert(reply.end(), data, data + send);
-  server.Arm(std::move(reply), true);
-  try {
-    client::Client client("127.0.0.1", server.Port(), "token", "");
+  const auto run = [&](client::Client& client) {
     client.ReceivingThread();
     std::shared_lock<orvex::SharedMutex> lock(ClientSideEntity::_sharedObjectsMutex);
     if (ClientSideEntity::_sharedObjects.size() != live.size()) {
@@ -123,11 +109,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         fuzz::Fail("a replicated entity is not complete");
       }
     }
-  } catch (const std::runtime_error& failure) {
+  };
+  fuzz::Connect(reply, run, [](const std::runtime_error& failure) {
     fuzz::Fail(std::string("the fixed welcome failed: ") + failure.what());
-  }
-  server.WaitServed();
-  Game::ResetEntities();
-  Game::Reset();
+  });
   return 0;
 }

@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cmath>
 #include <memory>
-#include <string>
 #include <vector>
 
 #include "ClientSession.h"
@@ -21,8 +20,8 @@ using namespace testlib;
 using Counter = std::atomic<uint64_t> client::Counters::*;
 
 Bytes Transforms(uint64_t sequence, double time, int32_t divisor = 1, uint64_t environment = 10) {
-  wire::TransformRecord record{EntityId(1), glm::dvec3(time, 0, 0)};
-  return wire::TransformsDatagram({time, sequence, environment, 0, divisor}, {}, {record});
+  return wire::TransformsDatagram({time, sequence, environment, 0, divisor}, {},
+                                  {{EntityId(1), {time, 0, 0}}});
 }
 
 Bytes Physics(uint64_t sequence, double time, uint64_t environment = 10, uint64_t relative = 0) {
@@ -41,13 +40,14 @@ class DatagramIntake : public testing::Test, public ClientFixture {
     session = std::make_unique<Session>();
     session->LearnDatagramAddress();
   }
-  const client::Counters& Counters() { return session->Client().GetCounters(); }
+  const client::Counters& Counters() { return session->client->GetCounters(); }
 
   game::entity::ClientSideEntity::Ptr ship;
 };
 
-// Each row is sent 20 s after the last sign of life: a datagram that counts as one keeps
-// the send step from giving up on the server.
+// Each row is sent 20 s after the last sign of life: a datagram that counts as one keeps the send
+// step from giving up on the server. None shuts out the server's next state (found: a stranger's
+// forged sequence did).
 TEST_F(DatagramIntake, DropReasons) {
   Bytes foreignMagic = Transforms(9, 5.0);
   foreignMagic[7] = '?';
@@ -61,12 +61,12 @@ TEST_F(DatagramIntake, DropReasons) {
   } rows[] = {
       {"short", Bytes(7, 'T'), false, &client::Counters::droppedShort, false, ""},
       {"foreign magic", foreignMagic, false, &client::Counters::droppedMagic, false, ""},
-      {"foreign sender", Transforms(9, 5.0), true, &client::Counters::droppedSender, false,
+      {"foreign sender", Transforms(~0ull >> 1, 5.0), true, &client::Counters::droppedSender, false,
        "Client received UDP packet from wrong ip address\n"},
       {"stale sequence", Transforms(4, 5.0), false, &client::Counters::droppedStale, true, ""},
       {"foreign physics", Physics(9, 1.0, 77), false, &client::Counters::droppedForeign, true, ""},
       {"magic alone", TextBytes("TOVRANE!"), false, nullptr, true, ""},
-      {"unknown code", TextBytes("TOVRANE!") + Bytes{0x99}, false, nullptr, true, ""},
+      {"unknown code", TextBytes("TOVRANE!\x99"), false, nullptr, true, ""},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -94,14 +94,15 @@ TEST_F(DatagramIntake, DropReasons) {
     EXPECT_EQ(Game::timestamp, 1.0);
     EXPECT_EQ(captured.Text(), row.text);
     StderrCapture quiet;
-    session->Client().Send();
+    session->client->Send();
     EXPECT_EQ(Game::QuitRequested(), !row.signOfLife);
+    session->SendDatagram(Transforms(6, 2.0));
+    EXPECT_EQ(Game::RunSynchronized(), 1u);
   }
 }
 
-// One sequence counter per kind, tested only for divisor 1, where the datagram also sets
-// the server time; foreign physics moves its counter and time, then is dropped; foreign
-// transforms are taken (their records clear targets).
+// One sequence counter per kind, for divisor 1 only, which also sets the server time; foreign
+// physics moves its counter and time, then is dropped; foreign transforms are taken.
 TEST_F(DatagramIntake, SequenceAndEnvironmentSteps) {
   Start();
   const struct {
@@ -133,15 +134,10 @@ using game::entity::Id;
 using game::entity::Orientation;
 using orvex::filesystem::ReadOnlyStream;
 
-wire::TransformRecord Record(Id id, glm::dvec3 position, Orientation turn = {}) {
-  return {id, position, {float(turn.w), float(turn.x), float(turn.y), float(turn.z)}};
-}
-
-void RunTransforms(const std::vector<wire::TransformRecord>& records, int32_t divisor = 1,
-                   Id parent = {}, bool foreign = false) {
+void RunTransforms(const std::vector<wire::TransformRecord>& records, Id parent = {}) {
   const Bytes datagram = wire::TransformsDatagram({}, Id{}, records);
   const Bytes body(datagram.begin() + wire::kTransformsHeaderSize, datagram.end());
-  client::TransformPass(ReadOnlyStream(body.data(), body.size()), divisor, parent, foreign)();
+  client::TransformPass(ReadOnlyStream(body.data(), body.size()), 1, parent, false)();
 }
 
 void RunPhysics(const std::vector<wire::PhysicsRecord>& records) {
@@ -187,13 +183,10 @@ TEST_F(StatePass, TransformSnapsTargetsOrReexpresses) {
   const Orientation turn{0, 0, 1, 0}, startTurn = Rotation(60, {1, 1, 0});
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
-    ship->parentId = row.from;
-    ship->position = start;
-    ship->orientation = startTurn;
-    ship->hasTarget = row.hasTarget;
-    ship->stale = true;
+    ship->parentId = row.from, ship->position = start, ship->orientation = startTurn;
+    ship->hasTarget = row.hasTarget, ship->stale = true;
     const glm::dmat4 before = ship->GetAbsoluteTransformInEnvironment();
-    RunTransforms({Record(EntityId(1), sent, turn)}, 1, row.to);
+    RunTransforms({{EntityId(1), sent, {0, 0, 1, 0}}}, row.to);
 
     EXPECT_EQ(Id(ship->parentId), row.to);
     EXPECT_EQ(glm::dvec3(ship->targetPosition), sent);
@@ -222,7 +215,7 @@ TEST_F(StatePass, NaNEndsThePassAndKeepsWhatWasApplied) {
     std::vector<wire::PhysicsRecord> motions;
     for (uint64_t n = 1; n <= 4; ++n) {
       ships.push_back(MakeEntity(EntityId(n), "ship"));
-      transforms.push_back(Record(EntityId(n), {double(n), 0, 0}));
+      transforms.push_back({EntityId(n), {double(n), 0, 0}});
       motions.push_back({EntityId(n), {double(n), 0, 0}, {0, 0, double(n)}});
     }
     const bool physics = field >= 7;
@@ -270,21 +263,6 @@ TEST_F(DatagramIntake, HostileTruncationsAreHarmlessAndTheNextWholeDatagramAppli
   EXPECT_EQ(TargetOf(1), glm::dvec3(1, 2, 3));
   EXPECT_EQ(TargetOf(2), glm::dvec3(4, 5, 6));
   EXPECT_EQ(glm::dvec3(FindEntity(EntityId(1))->velocity), glm::dvec3(1, 1, 1));
-}
-
-// Well-formed state for a real ship, with a sequence that would shut out the server's.
-TEST_F(DatagramIntake, HostileFloodFromAStrangerChangesNothing) {
-  Start();
-  StderrCapture quiet;
-  const Bytes forged = Records(~0ull >> 1, Id{}, {At(1, {99, 99, 99})});
-  for (int i = 0; i < 100; ++i) {
-    session->server.SendDatagramFrom("127.0.0.2", session->clientAddress, session->clientPort,
-                                     forged);
-  }
-  ASSERT_TRUE(WaitUntil([&] { return Counters().droppedSender == 100; }));
-  session->SendDatagram(Records(1, Id{}, {At(1, {1, 1, 1})}));
-  EXPECT_EQ(Game::RunSynchronized(), 1u);
-  EXPECT_EQ(TargetOf(1), glm::dvec3(1, 1, 1));
 }
 
 // State faster than the game thread applies it: the queue keeps to its cap by dropping the

@@ -41,8 +41,7 @@ TEST(Stream, EncodingsAreLittleEndianValuesAndCountedBlocksInAQueue) {
   EXPECT_EQ((queue.Flush(), queue.GetBufferSize()), 0u);
 }
 
-// A record cut at every length reads from every bounded stream kind without leaving its
-// bytes: values read as their present bytes then zeros, blocks are clamped to what is there.
+// Every cut of a record reads within its bytes: values as present bytes then zeros, blocks clamped.
 TEST(Stream, EveryCutOfARecordReadsZerosOrClampedBlocks) {
   struct Field {
     int size;  // > 0: a value of that many bytes; 0: a string; -1: an embedded stream

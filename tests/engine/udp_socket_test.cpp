@@ -20,8 +20,7 @@ using orvex::filesystem::ReadOnlyStream;
 using orvex::net::UdpSocket;
 const UdpSocket::BindTag kBind;
 
-// What a receiving socket saw, filled on its delivery thread. Declared before the sockets
-// that call into it, so that it outlives their delivery threads.
+// What a receiving socket saw; declared before the sockets, so it outlives their delivery threads.
 struct Inbox {
   struct Datagram {
     uint32_t number;

@@ -1,4 +1,5 @@
 // Entity registry: one live entity per id, its warning texts, readers beside a writer.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -50,13 +51,9 @@ TEST_F(EntityRegistry, ADuplicateIsRejectedAndADestroyWhileHeldWarnsAndLeavesItU
   Create(sibling);
   StderrCapture err;
   destroyed = 0;
-  try {
-    Create(kTagged, "second");
-    ADD_FAILURE() << "accepted";
-  } catch (const std::runtime_error& e) {
-    EXPECT_EQ(e.what(),
-              "UNIQUE_OBJECT ClientSideEntity with id " + kTaggedText + " already exists");
-  }
+  EXPECT_THAT([] { Create(kTagged, "second"); },
+              testing::ThrowsMessage<std::runtime_error>("UNIQUE_OBJECT ClientSideEntity with id " +
+                                                         kTaggedText + " already exists"));
   EXPECT_EQ(destroyed, 1) << "the rejected entity is destroyed";
   EXPECT_EQ(ClientSideEntity::Get<ClientSideEntity>(kTagged), held);
   EXPECT_EQ(held.use_count(), 2) << "the caller's and the registry's reference";

@@ -59,8 +59,7 @@ TEST(EntityTransform, AbsoluteTransformsOfWorkedExamples) {
       {"a parent id with a zero word means none",
        {{{0, 5}, {100, 100, 100}, kNone, {}}, {{1, 1}, p123, kQuarterTurnAboutZ, {0, 5}}},
        local123},
-      // A server can link an entity under its own descendant: the walk must end, not recurse
-      // until the stack runs out. The link back into the walk counts as dangling.
+      // A server can link an entity under its own descendant: the link back counts as dangling.
       {"a cycle A->B->A at A gives A's local alone",
        {{{2, 2}, {0, 1, 0}, kNone, {1, 1}}, {{1, 1}, {1, 0, 0}, kNone, {2, 2}}},
        Translation(1, 0, 0)},
@@ -78,8 +77,7 @@ TEST(EntityTransform, AbsoluteTransformsOfWorkedExamples) {
     ClientSideEntity::Ptr entity;
     for (const Placed& p : row.entities) {
       entity = ClientSideEntity::Create<ClientSideEntity>(p.id, "TEST_none", "");
-      entity->position = p.position;
-      entity->orientation = p.orientation;
+      entity->position = p.position, entity->orientation = p.orientation;
       entity->parentId = p.parent;
     }
     const glm::dmat4 actual = entity->GetAbsoluteTransformInEnvironment();

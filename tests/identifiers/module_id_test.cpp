@@ -1,14 +1,10 @@
-// Identifiers: module ids to the two base-37 words and back, unique ids to text.
+// Identifiers: module ids to the two base-37 words and back.
 #include "identifiers/ModuleID.h"
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <string>
 #include <vector>
-
-#include "game/UniqueId.h"
-#include "game/entity/Id.h"
 
 namespace {
 
@@ -54,35 +50,6 @@ TEST(ModuleId, WorkedExamples) {
       EXPECT_TRUE(row.prefix == kAny || id.prefix == row.prefix) << id.prefix;
       EXPECT_TRUE(row.word == kAny || id.name == row.word) << id.name;
     }
-  }
-}
-
-TEST(ModuleId, StoredAsThePrefixWordThenTheNameWordAndPrintsWhateverTheWordsHold) {
-  ModuleID id("core_Ship");
-  const unsigned char expected[16] = {0x59, 0x31, 0x0C, 0, 0, 0, 0, 0, 0xC4, 0x80, 0x14};
-  EXPECT_EQ(0, std::memcmp(&id, expected, sizeof expected));
-  id.prefix = 11, id.name = 37;  // digits 0 then 1: a leading space, then "0"
-  EXPECT_EQ(id.String(), "A_ 0");
-  id.name = UINT64_MAX;  // beyond twelve digits: prints thirteen, never fails
-  EXPECT_EQ(id.String().size(), 2u + 13);
-}
-
-TEST(UniqueIdText, WorkedExamples) {
-  const struct {
-    const char* name;
-    std::string bytes;  // the 16 bytes in memory order
-    std::string text;
-  } rows[] = {
-      {"tag then every hex digit", "TAGS\x12\x34\x56\x78\x9A\xBC\xDE\xF0\x0F\xED\xCB\xA9"s,
-       "TAGS123456789ABCDEF00FEDCBA9"},
-      {"zero second word", "SHIP\xDE\xAD\xBE\xEF\0\0\0\0\0\0\0\0"s, ""},
-  };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    game::UniqueId id;
-    std::memcpy(&id, row.bytes.data(), 16);
-    EXPECT_EQ(std::string(id), row.text);
-    EXPECT_EQ((game::entity::Id{id.word0, id.word1}.ToString()), row.text);
   }
 }
 

@@ -7,7 +7,6 @@
 #include <string>
 #include <thread>
 #include <tuple>
-#include <vector>
 
 #include "FakeClock.h"
 #include "Wait.h"
@@ -17,8 +16,9 @@
 
 namespace {
 
+using namespace testlib;
+
 using orvex::cpu::Profiler;
-using testlib::FakeClock;
 
 std::atomic<double> nowNs = 0.0;
 
@@ -33,15 +33,8 @@ TEST(Timer, ElapsedCountsMillisecondsFromTheLastStartEvenAtTodaysEpoch) {
     EXPECT_NEAR(timer.Elapsed(), 1.5, 0.001) << epoch;
   }
   Timer::SetClockSourceForTesting(nullptr);
-  using std::chrono::system_clock;
-  const double before = double(system_clock::now().time_since_epoch().count());
+  const double before = double(std::chrono::system_clock::now().time_since_epoch().count());
   EXPECT_LE(before, Timer::NowNs()) << "the real clock is the system clock";
-}
-
-// Reporters take the tables' lock exclusively, as any reader of other threads' tables must.
-Profiler::Profile Entry(const std::string& key, std::thread::id tid = std::this_thread::get_id()) {
-  std::lock_guard<orvex::SharedMutex> lock(Profiler::profilesMutex);
-  return Profiler::profiles[tid][key];
 }
 
 void Measure(const std::string& name, double ms, bool start = true) {
@@ -76,7 +69,8 @@ TEST_F(ProfilerTest, RecordsCountTotalMinimumAndMaximumUnderPathKeys) {
       {"Work", 4, 11, 1, 5}, {"Send/X", 1, 4, 4, 4}, {"X", 2, 4, 0, 4},
       {"Idle", 0, 0, -1, 0}, {"Outer", 1, 2, 2, 2},  {"Outer/Inner", 0, 0, -1, 0}};
   for (const auto& [key, count, total, min, max] : rows) {
-    const Profiler::Profile p = Entry(key);
+    std::lock_guard<orvex::SharedMutex> lock(Profiler::profilesMutex);  // as reporters do
+    const Profiler::Profile p = Profiler::profiles[std::this_thread::get_id()][key];
     EXPECT_EQ(std::tuple(p.count, p.totalMs, p.minMs, p.maxMs), std::tuple(count, total, min, max))
         << key;
   }
@@ -89,20 +83,20 @@ TEST_F(ProfilerTest, RecordsCountTotalMinimumAndMaximumUnderPathKeys) {
   EXPECT_TRUE(Profiler::profileStacks.empty());
 }
 
-// A thread that takes the lock in one mode and keeps it until released; blocking is seen by
-// state after a short settle. Holders are released on the way out: a broken lock fails, not hangs.
+// Holds the lock in one mode until released (blocking shows after a settle); released on the way
+// out.
 struct Holder {
   Holder(orvex::SharedMutex& mutex, bool shared)
       : thread([this, &mutex, shared] {
           shared ? mutex.lock_shared() : mutex.lock();
           holding = true;
-          testlib::WaitUntil([this] { return release.load(); }, 60000);
+          WaitUntil([this] { return release.load(); }, 60000);
           holding = false;
           shared ? mutex.unlock_shared() : mutex.unlock();
         }) {}
   ~Holder() { Finish(); }
   bool Holds() {
-    return testlib::WaitUntil([this] { return holding.load(); });
+    return WaitUntil([this] { return holding.load(); });
   }
   void Finish() { release = true, thread.joinable() ? thread.join() : void(); }
   std::atomic<bool> holding = false, release = false;

@@ -49,17 +49,14 @@ std::string ToolPath(const std::string& name) {
 ChildProcess::ChildProcess(const std::string& program, const std::vector<std::string>& args,
                            const ScratchDir& dir, const std::string& tag)
     : out_(dir / (tag + ".stdout")), err_(dir / (tag + ".stderr")) {
-  std::vector<std::string> argv{program};
-  argv.insert(argv.end(), args.begin(), args.end());
-  std::vector<char*> pointers;
-  for (std::string& a : argv) pointers.push_back(a.data());
-  pointers.push_back(nullptr);
+  std::vector<char*> argv{const_cast<char*>(program.c_str())};  // posix_spawn only reads them
+  for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+  argv.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_addopen(&actions, 1, out_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
   posix_spawn_file_actions_addopen(&actions, 2, err_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  const int failed =
-      posix_spawn(&pid_, program.c_str(), &actions, nullptr, pointers.data(), environ);
+  const int failed = posix_spawn(&pid_, program.c_str(), &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   if (failed != 0) {
     pid_ = -1;
@@ -68,18 +65,14 @@ ChildProcess::ChildProcess(const std::string& program, const std::vector<std::st
 }
 
 ChildProcess::~ChildProcess() {
-  if (pid_ > 0 && !Exited()) {
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
-  }
+  if (pid_ > 0) Wait(0);
 }
 
 bool ChildProcess::Exited() {
   if (done_) return true;
   int status = 0;
   if (waitpid(pid_, &status, WNOHANG) != pid_) return false;
-  done_ = true;
-  status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  done_ = true, status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
   return true;
 }
 
@@ -87,13 +80,8 @@ int ChildProcess::Wait(int timeoutMs) {
   if (WaitUntil([this] { return Exited(); }, timeoutMs)) return status_;
   kill(pid_, SIGKILL);
   waitpid(pid_, nullptr, 0);
-  done_ = true;
-  status_ = -1;
+  done_ = true, status_ = -1;
   return -1;
-}
-
-void ChildProcess::Signal(int signal) {
-  kill(pid_, signal);
 }
 
 }  // namespace testlib

@@ -1,6 +1,7 @@
 // Tools run as child processes, and the scratch directory their files go to.
 #pragma once
 
+#include <signal.h>
 #include <sys/types.h>
 
 #include <filesystem>
@@ -31,9 +32,8 @@ std::vector<std::string> Lines(const std::string& text);
 // A built tool beside the running test executable (bin/<name>).
 std::string ToolPath(const std::string& name);
 
-// A program run as a child process, its standard output and error going to files in
-// `dir` (prefixed with `tag`, so that several children can share a directory). The
-// destructor kills a child that is still running. Threads: one test thread.
+// A child process whose output and error go to files in `dir`, named after `tag`; the
+// destructor kills it if still running. Threads: one test thread.
 class ChildProcess {
  public:
   ChildProcess(const std::string& program, const std::vector<std::string>& args,
@@ -46,8 +46,7 @@ class ChildProcess {
   // The exit status (128 + signal when killed by one), or -1 when the child had not exited
   // after `timeoutMs`: it is then killed, and the caller's check fails on the -1.
   int Wait(int timeoutMs = 30000);
-  void Signal(int signal);
-  pid_t Pid() const { return pid_; }
+  void Signal(int signal) { kill(pid_, signal); }
   std::string Stdout() const { return ReadFile(out_); }
   std::string Stderr() const { return ReadFile(err_); }
 

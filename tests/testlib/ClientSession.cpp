@@ -1,13 +1,13 @@
 #include "ClientSession.h"
 
 #include <array>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <future>
+#include <mutex>
 #include <stdexcept>
-#include <utility>
 
-#include "FakeClock.h"
 #include "GAME_Mod.h"
 #include "Game.h"
 #include "support/Timer.h"
@@ -21,7 +21,7 @@ using orvex::filesystem::WriteOnlyStream;
 constexpr const char* kProbe = "TEST_probe";
 std::mutex mutex;  // guards the probe count and the recorded payloads
 std::condition_variable probeArrived;
-size_t probeCount = 0;
+std::atomic<size_t> probeCount = 0;
 std::vector<Bytes> payloads;
 std::array<SendScript, 4> sendScripts;
 size_t scriptsInUse = 0;
@@ -40,13 +40,6 @@ void ScriptedSend(WriteOnlyStream& reliable, WriteOnlyStream& unreliable) {
 constexpr std::array<GAME_Mod::SendHandler, 4> kHandlers = {&ScriptedSend<0>, &ScriptedSend<1>,
                                                             &ScriptedSend<2>, &ScriptedSend<3>};
 
-void LoadOnce(const char* name, void (*configure)(GAME_Mod&)) {
-  if (GAME_Mod::GetModule(name)) return;
-  auto mod = std::make_shared<GAME_Mod>(name);
-  configure(*mod);
-  GAME_Mod::Load(mod);
-}
-
 void WaitForProbe(size_t count, const char* what) {
   std::unique_lock<std::mutex> lock(mutex);
   if (!probeArrived.wait_for(lock, std::chrono::seconds(10), [=] { return probeCount >= count; })) {
@@ -64,26 +57,30 @@ std::future<std::unique_ptr<client::Client>> Connect(uint16_t port) {
 }  // namespace
 
 void RecordingInterface::Sync(ReadOnlyStream& data) {
-  Bytes bytes = Remaining(data);
-  std::lock_guard<std::mutex> lock(mutex);
-  syncs.push_back(std::move(bytes));
+  syncs.push_back(Remaining(data));
 }
 
 void InstallTestMods() {
-  LoadOnce(kEntityMod, [](GAME_Mod& mod) {
-    mod.supplyInterface = [](ClientSideEntity& entity) {
-      if (entity.text == "nointerface") return;
-      entity.interface = std::make_shared<RecordingInterface>();
-      entity.serverDriven = entity.text != "static";
-    };
-  });
-  LoadOnce(kRecorderMod, [](GAME_Mod& mod) {
-    mod.clientMessageHandler = [](ReadOnlyStream& payload) {
-      Bytes bytes = Remaining(payload);
-      std::lock_guard<std::mutex> lock(mutex);
-      payloads.push_back(std::move(bytes));
-    };
-  });
+  if (GAME_Mod::GetModule(kEntityMod)) return;
+  auto entities = std::make_shared<GAME_Mod>(kEntityMod);
+  entities->supplyInterface = [](ClientSideEntity& entity) {
+    if (entity.text == "nointerface") return;
+    entity.interface = std::make_shared<RecordingInterface>();
+    entity.serverDriven = entity.text != "static";
+  };
+  auto recorder = std::make_shared<GAME_Mod>(kRecorderMod),
+       probe = std::make_shared<GAME_Mod>(kProbe);
+  recorder->clientMessageHandler = [](ReadOnlyStream& payload) {
+    Bytes bytes = Remaining(payload);
+    std::lock_guard<std::mutex> lock(mutex);
+    payloads.push_back(std::move(bytes));
+  };
+  probe->clientMessageHandler = [](ReadOnlyStream&) {
+    std::lock_guard<std::mutex> lock(mutex);
+    ++probeCount;
+    probeArrived.notify_all();
+  };
+  for (const auto& mod : {entities, recorder, probe}) GAME_Mod::Load(mod);
 }
 
 std::vector<Bytes> RecordedPayloads() {
@@ -116,43 +113,20 @@ void ResetClientState() {
   Timer::SetClockSourceForTesting(nullptr);
   client::Client::_instance = nullptr;
   client::Client::error.clear();
-  sendScripts = {};
-  scriptsInUse = 0;
+  sendScripts = {}, scriptsInUse = 0;
   std::lock_guard<std::mutex> lock(mutex);
   payloads.clear();
 }
 
-void ClientFixture::Fresh() {
-  session.reset();
-  ResetClientState();
-  FakeClock::Install();
+Session::Session(bool startReceiving) {
   InstallTestMods();
-}
-
-Session::Session(SessionOptions options) {
-  LoadOnce(kProbe, [](GAME_Mod& mod) {
-    mod.clientMessageHandler = [](ReadOnlyStream&) {
-      std::lock_guard<std::mutex> lock(mutex);
-      ++probeCount;
-      probeArrived.notify_all();
-    };
-  });
   auto connecting = Connect(server.Port());
   connection = server.Accept();
   connection->ReadHello(0);  // the hello leaves in one flush
-  connection->Send(Welcome(options.welcome));
+  connection->Send(Welcome());
   client = connecting.get();
-  {
-    std::lock_guard<std::mutex> lock(mutex);
-    probesSent = probeCount;  // probes of earlier sessions in this process count too
-  }
-  if (options.startReceiving) StartReceiving();
-}
-
-Session::~Session() {
-  StopReceiving();
-  client.reset();
-  connection.reset();
+  probesSent = probeCount;  // probes of earlier sessions in this process count too
+  if (startReceiving) StartReceiving();
 }
 
 void Session::StartReceiving() {
@@ -181,8 +155,7 @@ void Session::LearnDatagramAddress() {
     client->Send();
     while (auto datagram = server.NextDatagram(600)) {
       if (!datagram->bytes.empty() && datagram->bytes[0] == 0x07) {
-        clientAddress = datagram->address;
-        clientPort = datagram->port;
+        clientAddress = datagram->address, clientPort = datagram->port;
         break;
       }
     }
@@ -196,12 +169,6 @@ void Session::SendDatagram(const Bytes& bytes) {
   server.SendDatagram(clientAddress, clientPort,
                       wire::ModuleDatagram(orvex::modular::ModuleID(kProbe), {}));
   WaitForProbe(++probesSent, "datagram");
-}
-
-Bytes Session::NextDatagram() {
-  auto datagram = server.NextDatagram(5000);
-  if (!datagram) throw std::runtime_error("no datagram arrived from the client");
-  return datagram->bytes;
 }
 
 std::string ConstructionError(const Bytes& reply, bool close) {

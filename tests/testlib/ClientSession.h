@@ -2,20 +2,16 @@
 // test mods of the client suites and the reset of the process-wide state around each case.
 #pragma once
 
-#include <sys/resource.h>
-
-#include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "FakeClock.h"
 #include "Messages.h"
 #include "client/Client.h"
 #include "game/entity/ClientSideEntity.h"
-#include "orvex/filesystem/Stream.h"
 #include "server/TestServer.h"
 
 namespace testlib {
@@ -26,35 +22,20 @@ inline Bytes operator+(Bytes a, const Bytes& b) {
   a.insert(a.end(), b.begin(), b.end());
   return a;
 }
-inline Bytes Prefix(const Bytes& whole, size_t length) {
-  return Bytes(whole.begin(), whole.begin() + static_cast<long>(length));
-}
-
-// What a hostile count may not move: the growth of the process's peak resident memory.
-inline long PeakResidentMb() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss / 1024;
-}
-
 inline void WriteBytes(orvex::filesystem::Stream& stream, const Bytes& bytes) {
   stream.Write(bytes.data(), bytes.size());
 }
 
-// Records the bytes left in the stream at each Sync() (receiving thread; guarded).
+// Records the bytes left in the stream at each Sync(); written on the receiving thread, read
+// after a Session::Send* barrier.
 struct RecordingInterface : ClientSideEntity::Interface {
   void Sync(orvex::filesystem::ReadOnlyStream& data) override;
-  std::vector<Bytes> Syncs() const {
-    std::lock_guard<std::mutex> lock(mutex);
-    return syncs;
-  }
-  mutable std::mutex mutex;
   std::vector<Bytes> syncs;
 };
 
-// TEST_entities gives, by entity text, "nointerface" no interface, "static" a
-// RecordingInterface that is not server-driven, anything else a driven one. TEST_recorder
-// records each message payload (any thread). Installing is idempotent.
+// TEST_entities gives, by entity text, "nointerface" no interface, "static" an undriven
+// RecordingInterface, anything else a driven one. TEST_recorder records each message payload
+// (any thread); TEST_probe counts the Session barriers. Installing is idempotent.
 inline constexpr const char* kEntityMod = "TEST_entities";
 inline constexpr const char* kRecorderMod = "TEST_recorder";
 void InstallTestMods();
@@ -66,9 +47,6 @@ ClientSideEntity::Ptr MakeEntity(game::entity::Id id, const std::string& text,
                                  game::entity::Orientation orientation = {});
 inline ClientSideEntity::Ptr FindEntity(game::entity::Id id) {
   return ClientSideEntity::Get<ClientSideEntity>(id);
-}
-inline std::shared_ptr<RecordingInterface> RecordingOf(game::entity::Id id) {
-  return std::dynamic_pointer_cast<RecordingInterface>(FindEntity(id)->interface);
 }
 inline void QueueAction(ClientSideEntity& entity, const Bytes& payload) {
   orvex::filesystem::Stream action;
@@ -89,19 +67,11 @@ struct CleanClientState {
   ~CleanClientState() { ResetClientState(); }
 };
 
-struct SessionOptions {
-  wire::Welcome welcome = DefaultWelcome();
-  bool startReceiving = true;
-};
-
-// Connects a client (the server reads the hello and answers the welcome), then by default
-// starts the receiving thread; the test thread plays the game thread. The Send* barriers
-// follow the bytes with a message to the mod TEST_probe and wait until it was carried out.
+// A client welcomed with DefaultWelcome(), by default receiving; the test thread plays the game
+// thread. The Send* barriers follow the bytes with a TEST_probe message and wait for it.
 struct Session {
-  explicit Session(SessionOptions options = {});
-  ~Session();
-  client::Client& Client() { return *client; }
-  testserver::TestConnection& Connection() { return *connection; }
+  explicit Session(bool startReceiving = true);
+  ~Session() { StopReceiving(); }  // then the client goes, then the connection
   void StartReceiving();
   // Clears Game::isActive and joins; `wake` sends a byte so the thread sees it at once.
   void StopReceiving(bool wake = true);
@@ -109,8 +79,6 @@ struct Session {
   // Makes the client send a datagram and records its address (needed by SendDatagram).
   void LearnDatagramAddress();
   void SendDatagram(const Bytes& bytes);
-  Bytes NextDatagram();  // throws when none arrives in time
-  bool NoMoreDatagrams() { return !server.NextDatagram(200).has_value(); }
 
   testserver::TestServer server;
   std::unique_ptr<testserver::TestConnection> connection;
@@ -121,17 +89,20 @@ struct Session {
   size_t probesSent = 0;
 };
 
-// The state a fixture starts each case from: Fresh() resets it, puts the clock on the fake
-// one (the send step's keep-alive timers are process statics that must start on it) and
-// installs the test mods; Start() then connects a session with `options`.
+// Fresh() resets the state and puts the clock on the fake one (the send step's keep-alive
+// timers are process statics that must start on it); Start() then connects a session.
 struct ClientFixture {
-  void Fresh();
+  void Fresh() {
+    session.reset();
+    ResetClientState();
+    FakeClock::Install();
+  }
   void Start() {
     Fresh();
-    session = std::make_unique<Session>(options);
+    session = std::make_unique<Session>(startReceiving);
   }
   CleanClientState clean;
-  SessionOptions options;
+  bool startReceiving = true;
   std::unique_ptr<Session> session;
 };
 

@@ -19,13 +19,10 @@ class ClientTestPeer {
   static void ReceiveDatagram(Client& client, orvex::filesystem::ReadOnlyStream&& datagram) {
     client.Receive(std::move(datagram));
   }
-  static const std::string& ServerAddress(const Client& client) { return client.serverAddress; }
-  // Puts both sequence counters back to their values after construction, so that a
-  // fuzzer's inputs do not depend on the ones before them. Datagram delivery thread rules
-  // apply: no datagram may be taken in meanwhile.
+  // Puts both sequence counters back to their values after construction, so that a fuzzer's
+  // inputs do not depend on the ones before; no datagram may be taken in meanwhile.
   static void ResetSequences(Client& client) {
-    client.lastTransformSequence = 0;
-    client.lastPhysicsSequence = 0;
+    client.lastTransformSequence = client.lastPhysicsSequence = 0;
   }
 };
 

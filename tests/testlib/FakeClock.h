@@ -6,16 +6,20 @@
 #include <cmath>
 #include <cstdint>
 
+#include "support/Timer.h"
+
 namespace testlib {
 
-// Each Install() starts 1000 s after the previous one, so the keep-alive timers (statics of
-// Send) that an earlier case of the process left running have long expired. The values stay
-// far below 2^53 ns, so every time and difference the client computes is exact.
-// Uninstall() gives the Timers the system clock back.
+// Each Install() starts 1000 s after the previous one, so keep-alive timers an earlier case
+// left running have long expired; values stay far below 2^53 ns, so all arithmetic is exact.
 class FakeClock {
  public:
-  static void Install();
-  static void Uninstall();
+  static void Install() {
+    static std::atomic<int64_t> installs{0};
+    nowNs_ = epochNs_ = 1'000'000'000'000'000 + 1'000'000'000'000 * installs.fetch_add(1);
+    Timer::SetClockSourceForTesting([] { return static_cast<double>(nowNs_.load()); });
+  }
+  static void Uninstall() { Timer::SetClockSourceForTesting(nullptr); }
   // Sets the time to `ms` after this case's epoch, or moves it on by `ms`.
   static void At(double ms) { nowNs_ = epochNs_ + std::llround(ms * 1e6); }
   static void Advance(double ms) { nowNs_ = nowNs_ + std::llround(ms * 1e6); }

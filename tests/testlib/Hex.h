@@ -11,11 +11,25 @@ namespace testlib {
 using Bytes = std::vector<uint8_t>;
 
 // Bytes as hex text, 16 to a line, so that a failed comparison shows where they differ.
-std::string Hex(const Bytes& bytes);
+inline std::string Hex(const Bytes& bytes) {
+  std::string text;
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    text += "0123456789abcdef"[bytes[i] >> 4];
+    text += "0123456789abcdef"[bytes[i] & 0xF];
+    text += (i % 16 == 15 || i + 1 == bytes.size()) ? '\n' : ' ';
+  }
+  return text;
+}
 // Payload bytes seed, seed + 1, ... of length `size`.
-Bytes Pattern(size_t size, uint8_t seed = 0);
+inline Bytes Pattern(size_t size, uint8_t seed = 0) {
+  Bytes bytes(size);
+  for (size_t i = 0; i < size; ++i) bytes[i] = static_cast<uint8_t>(seed + i);
+  return bytes;
+}
 // The characters of `text` as bytes.
-Bytes TextBytes(const std::string& text);
+inline Bytes TextBytes(const std::string& text) {
+  return Bytes(text.begin(), text.end());
+}
 
 }  // namespace testlib
 

@@ -7,54 +7,35 @@ using wire::ByteWriter;
 using wire::Encode;
 
 wire::Welcome DefaultWelcome() {
-  wire::Welcome welcome;
-  welcome.networkingVersion = kNetworkingVersion;
-  welcome.serverTag = kServerTag;
-  welcome.playerId = kPlayerId;
-  welcome.username = "pilot";
-  welcome.mode = 3;
-  welcome.config = wire::ConfigText("gravity=9.81");
-  return welcome;
+  return {
+      kNetworkingVersion, kServerTag, kPlayerId, "pilot", {}, 3, wire::ConfigText("gravity=9.81")};
 }
 
 game::entity::Id EntityId(uint64_t n) {
   return game::entity::Id{n, 0xE0000000u + n};
 }
 
-Bytes Welcome(const wire::Welcome& welcome) {
-  return Encode([&](Stream& s) { wire::WriteWelcome(s, welcome); });
-}
-Bytes Refusal(const std::string& reason) {
-  return Encode([&](Stream& s) { wire::WriteRefusal(s, reason); });
-}
-Bytes Create(const wire::EntityCreate& message) {
-  return Encode([&](Stream& s) { wire::WriteEntityCreate(s, message); });
-}
-Bytes Update(const wire::EntityUpdate& message) {
-  return Encode([&](Stream& s) { wire::WriteEntityUpdate(s, message); });
-}
-Bytes Move(const wire::EntityMove& message) {
-  return Encode([&](Stream& s) { wire::WriteEntityMove(s, message); });
-}
-Bytes Destroy(const game::entity::Id& id) {
-  return Encode([&](Stream& s) { wire::WriteEntityDestroy(s, id); });
-}
-Bytes World(const std::string& name) {
-  return Encode([&](Stream& s) { wire::WriteWorld(s, name); });
-}
-Bytes Admin(const std::string& privilege, uint8_t admin) {
-  return Encode([&](Stream& s) { wire::WriteAdminStatus(s, privilege, admin); });
-}
-Bytes ModuleMessage(const std::string& module, const Bytes& payload) {
-  return Encode([&](Stream& s) { wire::WriteModuleMessage(s, wire::ModuleID(module), payload); });
-}
-Bytes Disconnect() {
-  return Encode([](Stream& s) { wire::WriteDisconnect(s); });
-}
+// Each server form runs the server's own writer on a fresh stream.
+#define SERVER_FORM(name, params, ...)              \
+  Bytes name params {                               \
+    return Encode([&](Stream& s) { __VA_ARGS__; }); \
+  }
+SERVER_FORM(Welcome, (const wire::Welcome& welcome), wire::WriteWelcome(s, welcome))
+SERVER_FORM(Refusal, (const std::string& reason), wire::WriteRefusal(s, reason))
+SERVER_FORM(Create, (const wire::EntityCreate& message), wire::WriteEntityCreate(s, message))
+SERVER_FORM(Update, (const wire::EntityUpdate& message), wire::WriteEntityUpdate(s, message))
+SERVER_FORM(Move, (const wire::EntityMove& message), wire::WriteEntityMove(s, message))
+SERVER_FORM(Destroy, (const game::entity::Id& id), wire::WriteEntityDestroy(s, id))
+SERVER_FORM(World, (const std::string& name), wire::WriteWorld(s, name))
+SERVER_FORM(Admin, (const std::string& privilege, uint8_t admin),
+            wire::WriteAdminStatus(s, privilege, admin))
+SERVER_FORM(ModuleMessage, (const std::string& module, const Bytes& payload),
+            wire::WriteModuleMessage(s, wire::ModuleID(module), payload))
+SERVER_FORM(Disconnect, (), wire::WriteDisconnect(s))
+#undef SERVER_FORM
 
 Bytes Hello(const std::string& token, const std::optional<std::string>& password) {
-  ByteWriter w;
-  w.U8(7).Chars("TOVRANE!").U32(1).Text(token);
+  ByteWriter w = ByteWriter().U8(7).Chars("TOVRANE!").U32(1).Text(token);
   if (password) w.U8(6).Text(*password);
   return w;
 }

@@ -1,6 +1,5 @@
-// One builder per message and datagram, both directions, for the suites and the fuzzers.
-// The server's forms come from the server's own writers (server/Wire.h); the client's
-// forms, which the server only reads, are written here once.
+// One builder per message and datagram, both directions: the server's forms from its own
+// writers (server/Wire.h), the client's forms, which the server only reads, here once.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +12,11 @@
 namespace testlib {
 
 using wire::Bytes;
+
+// The first `length` bytes of `whole`.
+inline Bytes Prefix(const Bytes& whole, size_t length) {
+  return Bytes(whole.begin(), whole.begin() + static_cast<long>(length));
+}
 
 // What DefaultWelcome() gives the client for its datagram header.
 inline constexpr uint16_t kNetworkingVersion = 1;
@@ -36,8 +40,7 @@ Bytes Admin(const std::string& privilege, uint8_t admin);
 Bytes ModuleMessage(const std::string& module, const Bytes& payload);
 Bytes Disconnect();
 
-// Client to server: the hello (a password marker and password when one is given), the
-// datagram header for DefaultWelcome(), a keep-alive datagram, module and action records.
+// Client to server; the hello carries a password marker and password when one is given.
 Bytes Hello(const std::string& token, const std::optional<std::string>& password = {});
 Bytes ClientDatagramHeader(uint16_t version = kNetworkingVersion, uint16_t tag = kServerTag,
                            uint64_t player = kPlayerId);

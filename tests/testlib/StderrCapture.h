@@ -1,6 +1,5 @@
-// Captures what is written to std::cerr while the object lives, from any thread. The
-// client writes its diagnostics on the receiving thread and on the datagram delivery
-// thread, so the captured text is guarded by a mutex and a test can wait for a line.
+// Captures what is written to std::cerr while the object lives, from any thread (the client
+// writes on its receiving and datagram delivery threads); a test can wait for a line.
 #pragma once
 
 #include <chrono>
@@ -16,8 +15,6 @@ class StderrCapture {
  public:
   StderrCapture() : previous_(std::cerr.rdbuf(&buffer_)) {}
   ~StderrCapture() { std::cerr.rdbuf(previous_); }
-  StderrCapture(const StderrCapture&) = delete;
-  StderrCapture& operator=(const StderrCapture&) = delete;
 
   std::string Text() const {
     std::lock_guard<std::mutex> lock(buffer_.mutex);
@@ -36,15 +33,10 @@ class StderrCapture {
   struct Buffer : std::streambuf {
     int_type overflow(int_type c) override {
       if (traits_type::eq_int_type(c, traits_type::eof())) return traits_type::not_eof(c);
-      const char ch = traits_type::to_char_type(c);
-      xsputn(&ch, 1);
-      return c;
-    }
-    std::streamsize xsputn(const char* s, std::streamsize n) override {
       std::lock_guard<std::mutex> lock(mutex);
-      text.append(s, static_cast<size_t>(n));
+      text += traits_type::to_char_type(c);
       grown.notify_all();
-      return n;
+      return c;
     }
 
     mutable std::mutex mutex;

@@ -1,6 +1,7 @@
 // A client-form UDP socket on loopback that keeps every datagram it receives.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -8,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "orvex/filesystem/Stream.h"
 #include "orvex/net/Socket.h"
 
 namespace testlib {
@@ -18,16 +20,28 @@ using Bytes = std::vector<uint8_t>;
 // Datagrams arrive on the platform's delivery thread; the accessors take a lock.
 class UdpInbox {
  public:
-  explicit UdpInbox(uint16_t port, const std::string& host = "127.0.0.1");
-  ~UdpInbox();
-  UdpInbox(const UdpInbox&) = delete;
-  UdpInbox& operator=(const UdpInbox&) = delete;
+  explicit UdpInbox(uint16_t port, const std::string& host = "127.0.0.1") : udp_(host, port, 1400) {
+    udp_.Receive([this](const orvex::net::UdpSocket&, orvex::filesystem::ReadOnlyStream&& d) {
+      Bytes bytes(d.GetBufferSize());
+      d.Read(bytes.data(), bytes.size());
+      std::lock_guard<std::mutex> lock(mutex_);
+      received_.push_back(std::move(bytes));
+      arrived_.notify_all();
+    });
+  }
+  ~UdpInbox() { udp_.StopReceiving(); }
 
-  void Send(const Bytes& bytes);
+  void Send(const Bytes& bytes) {
+    udp_.Write(bytes.data(), bytes.size());
+    udp_.Flush();
+  }
   // Waits until `done` holds over the datagrams received so far; false after `timeoutMs`.
-  bool WaitUntil(const std::function<bool(const std::vector<Bytes>&)>& done, int timeoutMs = 10000);
-  std::vector<Bytes> Received();
-  orvex::net::UdpSocket& Socket() { return udp_; }
+  bool WaitUntil(const std::function<bool(const std::vector<Bytes>&)>& done,
+                 int timeoutMs = 10000) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return arrived_.wait_for(lock, std::chrono::milliseconds(timeoutMs),
+                             [&] { return done(received_); });
+  }
 
  private:
   orvex::net::UdpSocket udp_;

@@ -11,8 +11,7 @@
 
 namespace {
 
-using testlib::ClientDatagramHeader;
-using testlib::Hello;
+using namespace testlib;
 using wire::Bytes;
 using wire::ByteWriter;
 
@@ -29,10 +28,6 @@ Bytes Parse(const std::string& text) {
     }
   }
   return bytes;
-}
-
-Bytes Head(const Bytes& bytes, size_t n) {
-  return Bytes(bytes.begin(), bytes.begin() + long(n));
 }
 
 // What a reader made of client bytes: "ok", "incomplete", "truncated" or "error: <what>".
@@ -73,19 +68,17 @@ TEST(WireServerToClient, EveryLayoutIsExact) {
     Bytes actual;
     std::string expected;
   } rows[] = {
-      {"welcome, refusal", wire::Join({testlib::Welcome(welcome), testlib::Refusal("no")}),
+      {"welcome, refusal", wire::Join({Welcome(welcome), Refusal("no")}),
        "01 0100 0B0A 8877665544332211 02000000 'ab' 03000000 'X_y' 09000000 'CORE_ship' 00000000 "
        "FEFFFFFF 02000000 'a' 00 00 02000000 'no'"},
-      {"create", testlib::Create({id, wire::ModuleID("A_b"), "ship", parent, p, q, 1, 0, {9, 8}}),
+      {"create", Create({id, wire::ModuleID("A_b"), "ship", parent, p, q, 1, 0, {9, 8}}),
        "40 " + kId + kAb + "04000000 'ship' " + kParent + kVec + kQuat + "01 00 02000000 0908"},
-      {"update", testlib::Update({id, parent, p, q, 2, 1, {}}),
+      {"update", Update({id, parent, p, q, 2, 1, {}}),
        "42 " + kId + kParent + kVec + kQuat + "02 01 00000000"},
-      {"move (the flag first), destroy",
-       wire::Join({testlib::Move({id, 1, p, q}), testlib::Destroy(id)}),
+      {"move (the flag first), destroy", wire::Join({Move({id, 1, p, q}), Destroy(id)}),
        "46 " + kId + "01 " + kVec + kQuat + "41 " + kId},
       {"world, admin, module message, disconnect",
-       wire::Join({testlib::World("moon"), testlib::Admin("op", 1),
-                   testlib::ModuleMessage("A_b", {7}), testlib::Disconnect()}),
+       wire::Join({World("moon"), Admin("op", 1), ModuleMessage("A_b", {7}), Disconnect()}),
        "04 04000000 'moon' 05 02000000 'op' 01 7F " + kAb + "01000000 07 02"},
       {"transforms",
        wire::TransformsDatagram(header, parent, {{{5, 6}, {2.0, 0.0, 0.0}, {1.0f, 0, 0, 0.5f}}}),
@@ -122,7 +115,7 @@ TEST(WireClientToServer, ReadersRefuseHostileAndCutInput) {
     Bytes input;
     std::string expected;
   } rows[] = {
-      {"token count 65, refused before its bytes", 'H', Head(Hello(std::string(65, 't')), 17),
+      {"token count 65, refused before its bytes", 'H', Prefix(Hello(std::string(65, 't')), 17),
        "error: hello token of 65 bytes is over the limit of 64 bytes"},
       {"a byte other than the marker", 'H', wire::Join({Hello("t"), {0x43}}),
        "error: hello: byte 0x43 after the token, where only the password marker 0x06 may follow"},
@@ -130,24 +123,23 @@ TEST(WireClientToServer, ReadersRefuseHostileAndCutInput) {
        "error: entity action payload of 4294967280 bytes is over the limit of " +
            std::to_string(wire::kMaxPayloadSize) + " bytes"},
       {"unknown code", 'M', {0x44}, "error: unknown client message code 0x44"},
-      {"an action in a datagram", 'D',
-       wire::Join({ClientDatagramHeader(), testlib::ActionRecord(id, {1})}), "incomplete"},
+      {"an action in a datagram", 'D', wire::Join({ClientDatagramHeader(), ActionRecord(id, {1})}),
+       "incomplete"},
   };
   for (const auto& row : rows) EXPECT_EQ(Read(row.kind, row.input), row.expected) << row.name;
 
-  // Every cut is incomplete (a hello until the token ends and again inside the password, a
-  // datagram until its first record ends) or truncated (a message), never zero-filled.
-  const Bytes module = testlib::ModuleRecord("CORE_ship", {});
+  // Every cut but one is incomplete (hello, datagram) or truncated (message), never zero-filled.
+  const Bytes module = ModuleRecord("CORE_ship", {});
   const struct {
     char kind;
     Bytes whole;
     size_t whole_at;  // the one cut that reads whole
   } cuts[] = {{'H', Hello("token", "secret"), 22},
-              {'D', wire::Join({testlib::KeepAliveDatagram(), module}), 14},
-              {'M', wire::Join({testlib::ActionRecord(id, {0xAA}), module}), 22}};
+              {'D', wire::Join({KeepAliveDatagram(), module}), 14},
+              {'M', wire::Join({ActionRecord(id, {0xAA}), module}), 22}};
   for (const auto& c : cuts) {
     for (size_t cut = 1; cut < c.whole.size(); ++cut) {
-      const std::string read = Read(c.kind, Head(c.whole, cut));
+      const std::string read = Read(c.kind, Prefix(c.whole, cut));
       EXPECT_EQ(read, cut == c.whole_at ? "ok"
                       : c.kind == 'M'   ? "truncated"
                                         : "incomplete")
