@@ -120,8 +120,9 @@ void CaptureFile::Block(uint32_t type, const Bytes& body, const std::string& com
   const uint32_t total = static_cast<uint32_t>(12 + body.size() + options.size());
   const uint32_t head[2] = {type, total};
   std::fwrite(head, 4, 2, file_);
-  std::fwrite(body.data(), 1, body.size(), file_);
-  std::fwrite(options.data(), 1, options.size(), file_);
+  // An empty vector's data() may be null, which fwrite does not take.
+  if (!body.empty()) std::fwrite(body.data(), 1, body.size(), file_);
+  if (!options.empty()) std::fwrite(options.data(), 1, options.size(), file_);
   std::fwrite(&total, 4, 1, file_);
   size_ += total;
 }
