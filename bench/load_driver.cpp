@@ -594,13 +594,13 @@ std::string Json(const Options& o, const ClientResult& c, const BaselineResult* 
       << ", \"buildSeconds\": " << Fixed(c.buildSeconds, 3) << ", \"built\": " << c.built
       << ", \"gameThreadCpu\": " << Fixed(c.gameThreadCpu, 3)
       << ", \"passesDropped\": " << c.passesDropped << ", \"passesWaiting\": " << c.passesWaiting
-      << ", \"replica\": " << c.replica
-      << ", \"droppedStale\": " << c.droppedStale << ", \"droppedForeign\": " << c.droppedForeign
-      << ", \"droppedSender\": " << c.droppedSender << ", \"droppedMagic\": " << c.droppedMagic
-      << ", \"droppedShort\": " << c.droppedShort << ", \"passes\": " << c.passes
-      << ", \"frames\": " << c.frames << ", \"lateFrames\": " << c.lateFrames
-      << ", \"frameMs\": " << pct(c.frameMs) << ", \"passesMs\": " << pct(c.passesMs)
-      << ", \"sendMs\": " << pct(c.sendMs) << ", \"heapMiB\": {\"before\": " << Fixed(c.before.heap)
+      << ", \"replica\": " << c.replica << ", \"droppedStale\": " << c.droppedStale
+      << ", \"droppedForeign\": " << c.droppedForeign << ", \"droppedSender\": " << c.droppedSender
+      << ", \"droppedMagic\": " << c.droppedMagic << ", \"droppedShort\": " << c.droppedShort
+      << ", \"passes\": " << c.passes << ", \"frames\": " << c.frames
+      << ", \"lateFrames\": " << c.lateFrames << ", \"frameMs\": " << pct(c.frameMs)
+      << ", \"passesMs\": " << pct(c.passesMs) << ", \"sendMs\": " << pct(c.sendMs)
+      << ", \"heapMiB\": {\"before\": " << Fixed(c.before.heap)
       << ", \"loaded\": " << Fixed(c.loaded.heap) << ", \"end\": " << Fixed(c.after.heap)
       << ", \"released\": " << Fixed(c.released.heap) << "}"
       << ", \"rssMiB\": {\"before\": " << Fixed(c.before.rss)

@@ -54,7 +54,8 @@ struct WorkQueue {
   }
 
   // Removes the front item, moving its work to `work` and its queuing time to `queued`.
-  void PopFront(std::function<void()>& work, std::chrono::steady_clock::time_point* queued = nullptr) {
+  void PopFront(std::function<void()>& work,
+                std::chrono::steady_clock::time_point* queued = nullptr) {
     Item& front = At(0);
     if (front.work) --live;
     work = std::move(front.work);

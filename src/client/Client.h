@@ -16,7 +16,7 @@ class GAME_Mod;
 namespace game::entity {
 class ClientSideEntity;
 class RegistryWalk;
-}
+}  // namespace game::entity
 
 namespace client {
 

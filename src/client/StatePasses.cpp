@@ -122,7 +122,8 @@ PassBlocks& Blocks() {
 
 }  // namespace
 
-static_assert(sizeof(TransformPass) <= PassBlocks::kBlock && sizeof(PhysicsPass) <= PassBlocks::kBlock);
+static_assert(sizeof(TransformPass) <= PassBlocks::kBlock &&
+              sizeof(PhysicsPass) <= PassBlocks::kBlock);
 
 void* TransformPass::operator new(size_t) {
   return Blocks().Take();

@@ -20,8 +20,8 @@ void RegistryWalk::ForEach(bool (*wanted)(const ClientSideEntity&), const Visit&
   }
   const size_t count = starts.size();
   found_.resize(count);
-  marks_by_stretch_.resize(count);
-  for (size_t j = 0; j < count; ++j) found_[j].clear(), marks_by_stretch_[j].clear();
+  stretchMarks_.resize(count);
+  for (size_t j = 0; j < count; ++j) found_[j].clear(), stretchMarks_[j].clear();
   std::vector<Id> marks;
 
   // Side by side: each stretch steps once a round until it meets the next one's start.
@@ -44,7 +44,7 @@ void RegistryWalk::ForEach(bool (*wanted)(const ClientSideEntity&), const Visit&
         break;
       }
       if (steps[j] % stride == 0 && (j > 0 || steps[j] > 0)) {
-        marks_by_stretch_[j].push_back(at[j]->first);
+        stretchMarks_[j].push_back(at[j]->first);
       }
       if (at[j]->second && wanted(*at[j]->second)) found_[j].push_back(&at[j]->second);
       ++at[j];
@@ -53,7 +53,8 @@ void RegistryWalk::ForEach(bool (*wanted)(const ClientSideEntity&), const Visit&
   }
 
   if (ordered) {
-    for (const auto& stretch : marks_by_stretch_) marks.insert(marks.end(), stretch.begin(), stretch.end());
+    for (const auto& stretch : stretchMarks_)
+      marks.insert(marks.end(), stretch.begin(), stretch.end());
     for (const auto& stretch : found_) {
       for (const ClientSideEntity::Ptr* entity : stretch) visit(*entity);
     }

@@ -30,7 +30,7 @@ class RegistryWalk {
   static constexpr size_t kStretches = 64;
   std::vector<Id> marks_;
   std::vector<std::vector<const ClientSideEntity::Ptr*>> found_;  // by stretch
-  std::vector<std::vector<Id>> marks_by_stretch_;
+  std::vector<std::vector<Id>> stretchMarks_;
 };
 
 }  // namespace game::entity

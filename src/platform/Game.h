@@ -59,9 +59,9 @@ class Game {
       std::chrono::steady_clock::duration budget,
       const std::function<void(std::chrono::steady_clock::duration)>& waited = nullptr);
   struct SynchronizeCounts {
-    size_t queued = 0;        // functions waiting now
-    size_t queuedBytes = 0;   // bytes of droppable work waiting now
-    uint64_t dropped = 0;     // droppable functions destroyed unrun since Reset()
+    size_t queued = 0;       // functions waiting now
+    size_t queuedBytes = 0;  // bytes of droppable work waiting now
+    uint64_t dropped = 0;    // droppable functions destroyed unrun since Reset()
     uint64_t droppedBytes = 0;
   };
   static SynchronizeCounts SynchronizeFigures();

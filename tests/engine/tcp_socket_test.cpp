@@ -1,6 +1,7 @@
 // TCP sockets: broken or stalled peers as errors, Poll, the listener.
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <stdexcept>
@@ -29,6 +30,7 @@ struct Connection {
   }
   TcpListener listener;
   std::unique_ptr<TcpSocket> client, server;
+  std::jthread reader;  // a slow peer's, stopped and joined first
 };
 
 std::string ErrorOf(const std::function<void()>& action) {
@@ -41,25 +43,40 @@ std::string ErrorOf(const std::function<void()>& action) {
 }
 
 // Writing until the broken connection shows fails the flush, and every later flush at once.
+// A peer that keeps taking a little is held to one deadline for the whole flush: a limit
+// per wait would let its 64 MiB flush end well after some 6 s.
 TEST(TcpSocket, AFlushOnABrokenConnectionFailsAndKeepsFailing) {
+  const auto slowly = [](Connection& c) {
+    c.reader = std::jthread([&c](std::stop_token stop) {
+      static unsigned char some[1 << 20];
+      while (!stop.stop_requested()) {
+        c.server->Read(some, sizeof some);
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+      }
+    });
+  };
   const struct {
     const char* name;
     int stallMs;
     std::function<void(Connection&)> breakIt;
     std::string error;
+    size_t chunk = 1 << 20;  // bytes a flush
+    int flushes = 512;       // at most
   } rows[] = {
       {"peer closed", 5000, [](Connection& c) { c.server.reset(); }, "Connection closed by peer"},
       {"peer stopped reading", 300, [](Connection&) {},
        "TCP flush stalled: the peer did not take it within 300 ms"},
       {"shut down", 5000, [](Connection& c) { c.client->Shutdown(); }, "Connection shut down"},
+      {"peer takes 1 MiB every 100 ms", 300, slowly,
+       "TCP flush stalled: the peer did not take it within 300 ms", 64 << 20, 1},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     Connection c("127.0.0.1", row.stallMs);
     row.breakIt(c);
-    const Bytes chunk(1 << 20, 0x5A);
+    const Bytes chunk(row.chunk, 0x5A);
     std::string error = "no error";
-    for (int i = 0; i < 512 && error == "no error"; ++i) {
+    for (int i = 0; i < row.flushes && error == "no error"; ++i) {
       c.client->Write(chunk.data(), chunk.size());
       error = ErrorOf([&] { c.client->Flush(); });
     }

@@ -292,7 +292,11 @@ TEST_F(GameClientTest, DumpHoldsTheGameStateAndOnlyTheLiveEntities) {
   ASSERT_TRUE(first.has_value());
   EXPECT_HEX_EQ(first->bytes, testlib::KeepAliveDatagram());
   const wire::Id odd{2, 1000}, gone{4, 4};
+  Bytes many;  // one module message more than the dump keeps
+  const Bytes one = testlib::ModuleMessage(kOther, {'x'});
+  for (int i = 0; i < 4097; ++i) many.insert(many.end(), one.begin(), one.end());
   conn->Send(wire::Join({
+      many,
       testlib::World("arena"),
       testlib::Create(Create(odd, kSandbox, "ship", {}, {INFINITY, -INFINITY, NAN}, {0xFF})),
       testlib::Create(Create({9, 9}, kSandbox, "nointerface", {}, {}, {})),
@@ -310,6 +314,8 @@ TEST_F(GameClientTest, DumpHoldsTheGameStateAndOnlyTheLiveEntities) {
   EXPECT_EQ(dump["ending"], "the server disconnected");
   EXPECT_EQ(std::make_tuple(dump["world"], dump["mode"], dump["config"], dump["username"]),
             std::make_tuple("arena", -3, "a=1", kUser));
+  EXPECT_EQ(dump["moduleMessages"].size(), 4096u);
+  EXPECT_EQ(dump["moduleMessagesLeftOut"], 3) << "4097 + R-tcp + R-udp kept to the newest 4096";
   ASSERT_EQ(dump["entities"].size(), 1u) << dump;
   EXPECT_EQ(dump["entities"][0]["position"], json({"inf", "-inf", "nan"}));
 }

@@ -19,8 +19,8 @@
 #include "common/Log.h"
 #include "common/OutputFile.h"
 #include "server/GameServer.h"
-#include "server/Stats.h"
 #include "server/Replay.h"
+#include "server/Stats.h"
 
 namespace {
 
