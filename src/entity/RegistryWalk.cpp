@@ -4,74 +4,76 @@
 
 namespace game::entity {
 
-namespace {
-using Map = decltype(ClientSideEntity::_sharedObjects);
-}  // namespace
-
 void RegistryWalk::ForEach(bool (*wanted)(const ClientSideEntity&), const Visit& visit) {
   const Map& map = ClientSideEntity::_sharedObjects;
   const size_t stride = std::max<size_t>(1, map.size() / kStretches);
 
-  // Where the stretches start: the list's head, then each mark still registered.
-  std::vector<Map::const_iterator> starts{map.begin()};
+  // Where the stretches start: the list's head, then each mark still registered. The
+  // stretches' storage is kept from walk to walk, so a walk allocates nothing once warm.
+  size_t count = 0;
+  const auto open = [&](Map::const_iterator start) {
+    if (count == stretches_.size()) stretches_.emplace_back();
+    Stretch& s = stretches_[count++];
+    s.at = start;
+    s.steps = 0;
+    s.done = false;
+    s.found.clear();
+    s.marks.clear();
+  };
+  open(map.begin());
   for (const Id& mark : marks_) {
     const auto it = map.find(mark);
-    if (it != map.end() && it != starts.back()) starts.push_back(it);
+    if (it != map.end() && it != stretches_[count - 1].at) open(it);
   }
-  const size_t count = starts.size();
-  found_.resize(count);
-  stretchMarks_.resize(count);
-  for (size_t j = 0; j < count; ++j) found_[j].clear(), stretchMarks_[j].clear();
-  std::vector<Id> marks;
+  // Each stretch ends where the next one starts.
+  for (size_t j = 0; j < count; ++j) {
+    stretches_[j].stop = j + 1 < count ? stretches_[j + 1].at : map.end();
+  }
 
-  // Side by side: each stretch steps once a round until it meets the next one's start.
-  std::vector<Map::const_iterator> at = starts;
-  std::vector<size_t> steps(count, 0);
-  std::vector<bool> done(count, false);
+  // Side by side: each stretch steps once a round until it meets its stop.
   size_t active = count, total = 0;
   bool ordered = true;
   while (active > 0 && ordered) {
     for (size_t j = 0; j < count; ++j) {
-      if (done[j]) continue;
-      const Map::const_iterator stop = j + 1 < count ? starts[j + 1] : map.end();
-      if (at[j] == stop) {
-        done[j] = true;
+      Stretch& s = stretches_[j];
+      if (s.done) continue;
+      if (s.at == s.stop) {
+        s.done = true;
         --active;
         continue;
       }
-      if (at[j] == map.end() || ++total > map.size()) {
+      if (s.at == map.end() || ++total > map.size()) {
         ordered = false;  // the stretch ran past where its successor starts
         break;
       }
-      if (steps[j] % stride == 0 && (j > 0 || steps[j] > 0)) {
-        stretchMarks_[j].push_back(at[j]->first);
-      }
-      if (at[j]->second && wanted(*at[j]->second)) found_[j].push_back(&at[j]->second);
-      ++at[j];
-      ++steps[j];
+      if (s.steps % stride == 0 && (j > 0 || s.steps > 0)) s.marks.push_back(s.at->first);
+      if (s.at->second && wanted(*s.at->second)) s.found.push_back(&s.at->second);
+      ++s.at;
+      ++s.steps;
     }
   }
 
+  nextMarks_.clear();
   if (ordered) {
-    for (const auto& stretch : stretchMarks_)
-      marks.insert(marks.end(), stretch.begin(), stretch.end());
-    for (const auto& stretch : found_) {
-      for (const ClientSideEntity::Ptr* entity : stretch) visit(*entity);
+    for (size_t j = 0; j < count; ++j) {
+      const Stretch& s = stretches_[j];
+      nextMarks_.insert(nextMarks_.end(), s.marks.begin(), s.marks.end());
+      for (const ClientSideEntity::Ptr* entity : s.found) visit(*entity);
     }
   } else {
-    size_t s = 0;
-    for (auto it = map.begin(); it != map.end(); ++it, ++s) {
-      if (s > 0 && s % stride == 0) marks.push_back(it->first);
+    size_t step = 0;
+    for (auto it = map.begin(); it != map.end(); ++it, ++step) {
+      if (step > 0 && step % stride == 0) nextMarks_.push_back(it->first);
       if (it->second && wanted(*it->second)) visit(it->second);
     }
   }
   // Short stretches keep their marks; thinning keeps the count near kStretches.
-  while (marks.size() > 2 * kStretches) {
+  while (nextMarks_.size() > 2 * kStretches) {
     size_t kept = 0;
-    for (size_t i = 1; i < marks.size(); i += 2) marks[kept++] = marks[i];
-    marks.resize(kept);
+    for (size_t i = 1; i < nextMarks_.size(); i += 2) nextMarks_[kept++] = nextMarks_[i];
+    nextMarks_.resize(kept);
   }
-  marks_.swap(marks);
+  marks_.swap(nextMarks_);
 }
 
 }  // namespace game::entity

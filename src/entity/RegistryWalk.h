@@ -27,10 +27,18 @@ class RegistryWalk {
   void ForEach(bool (*wanted)(const ClientSideEntity&), const Visit& visit);
 
  private:
+  using Map = decltype(ClientSideEntity::_sharedObjects);
+  struct Stretch {
+    Map::const_iterator at, stop;
+    size_t steps = 0;
+    bool done = false;
+    std::vector<const ClientSideEntity::Ptr*> found;  // wanted entities, in order
+    std::vector<Id> marks;                            // for the next walk, in order
+  };
+
   static constexpr size_t kStretches = 64;
-  std::vector<Id> marks_;
-  std::vector<std::vector<const ClientSideEntity::Ptr*>> found_;  // by stretch
-  std::vector<std::vector<Id>> stretchMarks_;
+  std::vector<Id> marks_, nextMarks_;
+  std::vector<Stretch> stretches_;  // the first ones in use in a walk
 };
 
 }  // namespace game::entity
