@@ -523,9 +523,8 @@ void Client::Send() {
   if (game::entity::ActionFlag::Pending() != 0) {
     std::shared_lock<orvex::SharedMutex> lock(ClientSideEntity::_sharedObjectsMutex);
     // Only entities with queued actions are handed on; the others would be no-ops.
-    actionWalk->ForEach(
-        [](const ClientSideEntity& entity) { return bool(entity.hasPendingActions); },
-        [this](const ClientSideEntity::Ptr& entity) { UploadEntity(entity); });
+    actionWalk->ForEach(&ClientSideEntity::hasPendingActions,
+                        [this](const ClientSideEntity::Ptr& entity) { UploadEntity(entity); });
   }
 
   GAME_Mod::ForEachModule([this](std::shared_ptr<GAME_Mod>& module) { UploadModule(module); });

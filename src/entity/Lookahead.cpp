@@ -1,5 +1,6 @@
 #include "entity/Lookahead.h"
 
+#include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <shared_mutex>
@@ -74,10 +75,12 @@ void Prime(const Map& map, const Id* ids, size_t count) {
       if (value.first != ids[i]) continue;
       if (const ClientSideEntity* entity = value.second.get()) {
         // The reference count sits just before the entity (one allocation for both); the
-        // passes write fields over the entity's first four lines.
+        // passes read and write fields up to `stale`. Points 64 bytes apart from the count
+        // to that field touch every line in between, however the entity is aligned.
         const char* bytes = reinterpret_cast<const char*>(entity);
-        Prefetch(bytes - 32);
-        for (size_t line = 0; line < 4; ++line) Prefetch(bytes + 64 * line);
+        const char* end = reinterpret_cast<const char*>(&entity->stale + 1);
+        for (const char* at = bytes - 16; at < end; at += 64) Prefetch(at);
+        Prefetch(end - 1);
       }
       at[i] = nullptr;
     }

@@ -4,7 +4,15 @@
 
 namespace game::entity {
 
-void RegistryWalk::ForEach(bool (*wanted)(const ClientSideEntity&), const Visit& visit) {
+namespace {
+
+void Prefetch(const void* address) {
+  __builtin_prefetch(address, 0, 3);
+}
+
+}  // namespace
+
+void RegistryWalk::ForEach(Flag flag, const Visit& visit) {
   const Map& map = ClientSideEntity::_sharedObjects;
   const size_t stride = std::max<size_t>(1, map.size() / kStretches);
 
@@ -15,6 +23,7 @@ void RegistryWalk::ForEach(bool (*wanted)(const ClientSideEntity&), const Visit&
     if (count == stretches_.size()) stretches_.emplace_back();
     Stretch& s = stretches_[count++];
     s.at = start;
+    s.tested = nullptr;
     s.steps = 0;
     s.done = false;
     s.found.clear();
@@ -30,13 +39,20 @@ void RegistryWalk::ForEach(bool (*wanted)(const ClientSideEntity&), const Visit&
     stretches_[j].stop = j + 1 < count ? stretches_[j + 1].at : map.end();
   }
 
-  // Side by side: each stretch steps once a round until it meets its stop.
+  // Side by side: each stretch steps once a round until it meets its stop. A step tests the
+  // flag fetched in the last round, then moves on, fetching the next node and the flag of
+  // the node it leaves.
+  const auto flagged = [flag](const ClientSideEntity::Ptr* entity) {
+    return entity != nullptr && bool((**entity).*flag);
+  };
   size_t active = count, total = 0;
   bool ordered = true;
   while (active > 0 && ordered) {
     for (size_t j = 0; j < count; ++j) {
       Stretch& s = stretches_[j];
       if (s.done) continue;
+      if (flagged(s.tested)) s.found.push_back(s.tested);
+      s.tested = nullptr;
       if (s.at == s.stop) {
         s.done = true;
         --active;
@@ -47,9 +63,18 @@ void RegistryWalk::ForEach(bool (*wanted)(const ClientSideEntity&), const Visit&
         break;
       }
       if (s.steps % stride == 0 && (j > 0 || s.steps > 0)) s.marks.push_back(s.at->first);
-      if (s.at->second && wanted(*s.at->second)) s.found.push_back(&s.at->second);
+      if (const ClientSideEntity::Ptr& entity = s.at->second) {
+        Prefetch(&((*entity).*flag));
+        s.tested = &entity;
+      }
       ++s.at;
       ++s.steps;
+      if (s.at != s.stop && s.at != map.end()) {
+        // The node: its link, then the id and the entity's pointer.
+        const char* value = reinterpret_cast<const char*>(&*s.at);
+        Prefetch(value - sizeof(void*));
+        Prefetch(value + sizeof(Id) + sizeof(void*) - 1);
+      }
     }
   }
 
@@ -64,7 +89,7 @@ void RegistryWalk::ForEach(bool (*wanted)(const ClientSideEntity&), const Visit&
     size_t step = 0;
     for (auto it = map.begin(); it != map.end(); ++it, ++step) {
       if (step > 0 && step % stride == 0) nextMarks_.push_back(it->first);
-      if (it->second && wanted(*it->second)) visit(it->second);
+      if (it->second && (*it->second).*flag) visit(it->second);
     }
   }
   // Short stretches keep their marks; thinning keeps the count near kStretches.

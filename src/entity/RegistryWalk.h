@@ -7,7 +7,9 @@
 // That holds exactly when each stretch runs into the next mark: the list's relative order
 // survives inserts and erases, and a rehash or a refill that reorders it makes some
 // stretch miss its end, and the walk then falls back to one plain pass (and takes new
-// marks from it). One object per walker; the caller holds the registry's lock, shared.
+// marks from it). Each round fetches every stretch's next node and the flag of the node it
+// stands on, and tests that flag a round later, so that no step waits on a miss issued in
+// its own round. One object per walker; the caller holds the registry's lock, shared.
 #pragma once
 
 #include <cstddef>
@@ -22,14 +24,17 @@ class RegistryWalk {
  public:
   using Visit = std::function<void(const ClientSideEntity::Ptr&)>;
 
-  // Calls `visit`, in the registry's order, for each registered entity for which `wanted`
-  // holds. The registry's lock must be held, at least shared.
-  void ForEach(bool (*wanted)(const ClientSideEntity&), const Visit& visit);
+  using Flag = ActionFlag ClientSideEntity::*;
+
+  // Calls `visit`, in the registry's order, for each registered entity whose `flag` is set.
+  // The registry's lock must be held, at least shared.
+  void ForEach(Flag flag, const Visit& visit);
 
  private:
   using Map = decltype(ClientSideEntity::_sharedObjects);
   struct Stretch {
     Map::const_iterator at, stop;
+    const ClientSideEntity::Ptr* tested = nullptr;  // stepped over, its flag fetched
     size_t steps = 0;
     bool done = false;
     std::vector<const ClientSideEntity::Ptr*> found;  // wanted entities, in order
