@@ -30,6 +30,7 @@ void Game::ResetEntities() {
 
 namespace game::entity {
 std::atomic<size_t> ActionFlag::pending_{0};
+std::atomic<uint32_t> ActionFlag::slots_[size_t{1} << kSlotBits];
 
 BaseEntity::~BaseEntity() = default;
 

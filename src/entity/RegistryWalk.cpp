@@ -63,7 +63,10 @@ void RegistryWalk::ForEach(Flag flag, const Visit& visit) {
         break;
       }
       if (s.steps % stride == 0 && (j > 0 || s.steps > 0)) s.marks.push_back(s.at->first);
-      if (const ClientSideEntity::Ptr& entity = s.at->second) {
+      // The filter rules out most entities from the node's pointer alone; only those it
+      // cannot rule out have their flag fetched, to be tested next round.
+      if (const ClientSideEntity::Ptr& entity = s.at->second;
+          entity && ActionFlag::MightBeSet(&((*entity).*flag))) {
         Prefetch(&((*entity).*flag));
         s.tested = &entity;
       }
@@ -89,7 +92,9 @@ void RegistryWalk::ForEach(Flag flag, const Visit& visit) {
     size_t step = 0;
     for (auto it = map.begin(); it != map.end(); ++it, ++step) {
       if (step > 0 && step % stride == 0) nextMarks_.push_back(it->first);
-      if (it->second && (*it->second).*flag) visit(it->second);
+      if (!it->second) continue;
+      const ActionFlag& wanted = (*it->second).*flag;
+      if (ActionFlag::MightBeSet(&wanted) && wanted) visit(it->second);
     }
   }
   // Short stretches keep their marks; thinning keeps the count near kStretches.

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <glm/glm.hpp>
 #include <memory>
 #include <mutex>
@@ -40,6 +41,12 @@ class BaseEntity {
 // the send step can see in one load that no entity has anything queued and skip its walk
 // over the registry. Whoever sets or clears the flag keeps the count right without knowing
 // of it; an entity destroyed with its flag set takes itself out of the count.
+//
+// Each set flag is also counted in a slot picked by its address (a counting filter), so a
+// walk can rule out most entities from the node's pointer alone, without loading a line of
+// the entity: MightBeSet(flag) is false only when no set flag hashes to that slot. A raise
+// counts its slot before the process-wide count and a lowering uncounts it after, so whoever
+// sees Pending() include a flag sees its slot counted too.
 class ActionFlag {
  public:
   ActionFlag() = default;
@@ -56,18 +63,34 @@ class ActionFlag {
   // Entities whose flag is set, in the whole process.
   static size_t Pending() { return pending_.load(std::memory_order_acquire); }
 
+  // False when the flag at `flag` is certainly not set; true when it may be. Reads the
+  // filter only, never the flag, so `flag` may be computed from a pointer not yet loaded.
+  static bool MightBeSet(const ActionFlag* flag) {
+    return slots_[Slot(flag)].load(std::memory_order_acquire) != 0;
+  }
+
  private:
+  static constexpr unsigned kSlotBits = 15;
+
+  static size_t Slot(const ActionFlag* flag) {
+    // Fibonacci hashing of the address: entities lie a few hundred bytes apart.
+    return (reinterpret_cast<uintptr_t>(flag) * 0x9E3779B97F4A7C15ull) >> (64 - kSlotBits);
+  }
+
   void Set(bool value) {
     if (flag_.exchange(value, std::memory_order_acq_rel) == value) return;
     if (value) {
+      slots_[Slot(this)].fetch_add(1, std::memory_order_acq_rel);
       pending_.fetch_add(1, std::memory_order_acq_rel);
     } else {
       pending_.fetch_sub(1, std::memory_order_acq_rel);
+      slots_[Slot(this)].fetch_sub(1, std::memory_order_acq_rel);
     }
   }
 
   std::atomic<bool> flag_{false};
-  static std::atomic<size_t> pending_;  // defined by game.so
+  static std::atomic<size_t> pending_;                          // defined by game.so
+  static std::atomic<uint32_t> slots_[size_t{1} << kSlotBits];  // defined by game.so
 };
 
 class ClientSideEntity : public BaseEntity, public std::enable_shared_from_this<ClientSideEntity> {
