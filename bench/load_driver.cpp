@@ -16,6 +16,7 @@
 // Exit status: 0 on a completed run, 1 when a phase failed (the reason on stderr), 64 for
 // bad arguments.
 #include <malloc.h>
+#include <pthread.h>
 #include <time.h>
 
 #include <algorithm>
@@ -265,7 +266,10 @@ ClientResult RunClient(const Options& options) {
   const auto connected = Clock::now();
   r.connectSeconds = Seconds(connected - joined);
   for (const std::string& name : Game::_mods) benchsupport::LoadMod(name);
-  std::thread receiving([&] { client->ReceivingThread(); });
+  std::thread receiving([&] {
+    pthread_setname_np(pthread_self(), "receiving");
+    client->ReceivingThread();
+  });
   // Stops the receiving thread on every way out.
   struct Stop {
     std::thread& thread;

@@ -3,6 +3,7 @@
 // buffer and calls the callback once per datagram with a view of its slot.
 #include <netinet/in.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -297,6 +298,8 @@ void UdpSocket::DeliveryLoop() {
     messages[i].msg_hdr.msg_name = &senders[i];
   }
   tDeliveringSocket = this;
+  // Named for perf, gdb and top; the name is the thread's own, never the caller's.
+  pthread_setname_np(pthread_self(), "udp-delivery");
   // Simulate is refused while this thread runs, so the simulator stays put.
   SimulatedPath* simulated = simulator_ && simulator_->SimulatesIn() ? &simulator_->In() : nullptr;
 

@@ -6,6 +6,7 @@
 // check) or another failure; 2 when the client's constructor threw (the reason is the last
 // line on stderr); 64 for bad arguments; 128 + the signal for a second signal, or a signal
 // during the connection attempt. See docs/game-client.md, "Endings".
+#include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -311,6 +312,7 @@ int main(int argc, char** argv) {
   bool failed = false;
   std::atomic<bool> receiverDone{false};
   std::thread receiver([&client, &receiverDone] {
+    pthread_setname_np(pthread_self(), "receiving");
     client->ReceivingThread();
     receiverDone.store(true);
   });

@@ -1,5 +1,6 @@
 #include "server/GameServer.h"
 
+#include <pthread.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -242,6 +243,7 @@ void GameServer::Stop() {
 // Connections.
 
 void GameServer::AcceptLoop() {
+  pthread_setname_np(pthread_self(), "server-accept");
   while (!stopping_) {
     std::unique_ptr<orvex::net::TcpSocket> tcp;
     try {
@@ -279,6 +281,7 @@ void GameServer::AcceptLoop() {
 }
 
 void GameServer::Serve(std::shared_ptr<Client> client) {
+  pthread_setname_np(pthread_self(), "server-client");
   try {
     if (Handshake(client)) ReadLoop(*client);
   } catch (const std::exception& e) {
@@ -521,6 +524,7 @@ void GameServer::SendDatagram(Client& client, const std::string& address, uint16
 // Simulation.
 
 void GameServer::SimulationLoop() {
+  pthread_setname_np(pthread_self(), "server-tick");
   const double periodMs = 1000.0 / options_.rate;
   uint64_t tick = 0;
   double next = static_cast<double>(startMs_);
