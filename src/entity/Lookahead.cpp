@@ -5,6 +5,8 @@
 #include <cstring>
 #include <shared_mutex>
 
+#include "entity/Prefetch.h"
+
 namespace game::entity {
 
 namespace {
@@ -40,10 +42,6 @@ bool LayoutHolds(const Map& map, const Id& id) {
 #endif
 }
 
-void Prefetch(const void* address) {
-  __builtin_prefetch(address, 1, 3);
-}
-
 // Fetches what the lookups of ids[0, count) will touch, a layer at a time over all of them
 // so that their misses overlap: the buckets, the nodes before the buckets' first, the
 // nodes (following a bucket's chain a little), and the entities of the nodes that match.
@@ -54,19 +52,19 @@ void Prime(const Map& map, const Id* ids, size_t count) {
   size_t bucket[kMax];
   for (size_t i = 0; i < count; ++i) {
     bucket[i] = map.bucket(ids[i]);
-    Prefetch(&buckets[bucket[i]]);
+    Prefetch<Intent::kRead>(&buckets[bucket[i]]);
   }
   const NodeBase* at[kMax];
   for (size_t i = 0; i < count; ++i) {
     at[i] = buckets[bucket[i]];
-    if (at[i] != nullptr) Prefetch(at[i]);
+    if (at[i] != nullptr) Prefetch<Intent::kRead>(at[i]);  // only its link is read
   }
   // Each round steps every unresolved id one node on; most ids are first in their bucket.
   for (int round = 0; round < 3; ++round) {
     for (size_t i = 0; i < count; ++i) {
       if (at[i] == nullptr) continue;
       at[i] = at[i]->next;
-      if (at[i] != nullptr) Prefetch(at[i]), Prefetch(reinterpret_cast<const char*>(at[i]) + 39);
+      if (at[i] != nullptr) PrefetchNode(at[i]);
     }
     for (size_t i = 0; i < count; ++i) {
       if (at[i] == nullptr) continue;
@@ -79,8 +77,8 @@ void Prime(const Map& map, const Id* ids, size_t count) {
         // to that field touch every line in between, however the entity is aligned.
         const char* bytes = reinterpret_cast<const char*>(entity);
         const char* end = reinterpret_cast<const char*>(&entity->stale + 1);
-        for (const char* at = bytes - 16; at < end; at += 64) Prefetch(at);
-        Prefetch(end - 1);
+        for (const char* at = bytes - 16; at < end; at += 64) Prefetch<Intent::kWrite>(at);
+        Prefetch<Intent::kWrite>(end - 1);
       }
       at[i] = nullptr;
     }

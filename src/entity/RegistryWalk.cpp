@@ -2,15 +2,9 @@
 
 #include <algorithm>
 
+#include "entity/Prefetch.h"
+
 namespace game::entity {
-
-namespace {
-
-void Prefetch(const void* address) {
-  __builtin_prefetch(address, 0, 3);
-}
-
-}  // namespace
 
 void RegistryWalk::ForEach(Flag flag, const Visit& visit) {
   const Map& map = ClientSideEntity::_sharedObjects;
@@ -67,16 +61,13 @@ void RegistryWalk::ForEach(Flag flag, const Visit& visit) {
       // cannot rule out have their flag fetched, to be tested next round.
       if (const ClientSideEntity::Ptr& entity = s.at->second;
           entity && ActionFlag::MightBeSet(&((*entity).*flag))) {
-        Prefetch(&((*entity).*flag));
+        Prefetch<Intent::kRead>(&((*entity).*flag));
         s.tested = &entity;
       }
       ++s.at;
       ++s.steps;
       if (s.at != s.stop && s.at != map.end()) {
-        // The node: its link, then the id and the entity's pointer.
-        const char* value = reinterpret_cast<const char*>(&*s.at);
-        Prefetch(value - sizeof(void*));
-        Prefetch(value + sizeof(Id) + sizeof(void*) - 1);
+        PrefetchNode(reinterpret_cast<const char*>(&*s.at) - sizeof(void*));
       }
     }
   }
