@@ -12,7 +12,7 @@
 #include <string>
 
 #include "game/UniqueId.h"
-#include "identifiers/ModuleID.h"
+#include "orvex/modular/ModuleID.h"
 
 namespace {
 

@@ -25,7 +25,10 @@
 #include <vector>
 
 #include "BenchSupport.h"
+#include "filesystem/StreamValues.h"
+#include "game/Host.h"
 #include "game/Networking.h"
+#include "net/UdpEndpoint.h"
 #include "testlib/ClientTestPeer.h"
 
 namespace {
@@ -63,25 +66,12 @@ wire::Bytes TransformDatagram(uint64_t sequence) {
 // what the client's sender check compares with the server's address.
 struct Fixture {
   benchsupport::ConnectedClient connected;
-  orvex::net::UdpSocket loopbackSender{orvex::net::UdpSocket::BindTag{}, "127.0.0.1", 0, 1400};
+  std::unique_ptr<orvex::net::UdpSocket> loopbackSender =
+      client::ClientTestPeer::SocketThatHeardFrom("127.0.0.1");
   wire::Bytes datagram = TransformDatagram(1);
   uint16_t clientPort = 0;
 
   Fixture() {
-    std::atomic<bool> arrived{false};
-    loopbackSender.Receive([&](const orvex::net::UdpSocket&, ReadOnlyStream&&) { arrived = true; });
-    orvex::net::UdpSocket poke("127.0.0.1", loopbackSender.GetLocalPort(), 16);
-    const auto deadline = Clock::now() + std::chrono::seconds(10);
-    while (!arrived && Clock::now() < deadline) {
-      poke.WriteValue(uint8_t{1});
-      poke.Flush();
-      std::this_thread::sleep_for(std::chrono::milliseconds(5));
-    }
-    loopbackSender.StopReceiving();
-    if (loopbackSender.GetIncomingAddress() != "127.0.0.1") {
-      throw std::runtime_error("intake_bench: no loopback datagram arrived");
-    }
-
     // The client's datagram port, from its keep-alive.
     connected.Client().Send();
     while (auto received = connected.Server().NextDatagram(5000)) {
@@ -115,19 +105,19 @@ void IntakeClient(benchmark::State& state) {
   int64_t sinceDrain = 0;
   uint64_t mark = benchsupport::Allocations();
   for (auto _ : state) {
-    client::ClientTestPeer::UdpMessage(client, f.loopbackSender,
-                                       ReadOnlyStream::View(f.datagram.data(), f.datagram.size()));
+    client::ClientTestPeer::UdpMessage(client, *f.loopbackSender,
+                                       ReadOnlyStream(f.datagram.data(), f.datagram.size()));
     if (++sinceDrain == kDrainEvery) {
       state.PauseTiming();
       allocations += benchsupport::Allocations() - mark;
-      Game::RunSynchronized();
+      orvex::engine::RunSynchronized();
       sinceDrain = 0;
       mark = benchsupport::Allocations();
       state.ResumeTiming();
     }
   }
   allocations += benchsupport::Allocations() - mark;
-  Game::RunSynchronized();
+  orvex::engine::RunSynchronized();
   CountAllocations(state, allocations);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * f.datagram.size()));
 }
@@ -215,15 +205,15 @@ void LoopbackClient(benchmark::State& state) {
   RunBursts(
       state, f.clientPort,
       [&] { return counters.datagramsAccepted.load(std::memory_order_relaxed); },
-      [] { Game::RunSynchronized(); });
+      [] { orvex::engine::RunSynchronized(); });
 }
 
 // The engine's UDP socket (batched receive on its delivery thread) with a callback that
 // only counts: the client's socket without the client.
 void LoopbackEngineSocket(benchmark::State& state) {
-  orvex::net::UdpSocket socket(orvex::net::UdpSocket::BindTag{}, "127.0.0.1", 0, 1400);
+  orvex::net::UdpEndpoint socket(orvex::net::UdpEndpoint::BindTag{}, "127.0.0.1", 0, 1400);
   std::atomic<uint64_t> received{0};
-  socket.Receive([&](const orvex::net::UdpSocket&, ReadOnlyStream&&) {
+  socket.Receive([&](const orvex::net::UdpEndpoint&, ReadOnlyStream&&) {
     received.fetch_add(1, std::memory_order_relaxed);
   });
   RunBursts(
@@ -267,7 +257,7 @@ void LoopbackBareSocket(benchmark::State& state) {
 BENCHMARK(IntakeClient)->Name("Intake/ClientTestPeer::UdpMessage/transforms 23");
 BENCHMARK(IntakeMemcpy)->Name("Intake/base:memcmp+memcpy/transforms 23");
 BENCHMARK(LoopbackClient)->Name("Loopback/client::Client/burst 32")->UseRealTime();
-BENCHMARK(LoopbackEngineSocket)->Name("Loopback/orvex::net::UdpSocket/burst 32")->UseRealTime();
+BENCHMARK(LoopbackEngineSocket)->Name("Loopback/orvex::net::UdpEndpoint/burst 32")->UseRealTime();
 BENCHMARK(LoopbackBareSocket)->Name("Loopback/base:recv_loop/burst 32")->UseRealTime();
 
 }  // namespace

@@ -7,7 +7,7 @@
 #include <mutex>
 #include <shared_mutex>
 
-#include "support/SharedMutex.h"
+#include "orvex/SharedMutex.h"
 
 namespace {
 

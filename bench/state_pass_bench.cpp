@@ -40,12 +40,18 @@ constexpr size_t kPhysicsRecords = 20;
 // Children moved between the two parents by the re-parenting case.
 constexpr size_t kChildren = 23 * 64;
 
-// One datagram as the intake hands it to a pass: its own copy, positioned at the records.
-ReadOnlyStream AtRecords(const wire::Bytes& datagram, size_t headerSize) {
+// One datagram's records as the intake hands them to a pass (its own copy, positioned at
+// the records) and, for the baselines, the same record bytes in memory.
+struct Records {
+  ReadOnlyStream stream;
+  wire::Bytes bytes;
+};
+
+Records AtRecords(const wire::Bytes& datagram, size_t headerSize) {
   ReadOnlyStream stream(std::vector<unsigned char>(datagram.begin(), datagram.end()));
   std::vector<unsigned char> header(headerSize);
   stream.Read(header.data(), header.size());
-  return stream;
+  return {stream, wire::Bytes(datagram.begin() + static_cast<long>(headerSize), datagram.end())};
 }
 
 wire::TransformRecord TransformOf(const Id& id, uint64_t n) {
@@ -66,11 +72,11 @@ struct Fixture {
     return it != plain.end() ? it->second : nullptr;
   }
 
-  std::vector<ReadOnlyStream> transforms;  // 23 records each, parent: none
-  std::vector<ReadOnlyStream> physics;     // 20 records each
+  std::vector<Records> transforms;  // 23 records each, parent: none
+  std::vector<Records> physics;     // 20 records each
   // The re-parenting case: the same children under parent A, then under parent B.
   Id parentA, parentB;
-  std::vector<ReadOnlyStream> toA, toB;
+  std::vector<Records> toA, toB;
   std::unordered_map<Id, ClientSideEntity::Ptr> plain;
   std::shared_mutex plainMutex;
 
@@ -202,7 +208,7 @@ void TransformClient(benchmark::State& state) {
   const uint64_t before = benchsupport::Allocations();
   for (auto _ : state) {
     if (++i >= f.transforms.size()) i = 0;
-    client::TransformPass pass(f.transforms[i], 1, Id{}, false);
+    client::TransformPass pass(f.transforms[i].stream, 1, Id{}, false);
     pass();
   }
   CountAllocations(state, before);
@@ -215,8 +221,8 @@ void TransformPlainMap(benchmark::State& state) {
   TransformValues values[kTransformRecords + 1];
   for (auto _ : state) {
     if (++i >= f.transforms.size()) i = 0;
-    const ReadOnlyStream& records = f.transforms[i];
-    const size_t n = DecodeTransforms(records.GetBuffer(), records.GetBufferSize(), values);
+    const wire::Bytes& records = f.transforms[i].bytes;
+    const size_t n = DecodeTransforms(records.data(), records.size(), values);
     for (size_t r = 0; r < n; ++r) {
       const ClientSideEntity::Ptr entity = f.PlainGet(values[r].id);
       if (!entity || !entity->serverDriven) continue;
@@ -236,9 +242,8 @@ void TransformMemcpy(benchmark::State& state) {
   TransformValues values[kTransformRecords + 1];
   for (auto _ : state) {
     if (++i >= f.transforms.size()) i = 0;
-    const ReadOnlyStream& records = f.transforms[i];
-    benchmark::DoNotOptimize(
-        DecodeTransforms(records.GetBuffer(), records.GetBufferSize(), values));
+    const wire::Bytes& records = f.transforms[i].bytes;
+    benchmark::DoNotOptimize(DecodeTransforms(records.data(), records.size(), values));
     benchmark::ClobberMemory();
   }
   SetItems(state, kTransformRecords);
@@ -253,7 +258,7 @@ void PhysicsClient(benchmark::State& state) {
   const uint64_t before = benchsupport::Allocations();
   for (auto _ : state) {
     if (++i >= f.physics.size()) i = 0;
-    client::PhysicsPass pass(f.physics[i]);
+    client::PhysicsPass pass(f.physics[i].stream);
     pass();
   }
   CountAllocations(state, before);
@@ -266,8 +271,8 @@ void PhysicsPlainMap(benchmark::State& state) {
   PhysicsValues values[kPhysicsRecords + 1];
   for (auto _ : state) {
     if (++i >= f.physics.size()) i = 0;
-    const ReadOnlyStream& records = f.physics[i];
-    const size_t n = DecodePhysics(records.GetBuffer(), records.GetBufferSize(), values);
+    const wire::Bytes& records = f.physics[i].bytes;
+    const size_t n = DecodePhysics(records.data(), records.size(), values);
     for (size_t r = 0; r < n; ++r) {
       const ClientSideEntity::Ptr entity = f.PlainGet(values[r].id);
       if (entity && entity->serverDriven && entity->parentId.Load().IsNull()) {
@@ -285,8 +290,8 @@ void PhysicsMemcpy(benchmark::State& state) {
   PhysicsValues values[kPhysicsRecords + 1];
   for (auto _ : state) {
     if (++i >= f.physics.size()) i = 0;
-    const ReadOnlyStream& records = f.physics[i];
-    benchmark::DoNotOptimize(DecodePhysics(records.GetBuffer(), records.GetBufferSize(), values));
+    const wire::Bytes& records = f.physics[i].bytes;
+    benchmark::DoNotOptimize(DecodePhysics(records.data(), records.size(), values));
     benchmark::ClobberMemory();
   }
   SetItems(state, kPhysicsRecords);
@@ -302,9 +307,9 @@ void ReparentClient(benchmark::State& state) {
   size_t i = 0;
   for (auto _ : state) {
     if (++i >= f.toB.size()) i = 0;
-    client::TransformPass toB(f.toB[i], 1, f.parentB, false);
+    client::TransformPass toB(f.toB[i].stream, 1, f.parentB, false);
     toB();
-    client::TransformPass toA(f.toA[i], 1, f.parentA, false);
+    client::TransformPass toA(f.toA[i].stream, 1, f.parentA, false);
     toA();
   }
   SetItems(state, 2 * kTransformRecords);
@@ -332,10 +337,10 @@ void ReparentMath(benchmark::State& state) {
   for (auto _ : state) {
     if (++i >= f.toB.size()) i = 0;
     for (int leg = 0; leg < 2; ++leg) {
-      const ReadOnlyStream& records = leg == 0 ? f.toB[i] : f.toA[i];
+      const wire::Bytes& records = leg == 0 ? f.toB[i].bytes : f.toA[i].bytes;
       const Placement& from = leg == 0 ? a : b;
       const Placement& to = leg == 0 ? b : a;
-      const size_t n = DecodeTransforms(records.GetBuffer(), records.GetBufferSize(), values);
+      const size_t n = DecodeTransforms(records.data(), records.size(), values);
       for (size_t r = 0; r < n; ++r) {
         Placement& child = children[i * kTransformRecords + r];
         const glm::dmat4 m = glm::inverse(TransformOf(to.position, to.orientation)) *

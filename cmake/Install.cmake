@@ -7,15 +7,10 @@ set(ORVEX_LIBRARIES client game OrvexNet OrvexFileSystem OrvexCpu)
 install(TARGETS ${ORVEX_LIBRARIES} EXPORT OrvexClientTargets
         LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR})
 
-# The module's interface and what it includes: the platform declarations, the identifiers
-# and the support classes its header names. Nothing of the engine runtime's own.
+# The module's interface and the platform declarations it names. Nothing of the engine
+# runtime's own.
 install(FILES ${CMAKE_SOURCE_DIR}/src/client/Client.h DESTINATION ${ORVEX_INSTALL_INCLUDEDIR}/client)
-install(FILES ${CMAKE_SOURCE_DIR}/src/identifiers/ModuleID.h
-        DESTINATION ${ORVEX_INSTALL_INCLUDEDIR}/identifiers)
-install(FILES ${CMAKE_SOURCE_DIR}/src/support/Timer.h ${CMAKE_SOURCE_DIR}/src/support/SharedMutex.h
-              ${CMAKE_SOURCE_DIR}/src/support/Profiler.h
-        DESTINATION ${ORVEX_INSTALL_INCLUDEDIR}/support)
-install(DIRECTORY ${CMAKE_SOURCE_DIR}/src/platform/ DESTINATION ${ORVEX_INSTALL_INCLUDEDIR}
+install(DIRECTORY ${CMAKE_SOURCE_DIR}/platform/ DESTINATION ${ORVEX_INSTALL_INCLUDEDIR}
         FILES_MATCHING PATTERN "*.h")
 
 set(_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/OrvexClient)

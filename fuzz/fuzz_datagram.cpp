@@ -10,8 +10,11 @@
 #include "FuzzSupport.h"
 #include "Game.h"
 #include "Messages.h"
+#include "filesystem/StreamValues.h"
+#include "game/Host.h"
 #include "game/Networking.h"
 #include "game/entity/ClientSideEntity.h"
+#include "net/UdpEndpoint.h"
 
 namespace {
 
@@ -49,13 +52,13 @@ struct Parents {
   // Takes in a datagram that starts with the magic; false (and no change) if it closes a cycle.
   bool Admit(const uint8_t* data, size_t size) {
     ReadOnlyStream in(data + kMagicSize, size - kMagicSize);
-    if (in.ReadValue<uint8_t>() != networking::MSG_TRANSFORMS) return true;
-    in.ReadValue<double>();
-    const auto sequence = in.ReadValue<uint64_t>();
-    const auto parentEnvironment = in.ReadValue<uint64_t>();
-    const auto relativeEnvironment = in.ReadValue<uint64_t>();
-    const Id parent = in.ReadValue<Id>();
-    if (in.ReadValue<int32_t>() == 1) {
+    if (ReadValue<uint8_t>(in) != networking::MSG_TRANSFORMS) return true;
+    ReadValue<double>(in);
+    const auto sequence = ReadValue<uint64_t>(in);
+    const auto parentEnvironment = ReadValue<uint64_t>(in);
+    const auto relativeEnvironment = ReadValue<uint64_t>(in);
+    const Id parent = ReadValue<Id>(in);
+    if (ReadValue<int32_t>(in) == 1) {
       if (sequence < lastSequence) return true;
       lastSequence = sequence;
     }
@@ -64,7 +67,7 @@ struct Parents {
       return true;
     }
     std::unordered_map<Id, Id> next = links;
-    for (Id id; !(id = in.ReadValue<Id>()).IsNull();) {
+    for (Id id; !(id = ReadValue<Id>(in)).IsNull();) {
       double position[3];
       float rotation[4];
       in.Read(reinterpret_cast<unsigned char*>(position), sizeof position);
@@ -141,7 +144,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     datagram.Read(magic, kMagicSize);
     client::ClientTestPeer::ReceiveDatagram(*theClient, std::move(datagram));
   }
-  Game::RunSynchronized();
+  orvex::engine::RunSynchronized();
   for (const auto& fixed : kFixed) {
     if (ClientSideEntity::Get<ClientSideEntity>(fixed.id)->parentId.Load() !=
         parents.links.at(fixed.id)) {

@@ -6,6 +6,7 @@
 
 #include "FuzzSupport.h"
 #include "Messages.h"
+#include "filesystem/StreamValues.h"
 #include "game/Networking.h"
 #include "game/entity/ClientSideEntity.h"
 
@@ -30,7 +31,7 @@ struct Cursor {
   // A string or a sub-stream: u32 count, then the bytes.
   bool Block() {
     uint32_t n;
-    return Value(n) && n <= Stream::kMaxBlockSize && Skip(n);
+    return Value(n) && n <= kMaxBlockSize && Skip(n);
   }
 };
 

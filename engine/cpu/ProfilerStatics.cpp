@@ -1,5 +1,5 @@
 // The profiler's process-wide tables: one definition for every module of the process.
-#include "support/Profiler.h"
+#include "orvex/cpu/Profiler.h"
 
 namespace orvex::cpu {
 

@@ -7,7 +7,10 @@
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <typeinfo>
 #include <utility>
+
+#include "filesystem/StreamValues.h"
 
 namespace orvex::filesystem {
 namespace {
@@ -44,7 +47,30 @@ uint32_t CountOf(unsigned long size, const char* what) {
   return static_cast<uint32_t>(size);
 }
 
+// Checks a block count read from `stream` before anything is allocated for it: a stream
+// that holds its bytes (`available` >= 0) clamps it to them; any other (a socket) refuses a
+// count above the caller's limit or the block cap. Returns the count to read.
+unsigned long CheckBlockCount(uint32_t count, long available, unsigned long limit,
+                              const char* what) {
+  if (available >= 0) return std::min<unsigned long>(count, static_cast<unsigned long>(available));
+  unsigned long cap = std::min(limit, kMaxBlockSize);
+  if (count > cap) {
+    throw std::runtime_error(std::string(what) + " of " + std::to_string(count) +
+                             " bytes exceeds the limit of " + std::to_string(cap) + " bytes");
+  }
+  return count;
+}
+
 }  // namespace
+
+std::vector<unsigned char> BytesOf(const Stream& stream) {
+  Stream copy;
+  copy.Write(stream);
+  std::vector<unsigned char> bytes(stream.GetBufferSize());
+  ReadValue<uint32_t>(copy);
+  if (!bytes.empty()) copy.Read(bytes.data(), bytes.size());
+  return bytes;
+}
 
 // ---------------------------------------------------------------------------------------
 // Stream: bytes_[readPos_, size) are waiting.
@@ -81,67 +107,75 @@ unsigned long Stream::GetBufferSize() const {
   return bytes_.size() - readPos_;
 }
 
-const unsigned char* Stream::GetBuffer() const {
-  return bytes_.data() + readPos_;
-}
-
+// The bytes a read can still deliver from what this stream holds, or -1 when it is not an
+// in-memory stream (a socket: unbounded). Read-only streams read their own strings and
+// embedded streams through this too; write-only streams refuse reads before they get here.
 long Stream::Available() const {
-  return static_cast<long>(bytes_.size() - readPos_);
+  if (const auto* held = dynamic_cast<const ReadOnlyStream*>(this)) {
+    return static_cast<long>(held->size_ - held->pos_);
+  }
+  if (typeid(*this) == typeid(Stream)) return static_cast<long>(bytes_.size() - readPos_);
+  return -1;
 }
 
-unsigned long Stream::CheckBlockCount(uint32_t count, unsigned long limit, const char* what) const {
-  long available = Available();
-  if (available >= 0) return std::min<unsigned long>(count, static_cast<unsigned long>(available));
-  unsigned long cap = std::min(limit, kMaxBlockSize);
-  if (count > cap) {
-    throw std::runtime_error(std::string(what) + " of " + std::to_string(count) +
-                             " bytes exceeds the limit of " + std::to_string(cap) + " bytes");
+// The waiting bytes of an in-memory, read-only or write-only stream.
+const unsigned char* Stream::Waiting() const {
+  if (const auto* held = dynamic_cast<const ReadOnlyStream*>(this)) {
+    return held->data_ != nullptr ? held->data_ + held->pos_ : nullptr;
   }
-  return count;
+  if (const auto* written = dynamic_cast<const WriteOnlyStream*>(this)) {
+    return written->bytes_.data();
+  }
+  if (typeid(*this) == typeid(Stream)) return bytes_.data() + readPos_;
+  throw std::logic_error("only in-memory streams can be embedded in another stream");
 }
 
 ReadOnlyStream Stream::ReadStream() {
-  uint32_t count = ReadValue<uint32_t>();
-  unsigned long n = CheckBlockCount(count, kMaxBlockSize, "stream");
+  uint32_t count = ReadValue<uint32_t>(*this);
+  const long available = Available();
+  unsigned long n = CheckBlockCount(count, available, kMaxBlockSize, "stream");
   std::vector<unsigned char> bytes;
-  ReadBlock(*this, bytes, n, Available() >= 0);
+  ReadBlock(*this, bytes, n, available >= 0);
   return ReadOnlyStream(std::move(bytes));
 }
 
 void Stream::Write(const std::string& text) {
-  WriteValue(CountOf(text.size(), "string"));
+  WriteValue(*this, CountOf(text.size(), "string"));
   Write(reinterpret_cast<const unsigned char*>(text.data()), text.size());
 }
 
 void Stream::Write(const Stream& other) {
   unsigned long size = other.GetBufferSize();
   if (&other == this) {
-    std::vector<unsigned char> copy(GetBuffer(), GetBuffer() + size);
-    WriteValue(CountOf(size, "stream"));
+    std::vector<unsigned char> copy(Waiting(), Waiting() + size);
+    WriteValue(*this, CountOf(size, "stream"));
     Write(copy.data(), size);
     return;
   }
-  WriteValue(CountOf(size, "stream"));
-  Write(other.GetBuffer(), size);
+  const unsigned char* bytes = other.Waiting();
+  WriteValue(*this, CountOf(size, "stream"));
+  Write(bytes, size);
 }
 
 void Stream::Read(std::string& text) {
-  uint32_t count = ReadValue<uint32_t>();
+  uint32_t count = ReadValue<uint32_t>(*this);
   // Read aside, so that a read that fails part-way (a socket closed mid-string) leaves the
   // caller's text as it was rather than half-filled.
   std::string got;
-  ReadBlock(*this, got, CheckBlockCount(count, kMaxBlockSize, "string"), Available() >= 0);
+  const long available = Available();
+  ReadBlock(*this, got, CheckBlockCount(count, available, kMaxBlockSize, "string"), available >= 0);
   text = std::move(got);
 }
 
 std::string Stream::ReadString(unsigned long limit) {
-  uint32_t count = ReadValue<uint32_t>();
+  uint32_t count = ReadValue<uint32_t>(*this);
   if (count > limit) {
     throw std::runtime_error("string of " + std::to_string(count) + " bytes exceeds the limit of " +
                              std::to_string(limit) + " bytes");
   }
   std::string text;
-  ReadBlock(*this, text, CheckBlockCount(count, limit, "string"), Available() >= 0);
+  const long available = Available();
+  ReadBlock(*this, text, CheckBlockCount(count, available, limit, "string"), available >= 0);
   return text;
 }
 
@@ -158,13 +192,6 @@ ReadOnlyStream::ReadOnlyStream(std::vector<unsigned char> bytes) {
 
 ReadOnlyStream::ReadOnlyStream(const unsigned char* data, unsigned long size) {
   CopyBytes(data, size);
-}
-
-ReadOnlyStream ReadOnlyStream::View(const unsigned char* data, unsigned long size) {
-  ReadOnlyStream view;
-  view.data_ = data;
-  view.size_ = size;
-  return view;
 }
 
 ReadOnlyStream::ReadOnlyStream(const ReadOnlyStream& other) : Stream() {
@@ -196,13 +223,9 @@ ReadOnlyStream& ReadOnlyStream::operator=(ReadOnlyStream&& other) noexcept {
 ReadOnlyStream::~ReadOnlyStream() = default;
 
 void ReadOnlyStream::CopyFrom(const ReadOnlyStream& other) {
-  if (other.storage_) {
-    storage_ = other.storage_;
-    data_ = other.data_;
-    size_ = other.size_;
-  } else {
-    CopyBytes(other.data_, other.size_);
-  }
+  storage_ = other.storage_;
+  data_ = other.data_;
+  size_ = other.size_;
   pos_ = other.pos_;
 }
 
@@ -235,12 +258,8 @@ unsigned long ReadOnlyStream::GetBufferSize() const {
   return size_ - pos_;
 }
 
-const unsigned char* ReadOnlyStream::GetBuffer() const {
-  return data_ != nullptr ? data_ + pos_ : nullptr;
-}
-
 ReadOnlyStream ReadOnlyStream::ReadStream() {
-  uint32_t count = ReadValue<uint32_t>();
+  uint32_t count = ReadValue<uint32_t>(*this);
   unsigned long n = std::min<unsigned long>(count, size_ - pos_);
   ReadOnlyStream sub;
   sub.storage_ = storage_;
@@ -252,10 +271,6 @@ ReadOnlyStream ReadOnlyStream::ReadStream() {
 
 unsigned long ReadOnlyStream::GetSize() const {
   return size_;
-}
-
-long ReadOnlyStream::Available() const {
-  return static_cast<long>(size_ - pos_);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -290,10 +305,6 @@ void WriteOnlyStream::Flush() {
 
 unsigned long WriteOnlyStream::GetBufferSize() const {
   return bytes_.size();
-}
-
-const unsigned char* WriteOnlyStream::GetBuffer() const {
-  return bytes_.data();
 }
 
 ReadOnlyStream WriteOnlyStream::ReadStream() {

@@ -5,9 +5,8 @@
 #include <utility>
 #include <vector>
 
-#include "GAME_Mod.h"
-#include "Game.h"
-#include "game/graphics/Renderer.h"
+#include "game/Host.h"
+#include "game/ModSuppliers.h"
 
 namespace game::entity {
 
@@ -16,7 +15,7 @@ orvex::SharedMutex ClientSideEntity::_sharedObjectsMutex;
 
 }  // namespace game::entity
 
-void Game::ResetEntities() {
+void orvex::engine::ResetEntities() {
   using game::entity::ClientSideEntity;
   // The registry's lock belongs to the module, so the contract is the caller's: no other
   // thread touches the registry meanwhile. The entities die after the map is emptied, so a
@@ -29,8 +28,6 @@ void Game::ResetEntities() {
 }
 
 namespace game::entity {
-std::atomic<size_t> ActionFlag::pending_{0};
-std::atomic<uint32_t> ActionFlag::slots_[size_t{1} << kSlotBits];
 
 BaseEntity::~BaseEntity() = default;
 
@@ -39,17 +36,16 @@ BaseEntity::~BaseEntity() = default;
 ClientSideEntity::ClientSideEntity(Id entityId, const orvex::modular::ModuleID& module,
                                    const std::string& entityText)
     : id(entityId), moduleId(module), text(entityText) {
-  const std::shared_ptr<GAME_Mod> mod = GAME_Mod::GetModule(moduleId.String());
-  if (mod && mod->supplyInterface) mod->supplyInterface(*this);
+  if (const auto supplier = runtime::SupplierOf(moduleId.String())) supplier(*this);
 }
 
 // May run inside the registry's exclusive section: nothing here touches the registry.
 ClientSideEntity::~ClientSideEntity() = default;
 
-void ClientSideEntity::QueueAction(orvex::filesystem::Stream action) {
-  std::lock_guard<std::mutex> lock(actionsMutex);
-  pendingActions.push_back(std::move(action));
-  hasPendingActions = true;
-}
-
 }  // namespace game::entity
+
+void orvex::engine::QueueAction(game::entity::ClientSideEntity& entity, filesystem::Stream action) {
+  std::lock_guard<std::mutex> lock(entity.actionsMutex);
+  entity.pendingActions.push_back(std::move(action));
+  entity.hasPendingActions = true;
+}

@@ -1,4 +1,5 @@
-// The mod registry: loaded mods in load order, known by their module identifier's text.
+// The mod registry: loaded mods in load order, known by their module identifier's text,
+// each with the interface supplier the host gave it.
 #include <algorithm>
 #include <mutex>
 #include <stdexcept>
@@ -6,14 +7,21 @@
 #include <vector>
 
 #include "GAME_Mod.h"
+#include "game/Host.h"
+#include "game/ModSuppliers.h"
 
 namespace {
+
+struct Loaded {
+  std::shared_ptr<GAME_Mod> mod;
+  orvex::engine::InterfaceSupplier supplier;
+};
 
 // The mutex guards the vector only: no mod code (handlers, suppliers, destructors) runs
 // while it is held, so that code may itself load, unload or look up mods.
 struct ModRegistry {
   std::mutex mutex;
-  std::vector<std::shared_ptr<GAME_Mod>> mods;
+  std::vector<Loaded> mods;
 };
 
 // Function-local, so that a mod library may load itself during its own initialisation.
@@ -31,7 +39,8 @@ void GAME_Mod::ForEachModule(const std::function<void(std::shared_ptr<GAME_Mod>&
   {
     ModRegistry& registry = Registry();
     std::lock_guard<std::mutex> lock(registry.mutex);
-    snapshot = registry.mods;
+    snapshot.reserve(registry.mods.size());
+    for (const Loaded& loaded : registry.mods) snapshot.push_back(loaded.mod);
   }
   for (std::shared_ptr<GAME_Mod>& mod : snapshot) fn(mod);
 }
@@ -40,40 +49,55 @@ std::shared_ptr<GAME_Mod> GAME_Mod::GetModule(const std::string& name) {
   if (name.empty()) return nullptr;
   ModRegistry& registry = Registry();
   std::lock_guard<std::mutex> lock(registry.mutex);
-  for (const std::shared_ptr<GAME_Mod>& mod : registry.mods) {
-    if (mod->moduleId.String() == name) return mod;
+  for (const Loaded& loaded : registry.mods) {
+    if (loaded.mod->moduleId.String() == name) return loaded.mod;
   }
   return nullptr;
 }
 
-void GAME_Mod::Load(std::shared_ptr<GAME_Mod> mod) {
-  if (!mod) throw std::invalid_argument("GAME_Mod::Load: no mod given");
-  const std::string name = mod->moduleId.String();
-  if (name.empty()) throw std::invalid_argument("GAME_Mod::Load: the mod has no valid module id");
+orvex::engine::InterfaceSupplier game::runtime::SupplierOf(const std::string& name) {
+  if (name.empty()) return nullptr;
   ModRegistry& registry = Registry();
   std::lock_guard<std::mutex> lock(registry.mutex);
-  for (const std::shared_ptr<GAME_Mod>& loaded : registry.mods) {
-    if (loaded->moduleId == mod->moduleId) {
-      throw std::invalid_argument("GAME_Mod::Load: " + name + " is already loaded");
-    }
+  for (const Loaded& loaded : registry.mods) {
+    if (loaded.mod->moduleId.String() == name) return loaded.supplier;
   }
-  registry.mods.push_back(std::move(mod));
+  return nullptr;
 }
 
-void GAME_Mod::Unload(const std::string& name) {
-  std::shared_ptr<GAME_Mod> removed;  // released after the lock
+namespace orvex::engine {
+
+void LoadMod(std::shared_ptr<GAME_Mod> mod, InterfaceSupplier supplier) {
+  if (!mod) throw std::invalid_argument("LoadMod: no mod given");
+  const std::string name = mod->moduleId.String();
+  if (name.empty()) throw std::invalid_argument("LoadMod: the mod has no valid module id");
   ModRegistry& registry = Registry();
   std::lock_guard<std::mutex> lock(registry.mutex);
-  auto it = std::find_if(registry.mods.begin(), registry.mods.end(),
-                         [&](const auto& mod) { return mod->moduleId.String() == name; });
+  for (const Loaded& loaded : registry.mods) {
+    if (loaded.mod->moduleId == mod->moduleId) {
+      throw std::invalid_argument("LoadMod: " + name + " is already loaded");
+    }
+  }
+  registry.mods.push_back({std::move(mod), std::move(supplier)});
+}
+
+void UnloadMod(const std::string& name) {
+  Loaded removed;  // released after the lock
+  ModRegistry& registry = Registry();
+  std::lock_guard<std::mutex> lock(registry.mutex);
+  auto it = std::find_if(registry.mods.begin(), registry.mods.end(), [&](const Loaded& loaded) {
+    return loaded.mod->moduleId.String() == name;
+  });
   if (it == registry.mods.end()) return;
   removed = std::move(*it);
   registry.mods.erase(it);
 }
 
-void GAME_Mod::UnloadAll() {
-  std::vector<std::shared_ptr<GAME_Mod>> removed;  // released after the lock
+void UnloadAllMods() {
+  std::vector<Loaded> removed;  // released after the lock
   ModRegistry& registry = Registry();
   std::lock_guard<std::mutex> lock(registry.mutex);
   removed.swap(registry.mods);
 }
+
+}  // namespace orvex::engine

@@ -1,4 +1,4 @@
-// The network condition simulator behind UdpSocket::Simulate: loss, delay with jitter,
+// The network condition simulator behind UdpEndpoint::Simulate: loss, delay with jitter,
 // reordering and duplication of datagrams, per direction, seeded so that a run repeats.
 //
 // Settings text: comma-separated key=value items. Keys: loss=P%, reorder=P%, dup=P%,
@@ -8,6 +8,8 @@
 // simulation; afterwards every datagram passes untouched (held ones still leave when due),
 // so that a soak can lift the faults and watch the replica converge.
 #pragma once
+
+#include "HostOnly.h"
 
 #include <sys/socket.h>
 

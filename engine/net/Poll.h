@@ -1,6 +1,8 @@
 // poll(2) with a deadline that survives signals.
 #pragma once
 
+#include "HostOnly.h"
+
 #include <poll.h>
 
 #include <cerrno>

@@ -43,14 +43,10 @@ std::string Socket::GetRemoteAddress() const {
   return remoteAddress_;
 }
 
-uint16_t Socket::GetRemotePort() const {
-  return remotePort_;
-}
-
-uint16_t Socket::GetLocalPort() const {
+uint16_t LocalPort(int fd) {
   Endpoint local;
   local.length = sizeof local.storage;
-  if (getsockname(fd_, local.Get(), &local.length) != 0) return 0;
+  if (getsockname(fd, local.Get(), &local.length) != 0) return 0;
   return AddressPort(local.Get());
 }
 

@@ -2,9 +2,12 @@
 // extension for a tool that records a session (game-client --record).
 #pragma once
 
+#include "HostOnly.h"
+
 #include <cstdint>
 
-#include "orvex/net/Socket.h"
+#include "net/TcpConnection.h"
+#include "net/UdpEndpoint.h"
 
 namespace orvex::net {
 
@@ -18,13 +21,13 @@ class Tap {
   // `received`: bytes one Read or ReadSome handed to the reader: what the socket's user
   // took, in order (bytes that arrived and were never read do not show). Otherwise: one
   // flush's bytes, as the writer hands them to the kernel.
-  virtual void OnTcp(const TcpSocket& socket, bool received, const unsigned char* data,
+  virtual void OnTcp(const TcpConnection& socket, bool received, const unsigned char* data,
                      unsigned long size) = 0;
   // `received`: a datagram as it is handed to the receive callback (after the network
   // simulator, so lost ones never show and duplicates show twice); `peerPort` is its
   // sender's port. Otherwise: a datagram as Flush is asked to send it (before the
   // simulator); `peerPort` is the destination's port.
-  virtual void OnDatagram(const UdpSocket& socket, bool received, uint16_t peerPort,
+  virtual void OnDatagram(const UdpEndpoint& socket, bool received, uint16_t peerPort,
                           const unsigned char* data, unsigned long size) = 0;
 };
 

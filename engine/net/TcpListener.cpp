@@ -61,7 +61,7 @@ TcpListener::~TcpListener() {
   close(wakeFd_);
 }
 
-std::unique_ptr<TcpSocket> TcpListener::Accept(int timeoutMs, int stallLimitMs) {
+std::unique_ptr<TcpConnection> TcpListener::Accept(int timeoutMs, int stallLimitMs) {
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs);
   while (!closed_.load()) {
@@ -75,7 +75,7 @@ std::unique_ptr<TcpSocket> TcpListener::Accept(int timeoutMs, int stallLimitMs) 
     if (rc < 0) throw std::runtime_error("TCP accept failed: " + ErrorText(errno));
     if (rc == 0 || closed_.load()) return nullptr;
     int fd = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC);
-    if (fd >= 0) return std::make_unique<TcpSocket>(fd, stallLimitMs);
+    if (fd >= 0) return std::make_unique<TcpConnection>(fd, stallLimitMs);
     // The connection may have gone before accept, or Close shut the listener down.
     if (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR || errno == ECONNABORTED ||
         closed_.load()) {

@@ -1,12 +1,14 @@
 // A listening TCP socket: the engine's extension for servers and tests.
 #pragma once
 
+#include "HostOnly.h"
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
 
-#include "orvex/net/Socket.h"
+#include "net/TcpConnection.h"
 
 namespace orvex::net {
 
@@ -24,7 +26,7 @@ class TcpListener {
 
   // Waits up to `timeoutMs` (negative: forever) for a connection and returns it with the
   // flush stall limit `stallLimitMs`; null on time-out or once Close was called.
-  std::unique_ptr<TcpSocket> Accept(int timeoutMs, int stallLimitMs = 5000);
+  std::unique_ptr<TcpConnection> Accept(int timeoutMs, int stallLimitMs = 5000);
 
   // Stops listening (new connections are refused) and wakes a blocked Accept.
   void Close();

@@ -9,14 +9,16 @@
 
 #include "GAME_Mod.h"
 #include "Game.h"
+#include "Timer.h"
 #include "client/Assert.h"
 #include "client/StatePasses.h"
+#include "client/Values.h"
 #include "entity/RegistryWalk.h"
 #include "game/Networking.h"
 #include "game/entity/ClientSideEntity.h"
-#include "identifiers/ModuleID.h"
-#include "support/Profiler.h"
-#include "support/Timer.h"
+#include "orvex/cpu/Profiler.h"
+#include "orvex/modular/ModuleID.h"
+#include "support/Clock.h"
 
 namespace client {
 
@@ -40,6 +42,9 @@ constexpr int kReceivePollMs = 500;
 constexpr unsigned long kDatagramCapacity = 1400;
 constexpr unsigned long kTokenLimit = 64;
 constexpr unsigned long kTextLimit = 65535;
+// The most the welcome's mod list (names with their 4-byte counts) and its configuration
+// text may hold: the same 16 MiB that the engine's sockets allow one string or stream.
+constexpr unsigned long kBlockLimit = 16ul << 20;
 constexpr size_t kRegistryReserve = 100000;
 constexpr double kSilenceLimitMs = 15000.0;
 constexpr double kTcpKeepAliveMs = 5000.0;
@@ -52,12 +57,12 @@ constexpr unsigned long kMaxModulePayload =
     kDatagramCapacity - kDatagramHeaderSize - kModuleRecordOverhead;  // 1366
 
 double NowMs() {
-  return Timer::NowNs() / 1000000.0;
+  return support::NowNs() / 1000000.0;
 }
 
 template <typename T>
 T Read(orvex::filesystem::Stream& stream) {
-  return stream.ReadValue<T>();
+  return ReadValue<T>(stream);
 }
 
 // What an update or a move does to the entity's transform.
@@ -127,10 +132,25 @@ TransformAction DecideMove(float rate, uint8_t smooth, uint8_t storedForceSnap) 
 // in the order the mod stores them, the payload as an embedded stream (4 + N bytes).
 void WriteModuleRecord(orvex::filesystem::Stream& out, const ModuleID& module,
                        const orvex::filesystem::Stream& payload) {
-  out.WriteValue(networking::MSG_FOR_MODULE);
-  out.WriteValue(module.prefix);
-  out.WriteValue(module.name);
+  WriteValue(out, networking::MSG_FOR_MODULE);
+  WriteValue(out, module.prefix);
+  WriteValue(out, module.name);
   out.Write(payload);
+}
+
+// The datagram callback runs on the socket's delivery thread, which the socket's destructor
+// stops and joins; but the members declared after `udp` die before that destructor runs. The
+// gate closes first thing in the destructor: a callback that starts afterwards finds no
+// target and returns, and one already running holds the gate, so the destructor waits for
+// it. `gateMutex` guards `gateTarget`; it is never held with a lock of the client's except
+// those the datagram intake takes (receiveMutex, the registry's), and only on the delivery
+// thread.
+std::mutex gateMutex;
+const Client* gateTarget = nullptr;
+
+void CloseDatagramGate(const Client* client) {
+  std::lock_guard<std::mutex> lock(gateMutex);
+  if (gateTarget == client) gateTarget = nullptr;
 }
 
 }  // namespace
@@ -148,12 +168,12 @@ Client::Client(std::string host, uint16_t port, std::string token, std::string p
   _instance = this;
 
   // The hello: lead byte, magic, version, token; the password as a message of its own.
-  tcp.WriteValue(LEAD_BYTE);
+  WriteValue(tcp, LEAD_BYTE);
   tcp.Write(reinterpret_cast<const unsigned char*>(networking::MAGIC), sizeof(networking::MAGIC));
-  tcp.WriteValue(networking::HELLO_VERSION);
+  WriteValue(tcp, networking::HELLO_VERSION);
   tcp.Write(token);
   if (!password.empty()) {
-    tcp.WriteValue(networking::MSG_PSWD);
+    WriteValue(tcp, networking::MSG_PSWD);
     tcp.Write(password);
   }
   tcp.Flush();
@@ -170,13 +190,24 @@ Client::Client(std::string host, uint16_t port, std::string token, std::string p
   serverAddress = tcp.GetRemoteAddress();
   if (!Handshake()) throw std::runtime_error("Handshake with server has failed");
 
-  udp.Receive([this](const orvex::net::UdpSocket& socket, ReadOnlyStream&& datagram) {
-    try {
-      UdpMessage(socket, std::move(datagram));
-    } catch (...) {
-      // No exception from a datagram reaches the platform socket.
-    }
-  });
+  {
+    std::lock_guard<std::mutex> lock(gateMutex);
+    gateTarget = this;
+  }
+  try {
+    udp.Receive([this](const orvex::net::UdpSocket& socket, ReadOnlyStream&& datagram) {
+      std::lock_guard<std::mutex> lock(gateMutex);
+      if (gateTarget != this) return;
+      try {
+        UdpMessage(socket, std::move(datagram));
+      } catch (...) {
+        // No exception from a datagram reaches the platform socket.
+      }
+    });
+  } catch (...) {
+    CloseDatagramGate(this);
+    throw;
+  }
 }
 
 bool Client::Handshake() {
@@ -196,9 +227,8 @@ bool Client::Handshake() {
     std::string mod = tcp.ReadString(kTextLimit);
     if (mod.empty()) break;
     modListBytes += sizeof(uint32_t) + mod.size();
-    if (modListBytes > orvex::filesystem::Stream::kMaxBlockSize) {
-      throw std::runtime_error("mod list of more than " +
-                               std::to_string(orvex::filesystem::Stream::kMaxBlockSize) +
+    if (modListBytes > kBlockLimit) {
+      throw std::runtime_error("mod list of more than " + std::to_string(kBlockLimit) +
                                " bytes exceeds the limit");
     }
     mods.push_back(std::move(mod));
@@ -206,10 +236,10 @@ bool Client::Handshake() {
   const int32_t mode = Read<int32_t>(tcp);
   const uint32_t configLength = Read<uint32_t>(tcp);
   // The count is the server's; a socket read of it is bounded like any other block.
-  if (configLength > orvex::filesystem::Stream::kMaxBlockSize) {
+  if (configLength > kBlockLimit) {
     throw std::runtime_error("configuration text of " + std::to_string(configLength) +
-                             " bytes exceeds the limit of " +
-                             std::to_string(orvex::filesystem::Stream::kMaxBlockSize) + " bytes");
+                             " bytes exceeds the limit of " + std::to_string(kBlockLimit) +
+                             " bytes");
   }
   configText.assign(configLength, '\0');
   if (configLength != 0) {
@@ -233,9 +263,9 @@ bool Client::Handshake() {
 Client::~Client() {
   _instance = nullptr;
   // No datagram callback may run on a half-destroyed client.
-  udp.StopReceiving();
+  CloseDatagramGate(this);
   try {
-    tcp.WriteValue(networking::MSG_DISCONNECT);
+    WriteValue(tcp, networking::MSG_DISCONNECT);
     tcp.Flush();
   } catch (...) {
     // The server may be gone already; leaving is never an error.
@@ -473,10 +503,8 @@ void Client::ReceiveTransforms(ReadOnlyStream& datagram) {
   if (!AcceptSequence(header, lastTransformSequence)) return;
   // A datagram from another environment is not dropped: its records clear hasTarget.
   counters.datagramsAccepted.fetch_add(1, std::memory_order_relaxed);
-  // State passes are droppable: a newer datagram supersedes what a lost one carried.
   Game::Synchronize(
-      TransformPass(ReadOnlyStream(datagram), header.divisor, header.parent, header.Foreign()),
-      sizeof(TransformPass) + datagram.GetBufferSize());
+      TransformPass(ReadOnlyStream(datagram), header.divisor, header.parent, header.Foreign()));
 }
 
 void Client::ReceivePhysics(ReadOnlyStream& datagram) {
@@ -488,8 +516,7 @@ void Client::ReceivePhysics(ReadOnlyStream& datagram) {
     return;
   }
   counters.datagramsAccepted.fetch_add(1, std::memory_order_relaxed);
-  Game::Synchronize(PhysicsPass(ReadOnlyStream(datagram)),
-                    sizeof(PhysicsPass) + datagram.GetBufferSize());
+  Game::Synchronize(PhysicsPass(ReadOnlyStream(datagram)));
 }
 
 void Client::Send() {
@@ -507,7 +534,7 @@ void Client::Send() {
     double silentMs;
     {
       std::lock_guard<std::mutex> lock(receiveMutex);
-      silentMs = (Timer::NowNs() - lastReceiveTime * 1000000.0) / 1000000.0;
+      silentMs = (support::NowNs() - lastReceiveTime * 1000000.0) / 1000000.0;
     }
     if (silentMs > kSilenceLimitMs) {
       Game::Quit();
@@ -517,12 +544,10 @@ void Client::Send() {
     }
   }
 
-  // The walk visits every entity in the registry's order; when no entity in the process
-  // has an action queued it would send nothing, and at 100000 entities it is most of a
-  // frame's cost, so it is skipped then.
-  if (game::entity::ActionFlag::Pending() != 0) {
+  // The walk visits every entity in the registry's order. Only entities whose flag is set
+  // are handed on: for the others the upload would do nothing.
+  {
     std::shared_lock<orvex::SharedMutex> lock(ClientSideEntity::_sharedObjectsMutex);
-    // Only entities with queued actions are handed on; the others would be no-ops.
     actionWalk->ForEach(&ClientSideEntity::hasPendingActions,
                         [this](const ClientSideEntity::Ptr& entity) { UploadEntity(entity); });
   }
@@ -545,7 +570,7 @@ void Client::Send() {
   if (!tcpSent) {
     static Timer keepAliveTimer;
     if (!keepAliveTimer.running || keepAliveTimer.Elapsed() > kTcpKeepAliveMs) {
-      tcp.WriteValue(networking::MSG_KEEPALIVE);
+      WriteValue(tcp, networking::MSG_KEEPALIVE);
       try {
         tcp.Flush();
       } catch (const std::exception& failure) {
@@ -559,7 +584,7 @@ void Client::Send() {
     static Timer keepAliveTimer;
     if (!keepAliveTimer.running || keepAliveTimer.Elapsed() > kDatagramKeepAliveMs) {
       WriteDatagramHeader();
-      udp.WriteValue(networking::MSG_KEEPALIVE);
+      WriteValue(udp, networking::MSG_KEEPALIVE);
       udp.Flush();
       keepAliveTimer.Start();
     }
@@ -578,8 +603,8 @@ void Client::UploadEntity(std::shared_ptr<ClientSideEntity> entity) {
   if (!entity->hasPendingActions) return;
   std::lock_guard<std::mutex> lock(entity->actionsMutex);
   for (const orvex::filesystem::Stream& action : entity->pendingActions) {
-    tcp.WriteValue(networking::MSG_ENTITY_ACTION);
-    tcp.WriteValue(entity->id);
+    WriteValue(tcp, networking::MSG_ENTITY_ACTION);
+    WriteValue(tcp, entity->id);
     tcp.Write(action);
     tcpSent = true;
   }
@@ -595,13 +620,14 @@ void Client::UploadModule(std::shared_ptr<GAME_Mod>& entry) {
       SendModuleUnreliable(*module);
       udp.Flush();
     };
-    // Emptied without running the handlers just installed: a payload discarded by the
-    // previous module is dropped here, not reported twice.
-    moduleStream.Clear();
-    datagramStream.Clear();
+    // Emptied through the handlers just installed, which find nothing to send: a payload
+    // that the previous module could not send was emptied by that module's own flush.
+    moduleStream.Flush();
+    datagramStream.Flush();
     module->clientSendHandler(moduleStream, datagramStream);
-    SendModuleReliable(*module);
-    SendModuleUnreliable(*module);
+    // The handlers send what the mod left in its streams, and the streams are emptied.
+    moduleStream.Flush();
+    datagramStream.Flush();
   }
   udp.Flush();
 }
@@ -609,9 +635,8 @@ void Client::UploadModule(std::shared_ptr<GAME_Mod>& entry) {
 void Client::SendModuleReliable(const GAME_Mod& module) {
   if (moduleStream.GetBufferSize() == 0) return;
   WriteModuleRecord(tcp, module.moduleId, moduleStream);
-  // Clear, not Flush: outside the mod's own Flush the installed handler would run again
-  // and send the record twice.
-  moduleStream.Clear();
+  // Runs inside the stream's flush handler, where Flush only empties.
+  moduleStream.Flush();
   tcpSent = true;
 }
 
@@ -619,7 +644,7 @@ void Client::SendModuleUnreliable(const GAME_Mod& module) {
   const unsigned long size = datagramStream.GetBufferSize();
   if (size == 0) return;
   if (size > kMaxModulePayload) {
-    // Left in the buffer; the next module's step or the next frame empties it.
+    // Left in the buffer; the flush that ran this handler empties it.
     std::cerr << "Datagram packet size exceeds " << kMaxModulePayload
               << " bytes and is therefore discarded" << std::endl;
     return;
@@ -627,16 +652,16 @@ void Client::SendModuleUnreliable(const GAME_Mod& module) {
   if (udp.GetBufferSize() + size + kModuleRecordOverhead > kDatagramCapacity) udp.Flush();
   if (udp.GetBufferSize() == 0) WriteDatagramHeader();
   WriteModuleRecord(udp, module.moduleId, datagramStream);
-  datagramStream.Clear();
+  datagramStream.Flush();  // inside the handler: only empties
   udpSent = true;
 }
 
 // lead byte, networkingVersion, serverTag, playerId: 13 bytes.
 void Client::WriteDatagramHeader() {
-  udp.WriteValue(LEAD_BYTE);
-  udp.WriteValue(networkingVersion);
-  udp.WriteValue(serverTag);
-  udp.WriteValue(playerId);
+  WriteValue(udp, LEAD_BYTE);
+  WriteValue(udp, networkingVersion);
+  WriteValue(udp, serverTag);
+  WriteValue(udp, playerId);
 }
 
 std::string Client::GetUsername() {

@@ -90,8 +90,6 @@ class Client {
   static std::string error;
 
   const Counters& GetCounters() const { return counters; }
-  uint64_t GetBytesIn() const { return tcp.GetBytesIn() + udp.GetBytesIn(); }
-  uint64_t GetBytesOut() const { return tcp.GetBytesOut() + udp.GetBytesOut(); }
 
  private:
   // Tests and fuzzers reach the datagram intake directly (tests/testlib).

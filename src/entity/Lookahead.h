@@ -11,11 +11,10 @@
 // its lines in the cache.
 //
 // Prefetches are hints: a stale or wrong address costs bandwidth, never a fault. The loads
-// from inside the map (buckets and the nodes they lead to) are made under the shared lock, which
-// keeps every writer out, and only once the map's layout has been checked against its public
-// interface (libstdc++'s: the bucket array first, then the count; a bucket points to the node
-// before its first). Where the check fails, Get is a plain lookup. One object per pass, on one
-// thread.
+// from inside the map (buckets and the nodes they lead to) are made under the shared lock,
+// which keeps every writer out, and only once layout::Holds() has checked the map against
+// what MapLayout.h knows of it; where it does not hold, Get is a plain lookup. One object
+// per pass, on one thread.
 #pragma once
 
 #include <cstddef>

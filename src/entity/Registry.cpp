@@ -18,10 +18,11 @@ ClientSideEntity::Ptr ClientSideEntity::Create<ClientSideEntity>(const Id& id,
                                                                  const std::string& module,
                                                                  const std::string& text) {
   const orvex::modular::ModuleID moduleId(module);
-  // Declared before the lock, so a rejected entity dies after the lock is released. One
-  // allocation puts the reference count beside the entity: a lookup that copies the
-  // pointer and then writes the entity touches neighbouring lines.
-  Ptr entity = std::make_shared<ClientSideEntity>(id, moduleId, text);
+  // Declared before the lock, so a rejected entity dies after the lock is released. The
+  // entity and its reference count are two allocations: the pointer adopts the object the
+  // game's constructor built, and its deleter is the game's deleting destructor. Should the
+  // count's allocation fail, the pointer's constructor destroys the entity and rethrows.
+  Ptr entity(new ClientSideEntity(id, moduleId, text));
   std::lock_guard<orvex::SharedMutex> lock(_sharedObjectsMutex);
   if (_sharedObjects.find(entity->id) != _sharedObjects.end()) {
     throw std::runtime_error("UNIQUE_OBJECT ClientSideEntity with id " + entity->id.ToString() +

@@ -8,6 +8,13 @@ namespace game::entity {
 
 void RegistryWalk::ForEach(Flag flag, const Visit& visit) {
   const Map& map = ClientSideEntity::_sharedObjects;
+  if (!layout::Usable()) {
+    // Without the layout there is nothing to fetch ahead: one plain pass.
+    for (const auto& [id, entity] : map) {
+      if (entity && (*entity).*flag) visit(entity);
+    }
+    return;
+  }
   const size_t stride = std::max<size_t>(1, map.size() / kStretches);
 
   // Where the stretches start: the list's head, then each mark still registered. The
@@ -37,7 +44,7 @@ void RegistryWalk::ForEach(Flag flag, const Visit& visit) {
   // flag fetched in the last round, then moves on, fetching the next node and the flag of
   // the node it leaves.
   const auto flagged = [flag](const ClientSideEntity::Ptr* entity) {
-    return entity != nullptr && bool((**entity).*flag);
+    return entity != nullptr && (**entity).*flag;
   };
   size_t active = count, total = 0;
   bool ordered = true;
@@ -57,17 +64,15 @@ void RegistryWalk::ForEach(Flag flag, const Visit& visit) {
         break;
       }
       if (s.steps % stride == 0 && (j > 0 || s.steps > 0)) s.marks.push_back(s.at->first);
-      // The filter rules out most entities from the node's pointer alone; only those it
-      // cannot rule out have their flag fetched, to be tested next round.
-      if (const ClientSideEntity::Ptr& entity = s.at->second;
-          entity && ActionFlag::MightBeSet(&((*entity).*flag))) {
+      // The flag of the entity stepped over is fetched now and tested next round.
+      if (const ClientSideEntity::Ptr& entity = s.at->second) {
         Prefetch<Intent::kRead>(&((*entity).*flag));
         s.tested = &entity;
       }
       ++s.at;
       ++s.steps;
       if (s.at != s.stop && s.at != map.end()) {
-        PrefetchNode(reinterpret_cast<const char*>(&*s.at) - sizeof(void*));
+        PrefetchNode(layout::NodeOf(*s.at));
       }
     }
   }
@@ -83,9 +88,7 @@ void RegistryWalk::ForEach(Flag flag, const Visit& visit) {
     size_t step = 0;
     for (auto it = map.begin(); it != map.end(); ++it, ++step) {
       if (step > 0 && step % stride == 0) nextMarks_.push_back(it->first);
-      if (!it->second) continue;
-      const ActionFlag& wanted = (*it->second).*flag;
-      if (ActionFlag::MightBeSet(&wanted) && wanted) visit(it->second);
+      if (it->second && (*it->second).*flag) visit(it->second);
     }
   }
   // Short stretches keep their marks; thinning keeps the count near kStretches.

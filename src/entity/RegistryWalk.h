@@ -7,10 +7,10 @@
 // That holds exactly when each stretch runs into the next mark: the list's relative order
 // survives inserts and erases, and a rehash or a refill that reorders it makes some
 // stretch miss its end, and the walk then falls back to one plain pass (and takes new
-// marks from it). Each round fetches every stretch's next node and, unless the flags'
-// filter rules it out, the flag of the node it stands on, and tests that flag a round later,
-// so that no step waits on a miss issued in its own round. One object per walker; the caller
-// holds the registry's lock, shared.
+// marks from it). Each round fetches every stretch's next node and the flag of the entity it
+// stands on, and tests that flag a round later, so that no step waits on a miss issued in
+// its own round. Where MapLayout.h does not apply, the walk is one plain pass. One object
+// per walker; the caller holds the registry's lock, shared.
 #pragma once
 
 #include <cstddef>
@@ -25,7 +25,7 @@ class RegistryWalk {
  public:
   using Visit = std::function<void(const ClientSideEntity::Ptr&)>;
 
-  using Flag = ActionFlag ClientSideEntity::*;
+  using Flag = bool ClientSideEntity::*;
 
   // Calls `visit`, in the registry's order, for each registered entity whose `flag` is set.
   // The registry's lock must be held, at least shared.

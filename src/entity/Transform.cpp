@@ -3,9 +3,9 @@
 //
 // The registry lock is taken shared only around each parent lookup, never across the walk or
 // the arithmetic; placement fields are read without a lock (Unlocked).
-#include <array>
 #include <mutex>
 #include <shared_mutex>
+#include <vector>
 
 #include <glm/gtc/matrix_transform.hpp>
 #include <glm/gtc/quaternion.hpp>
@@ -22,27 +22,20 @@ glm::dmat4 BaseEntity::GetTransform() const {
   return translation * rotation;
 }
 
-namespace {
-
 // Parent links must form a tree, but a server can link an entity under its own descendant
-// or build a chain of any depth. The walk is a loop with bounded work: the link that leads
-// back to an entity already on the walk ends the chain like a dangling link (Brent's cycle
+// or build a chain of any depth. The walk is a loop, so no depth exhausts the stack, and
+// every link of the chain takes part in the product however deep it is. The link that leads
+// back to an entity already on the walk ends the chain like a dangling link: Brent's cycle
 // detection finds it within a small multiple of the cycle's length, with no lookups beyond
-// the walk's own), and so does a chain deeper than kMaxParentDepth links. docs/entities.md
-// says how the depth was chosen.
-constexpr size_t kMaxParentDepth = 32;
-
-}  // namespace
-
+// the walk's own.
 glm::dmat4 ClientSideEntity::GetAbsoluteTransformInEnvironment() const {
+  if (parentId.Load().IsNull()) return GetTransform();
   // chain[i + 1] is chain[i]'s parent; held[] keeps the parents alive until the product is
   // formed. The product covers chain[0 .. end): with `top`, chain[end - 1] has no parent
   // and its own transform is the last factor; otherwise chain[end]'s parent link is taken
   // as dangling, which yields the identity for chain[end] and everything above it.
-  std::array<const ClientSideEntity*, kMaxParentDepth + 2> chain{};
-  std::array<Ptr, kMaxParentDepth + 2> held;
-  chain[0] = this;
-  size_t walked = 1;  // entries of chain[] filled
+  std::vector<const ClientSideEntity*> chain{this};
+  std::vector<Ptr> held;
   size_t end = 0;
   bool top = false;
   // Brent: `mark` is the entity at the latest power-of-two checkpoint, `since` the steps
@@ -50,15 +43,10 @@ glm::dmat4 ClientSideEntity::GetAbsoluteTransformInEnvironment() const {
   const ClientSideEntity* mark = this;
   size_t since = 0, power = 1;
   for (;;) {
-    const ClientSideEntity& entity = *chain[walked - 1];
-    const Id parent = entity.parentId;
+    const Id parent = chain.back()->parentId;
     if (parent.IsNull()) {
       top = true;
-      end = walked;
-      break;
-    }
-    if (walked > kMaxParentDepth) {
-      end = walked - 1;
+      end = chain.size();
       break;
     }
     Ptr parentEntity;
@@ -68,14 +56,13 @@ glm::dmat4 ClientSideEntity::GetAbsoluteTransformInEnvironment() const {
       if (it != ClientSideEntity::_sharedObjects.end()) parentEntity = it->second;
     }
     if (!parentEntity) {
-      end = walked - 1;
+      end = chain.size() - 1;
       break;
     }
-    chain[walked] = parentEntity.get();
-    held[walked] = std::move(parentEntity);
-    ++walked;
+    chain.push_back(parentEntity.get());
+    held.push_back(std::move(parentEntity));
     ++since;
-    if (chain[walked - 1] == mark) {
+    if (chain.back() == mark) {
       // A cycle of length `since`: the first entity on it is the first i whose entry comes
       // back `since` steps later, and the entity before its return closes the cycle.
       size_t first = 0;
@@ -84,7 +71,7 @@ glm::dmat4 ClientSideEntity::GetAbsoluteTransformInEnvironment() const {
       break;
     }
     if (since == power) {
-      mark = chain[walked - 1];
+      mark = chain.back();
       since = 0;
       power *= 2;
     }

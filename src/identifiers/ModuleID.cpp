@@ -1,4 +1,4 @@
-#include "identifiers/ModuleID.h"
+#include "orvex/modular/ModuleID.h"
 
 #include <cctype>
 #include <string_view>

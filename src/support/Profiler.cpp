@@ -1,4 +1,4 @@
-#include "support/Profiler.h"
+#include "orvex/cpu/Profiler.h"
 
 #include <algorithm>
 #include <mutex>

@@ -1,4 +1,4 @@
-#include "support/SharedMutex.h"
+#include "orvex/SharedMutex.h"
 
 namespace orvex {
 

@@ -1,4 +1,6 @@
-#include "support/Timer.h"
+#include "Timer.h"
+
+#include "support/Clock.h"
 
 #include <atomic>
 #include <chrono>
@@ -10,7 +12,7 @@ double SystemNowNs() {
   return static_cast<double>(std::chrono::system_clock::now().time_since_epoch().count());
 }
 
-std::atomic<Timer::ClockSource> clockSource{&SystemNowNs};
+std::atomic<support::ClockSource> clockSource{&SystemNowNs};
 
 }  // namespace
 
@@ -19,21 +21,21 @@ static_assert(sizeof(std::atomic<bool>) == sizeof(bool) && std::atomic<bool>::is
 static_assert(std::is_same_v<std::chrono::system_clock::duration, std::chrono::nanoseconds>,
               "the timer counts system clock nanoseconds");
 
-double Timer::NowNs() {
+double support::NowNs() {
   return clockSource.load(std::memory_order_acquire)();
 }
 
-void Timer::SetClockSourceForTesting(ClockSource source) {
+void support::SetClockSourceForTesting(ClockSource source) {
   clockSource.store(source ? source : &SystemNowNs, std::memory_order_release);
 }
 
 void Timer::Start() {
   std::lock_guard<std::mutex> guard(mutex);
   running = true;
-  startMs = NowNs() / 1000000.0;
+  startMs = support::NowNs() / 1000000.0;
 }
 
 double Timer::Elapsed() {
   std::lock_guard<std::mutex> guard(mutex);
-  return (NowNs() - startMs * 1000000.0) / 1000000.0;
+  return (support::NowNs() - startMs * 1000000.0) / 1000000.0;
 }

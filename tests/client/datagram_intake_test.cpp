@@ -13,6 +13,7 @@
 #include "StderrCapture.h"
 #include "Wait.h"
 #include "client/StatePasses.h"
+#include "game/Host.h"
 
 namespace {
 
@@ -72,7 +73,7 @@ TEST_F(DatagramIntake, DropReasons) {
     SCOPED_TRACE(row.name);
     Start();
     session->SendDatagram(Transforms(5, 1.0));  // stamped at 0 s; sequence 5
-    EXPECT_EQ(Game::RunSynchronized(), 1u);
+    EXPECT_EQ(orvex::engine::RunSynchronized(), 1u);
     FakeClock::Advance(20000);
     const uint64_t before = row.counter ? (Counters().*row.counter).load() : 0;
     const uint64_t shortOnes = Counters().droppedShort;
@@ -90,14 +91,14 @@ TEST_F(DatagramIntake, DropReasons) {
     if (row.counter) {
       EXPECT_EQ(Counters().*row.counter, before + (barrier - shortOnes));
     }
-    EXPECT_EQ(Game::RunSynchronized(), 0u);
+    EXPECT_EQ(orvex::engine::RunSynchronized(), 0u);
     EXPECT_EQ(Game::timestamp, 1.0);
     EXPECT_EQ(captured.Text(), row.text);
     StderrCapture quiet;
     session->client->Send();
-    EXPECT_EQ(Game::QuitRequested(), !row.signOfLife);
+    EXPECT_EQ(orvex::engine::QuitRequested(), !row.signOfLife);
     session->SendDatagram(Transforms(6, 2.0));
-    EXPECT_EQ(Game::RunSynchronized(), 1u);
+    EXPECT_EQ(orvex::engine::RunSynchronized(), 1u);
   }
 }
 
@@ -124,7 +125,7 @@ TEST_F(DatagramIntake, SequenceAndEnvironmentSteps) {
   for (const auto& step : steps) {
     SCOPED_TRACE(step.name);
     session->SendDatagram(step.bytes);
-    EXPECT_EQ(Game::RunSynchronized(), step.applied);
+    EXPECT_EQ(orvex::engine::RunSynchronized(), step.applied);
     EXPECT_EQ(Game::timestamp, step.timestamp);
   }
   EXPECT_EQ(glm::dvec3(ship->velocity).x, 70.0);
@@ -257,7 +258,7 @@ TEST_F(DatagramIntake, HostileTruncationsAreHarmlessAndTheNextWholeDatagramAppli
   for (const Bytes& whole : {transforms, physics}) {
     for (size_t length = 0; length <= whole.size(); ++length) {
       session->SendDatagram(Prefix(whole, length));
-      Game::RunSynchronized();
+      orvex::engine::RunSynchronized();
     }
   }
   EXPECT_EQ(TargetOf(1), glm::dvec3(1, 2, 3));
@@ -265,17 +266,25 @@ TEST_F(DatagramIntake, HostileTruncationsAreHarmlessAndTheNextWholeDatagramAppli
   EXPECT_EQ(glm::dvec3(FindEntity(EntityId(1))->velocity), glm::dvec3(1, 1, 1));
 }
 
-// State faster than the game thread applies it: the queue keeps to its cap by dropping the
-// oldest passes, and the newest state still applies.
-TEST_F(DatagramIntake, HostileStateFloodKeepsTheQueueWithinItsCap) {
+// State faster than the game thread applies it: the delivery thread is held back at the
+// game's queue cap (the datagrams wait in the socket meanwhile), and once the game thread
+// runs again every datagram is taken in and the newest state applies.
+TEST_F(DatagramIntake, HostileStateFloodWaitsAtTheQueueCap) {
   Start();
-  Game::synchronizeCap = 2000;
-  for (uint64_t s = 1; s <= 100; ++s) session->SendDatagram(Records(s, Id{}, {At(1, {s, 0, 0})}));
-  const Game::SynchronizeCounts queue = Game::SynchronizeFigures();
-  EXPECT_LE(queue.queuedBytes, 2000u);
-  EXPECT_EQ(queue.queued + queue.dropped, 100u);
-  EXPECT_GT(queue.dropped, 50u);
-  Game::RunSynchronized();
+  orvex::engine::SetSynchronizeBound(20, std::chrono::minutes(1));
+  session->LearnDatagramAddress();
+  for (uint64_t s = 1; s <= 100; ++s) {
+    session->server.SendDatagram(session->clientAddress, session->clientPort,
+                                 Records(s, Id{}, {At(1, {s, 0, 0})}));
+  }
+  ASSERT_TRUE(testlib::WaitUntil([] { return orvex::engine::SynchronizeFigures().holding == 1; }));
+  EXPECT_EQ(orvex::engine::SynchronizeFigures().queued, 20u);
+  ASSERT_TRUE(testlib::WaitUntil([&] {
+    orvex::engine::RunSynchronized();
+    const orvex::engine::SynchronizeCounts n = orvex::engine::SynchronizeFigures();
+    return Counters().datagramsAccepted == 100 && n.queued == 0 && n.holding == 0;
+  }));
+  EXPECT_EQ(orvex::engine::SynchronizeFigures().overCap, 0u);
   EXPECT_EQ(TargetOf(1), glm::dvec3(100, 0, 0));
 }
 

@@ -11,6 +11,9 @@
 #include "Game.h"
 #include "Hex.h"
 #include "StderrCapture.h"
+#include "game/Host.h"
+#include "net/TcpConnection.h"
+#include "net/UdpEndpoint.h"
 
 namespace {
 
@@ -24,10 +27,15 @@ class SendLoop : public testing::Test, public ClientFixture {
     startReceiving = false;
     Start();
   }
+  // What the client sent, through the engine's counts of the sockets this process opened.
+  static uint64_t BytesOut() {
+    return orvex::net::TcpConnection::ClientBytes().out +
+           orvex::net::UdpEndpoint::ClientBytes().out;
+  }
   uint64_t SendFrame() {
-    const uint64_t before = session->client->GetBytesOut();
+    const uint64_t before = BytesOut();
     session->client->Send();
-    return session->client->GetBytesOut() - before;
+    return BytesOut() - before;
   }
   Bytes Tcp(size_t n) { return session->connection->ReadBytes(n); }
   Bytes Datagram() { return session->server.NextDatagram().value().bytes; }
@@ -63,7 +71,7 @@ TEST_F(SendLoop, ActionsThenModuleRecordsLeaveInOneFlush) {
   EXPECT_TRUE(first->pendingActions.empty());
   EXPECT_EQ(unflagged->pendingActions.size(), 1u);
 
-  GAME_Mod::UnloadAll();
+  orvex::engine::UnloadAllMods();
   FakeClock::Advance(1);  // uploaded once: the next silent frame sends only a keep-alive
   SendFrame();
   EXPECT_HEX_EQ(Tcp(1), Bytes{0x03});
@@ -193,7 +201,7 @@ TEST_F(SendLoop, LivenessBoundaries) {
     StderrCapture captured;
     const bool quits = !row.line.empty();
     EXPECT_EQ(SendFrame() == 0, quits);
-    EXPECT_EQ(Game::QuitRequested(), quits);
+    EXPECT_EQ(orvex::engine::QuitRequested(), quits);
     EXPECT_EQ(modRuns, quits ? 0 : 1);
     EXPECT_EQ(bool(entity->hasPendingActions), quits);
     if (quits) {

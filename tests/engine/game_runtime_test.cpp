@@ -9,13 +9,15 @@
 
 #include "GAME_Mod.h"
 #include "Game.h"
+#include "Wait.h"
+#include "game/Host.h"
 #include "game/graphics/Renderer.h"
 
 namespace {
 
 class GameRuntime : public ::testing::Test {
  protected:
-  void TearDown() override { GAME_Mod::UnloadAll(), Game::Reset(); }
+  void TearDown() override { orvex::engine::UnloadAllMods(), orvex::engine::ResetGame(); }
   static std::vector<std::string> Loaded() {
     std::vector<std::string> names;
     GAME_Mod::ForEachModule([&](auto& m) { names.push_back(m->moduleId.String()); });
@@ -25,17 +27,17 @@ class GameRuntime : public ::testing::Test {
 
 // A second game in the same process must not run the first one's work or see its quit.
 TEST_F(GameRuntime, ResetAfterQuitDropsQueuedWorkAndStartsAFreshRenderer) {
-  GAME_Mod::Load(std::make_shared<GAME_Mod>("CORE_ship"));
+  orvex::engine::LoadMod(std::make_shared<GAME_Mod>("CORE_ship"));
   Game::renderer->AddAimReference("x", {});
   auto capture = std::make_shared<int>(0);
   const std::weak_ptr<int> captured = capture;
   Game::Synchronize([capture] { FAIL() << "work of the last game ran"; });
   capture.reset();
   std::thread([] { Game::Quit(); }).join();
-  EXPECT_TRUE(!Game::isActive && Game::QuitRequested());
-  Game::Reset();
-  EXPECT_TRUE(Game::isActive && !Game::QuitRequested() && captured.expired());
-  EXPECT_EQ(Game::RunSynchronized(), 0u);
+  EXPECT_TRUE(!Game::isActive && orvex::engine::QuitRequested());
+  orvex::engine::ResetGame();
+  EXPECT_TRUE(Game::isActive && !orvex::engine::QuitRequested() && captured.expired());
+  EXPECT_EQ(orvex::engine::RunSynchronized(), 0u);
   EXPECT_EQ(Game::renderer->AddAimReference("y", {}), 1u) << "a fresh renderer counts from 1";
   EXPECT_EQ(Loaded(), std::vector<std::string>{"CORE_ship"}) << "mods stay loaded";
 }
@@ -51,37 +53,42 @@ TEST_F(GameRuntime, WorkFromAnotherThreadRunsHereInOrderAndAThrowKeepsTheRestInF
     Game::Synchronize([&] { order.push_back("b"), throw std::runtime_error("b failed"); });
     Game::Synchronize({}), Game::Synchronize([&] { order.push_back("c"); });  // {} is ignored
   }).join();
-  EXPECT_THROW(Game::RunSynchronized(), std::runtime_error);
-  EXPECT_EQ(Game::RunSynchronized(), 2u);
+  EXPECT_THROW(orvex::engine::RunSynchronized(), std::runtime_error);
+  EXPECT_EQ(orvex::engine::RunSynchronized(), 2u);
   EXPECT_EQ(order, (std::vector<std::string>{"a", "b", "c", "queued meanwhile"}));
 }
 
-// Droppable work over the cap goes oldest first and plain work stays; a spent time budget
-// leaves the rest in place for the next call.
-TEST_F(GameRuntime, TheQueueDropsTheOldestStateOverItsCapAndKeepsToABudget) {
+// A thread that queues at the cap waits until the game thread takes work (or its hold runs
+// out, and then queues past the cap); nothing is dropped; the game thread itself never
+// waits; a spent time budget leaves the rest in place for the next call.
+TEST_F(GameRuntime, AQueuerWaitsAtTheCapForTheGameThreadAndNothingIsDropped) {
   std::string ran;
-  Game::synchronizeCap = 10;
-  Game::Synchronize([&] { ran += 'a'; }, 4);
-  Game::Synchronize([&] { ran += 'P'; });
-  Game::Synchronize([&] { ran += 'b'; }, 4);
-  Game::Synchronize([&] { ran += 'c'; }, 4);
-  const Game::SynchronizeCounts n = Game::SynchronizeFigures();
-  EXPECT_EQ(std::tie(n.queued, n.queuedBytes, n.dropped, n.droppedBytes),
-            std::make_tuple(3u, 8u, 1u, 4u));
-  EXPECT_EQ(Game::RunSynchronized(std::chrono::steady_clock::duration::zero()), 1u);
-  EXPECT_EQ(ran, "P");
-  EXPECT_EQ(Game::RunSynchronized(), 2u);
-  EXPECT_EQ(ran, "Pbc");
-  EXPECT_EQ(Game::SynchronizeFigures().queuedBytes, 0u);
+  const auto add = [&](char c) { Game::Synchronize([&ran, c] { ran += c; }); };
+  orvex::engine::SetSynchronizeBound(2, std::chrono::minutes(1));
+  add('a'), add('b');
+  std::thread late([&] { add('c'); });
+  ASSERT_TRUE(testlib::WaitUntil([] { return orvex::engine::SynchronizeFigures().holding == 1; }));
+  EXPECT_EQ(orvex::engine::SynchronizeFigures().queued, 2u) << "held back, not queued";
+  EXPECT_EQ(orvex::engine::RunSynchronized(std::chrono::steady_clock::duration::zero()), 1u);
+  late.join();
+  add('d');  // the thread that runs the queue is never held back
+  orvex::engine::SetSynchronizeBound(1, std::chrono::milliseconds(1));
+  std::thread([&] { add('e'); }).join();  // held for its millisecond, then queued past the cap
+  const orvex::engine::SynchronizeCounts n = orvex::engine::SynchronizeFigures();
+  EXPECT_EQ(n.queued, 4u);
+  EXPECT_EQ(n.held, 2u);
+  EXPECT_EQ(n.overCap, 1u);
+  EXPECT_EQ(orvex::engine::RunSynchronized(), 4u);
+  EXPECT_EQ(ran, "abcde");
 }
 
 TEST_F(GameRuntime, ModsAreKnownByCanonicalTextLoadedOnceAndVisitedOverASnapshot) {
   for (const char* name : {"core_A", "CORE_b", "CORE_c"})
-    GAME_Mod::Load(std::make_shared<GAME_Mod>(name));
+    orvex::engine::LoadMod(std::make_shared<GAME_Mod>(name));
   EXPECT_TRUE(GAME_Mod::GetModule("CORE_a") && !GAME_Mod::GetModule("core_A") &&
               !GAME_Mod::GetModule(""));
   for (const char* bad : {"CORE_A", "noseparator", ""}) {
-    EXPECT_THROW(GAME_Mod::Load(*bad ? std::make_shared<GAME_Mod>(bad) : nullptr),
+    EXPECT_THROW(orvex::engine::LoadMod(*bad ? std::make_shared<GAME_Mod>(bad) : nullptr),
                  std::invalid_argument)
         << bad;
   }
@@ -89,7 +96,8 @@ TEST_F(GameRuntime, ModsAreKnownByCanonicalTextLoadedOnceAndVisitedOverASnapshot
   GAME_Mod::ForEachModule([&](auto& mod) {
     visited.push_back(mod->moduleId.String());
     if (visited.size() == 1)
-      GAME_Mod::Unload("CORE_c"), GAME_Mod::Load(std::make_shared<GAME_Mod>("CORE_d"));
+      orvex::engine::UnloadMod("CORE_c"),
+          orvex::engine::LoadMod(std::make_shared<GAME_Mod>("CORE_d"));
   });
   EXPECT_EQ(visited, (std::vector<std::string>{"CORE_a", "CORE_b", "CORE_c"}));
   EXPECT_EQ(Loaded(), (std::vector<std::string>{"CORE_a", "CORE_b", "CORE_d"}));

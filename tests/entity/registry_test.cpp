@@ -2,8 +2,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <functional>
+#include <random>
 #include <shared_mutex>
 #include <stdexcept>
 #include <string>
@@ -13,7 +15,10 @@
 #include "GAME_Mod.h"
 #include "Game.h"
 #include "StderrCapture.h"
+#include "entity/Lookahead.h"
+#include "entity/MapLayout.h"
 #include "entity/RegistryWalk.h"
+#include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
 
 namespace {
@@ -36,10 +41,14 @@ class EntityRegistry : public ::testing::Test {
  protected:
   void SetUp() override {
     auto mod = std::make_shared<GAME_Mod>("TEST_probe");
-    mod->supplyInterface = [](ClientSideEntity& e) { e.interface = std::make_shared<Counted>(); };
-    GAME_Mod::Load(mod);
+    orvex::engine::InterfaceSupplier modSupplier = [](ClientSideEntity& e) {
+      e.interface = std::make_shared<Counted>();
+    };
+    orvex::engine::LoadMod(mod, modSupplier);
   }
-  void TearDown() override { Game::ResetEntities(), GAME_Mod::UnloadAll(), Game::Reset(); }
+  void TearDown() override {
+    orvex::engine::ResetEntities(), orvex::engine::UnloadAllMods(), orvex::engine::ResetGame();
+  }
   static ClientSideEntity::Ptr Create(Id id, const std::string& text = "entity") {
     return ClientSideEntity::Create<ClientSideEntity>(id, "TEST_probe", text);
   }
@@ -95,7 +104,6 @@ TEST_F(EntityRegistry, ReadersSeeConsistentEntriesWhileAWriterChangesThem) {
   EXPECT_EQ(wrongEntity, 0);
 }
 
-// The count of entities with queued actions follows every change of their flag.
 // A walk along the stretches between marks gives exactly the registry's order, whatever
 // changed since the marks were taken; each row changes the registry, then walks it.
 TEST_F(EntityRegistry, AWalkAlongMarksKeepsTheRegistrysOrder) {
@@ -120,7 +128,7 @@ TEST_F(EntityRegistry, AWalkAlongMarksKeepsTheRegistrysOrder) {
       {"a rehash reordered the list", [&] { map.rehash(20000); }},
       {"refilled in another order",
        [&] {
-         Game::ResetEntities();
+         orvex::engine::ResetEntities();
          for (uint64_t n = 3500; n-- > 1;) Create(id(n))->hasPendingActions = n % 3 == 0;
        }},
   };
@@ -138,19 +146,39 @@ TEST_F(EntityRegistry, AWalkAlongMarksKeepsTheRegistrysOrder) {
   }
 }
 
-TEST(ActionFlag, CountsEntitiesWhoseFlagIsSetHoweverItChanges) {
-  const size_t before = game::entity::ActionFlag::Pending();
-  const auto make = [](uint64_t n) {
-    return std::make_unique<ClientSideEntity>(Id{n, n}, orvex::modular::ModuleID("TEST_mod"), "");
+// The fast paths read the map's memory as MapLayout.h knows it; forced onto the plain
+// paths, the walk and the lookups give the same entities in the same order.
+TEST_F(EntityRegistry, TheFastPathsAndThePlainPathsAgree) {
+  ClientSideEntity::_sharedObjects.reserve(4096);
+  std::vector<Id> lookups;
+  for (uint64_t n = 1; n < 3000; ++n) {
+    const Id id{n, n * 0x9E3779B97F4A7C15ull};
+    Create(id)->hasPendingActions = n % 3 == 0;
+    lookups.push_back(n % 7 == 0 ? Id{n + 1, id.word1} : id);  // some miss on word 0 only
+  }
+  std::shuffle(lookups.begin(), lookups.end(), std::mt19937_64(3));
+  ASSERT_EQ(game::entity::layout::Holds(ClientSideEntity::_sharedObjects, lookups[0]),
+            game::entity::layout::kKnownLibrary);
+  const auto run = [&] {
+    std::vector<const ClientSideEntity*> seen;
+    game::entity::RegistryWalk walk;
+    for (int pass = 0; pass < 2; ++pass) {  // the second walk follows the first one's marks
+      std::shared_lock<orvex::SharedMutex> lock(ClientSideEntity::_sharedObjectsMutex);
+      walk.ForEach(&ClientSideEntity::hasPendingActions,
+                   [&](const ClientSideEntity::Ptr& entity) { seen.push_back(entity.get()); });
+    }
+    game::entity::RegistryLookahead lookahead;
+    for (size_t i = 0; i < lookups.size(); ++i) {
+      seen.push_back(lookahead.Get(lookups.data(), i, lookups.size()).get());
+    }
+    return seen;
   };
-  auto a = make(1), b = make(2);
-  a->hasPendingActions = true, a->hasPendingActions = true;  // setting a set flag again counts once
-  b->QueueAction(orvex::filesystem::Stream());
-  EXPECT_EQ(game::entity::ActionFlag::Pending(), before + 2);
-  a->hasPendingActions = false, a->hasPendingActions = false;
-  EXPECT_EQ(game::entity::ActionFlag::Pending(), before + 1);
-  b.reset();  // destroyed with its flag set
-  EXPECT_EQ(game::entity::ActionFlag::Pending(), before);
+  const std::vector<const ClientSideEntity*> fast = run();
+  game::entity::layout::ForcedOff() = true;
+  const std::vector<const ClientSideEntity*> plain = run();
+  game::entity::layout::ForcedOff() = false;
+  EXPECT_EQ(fast, plain);
+  EXPECT_EQ(std::count(fast.begin(), fast.end(), nullptr), 2999 / 7) << "the misses";
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include "GAME_Mod.h"
 #include "Game.h"
+#include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
 
 namespace {
@@ -26,11 +27,23 @@ struct Placed {
 };
 
 // Entities 1 .. n, each one step along x and the child of the next; the top has no parent.
-std::vector<Placed> Chain(uint64_t n) {
+// n links, each one step along its parent's x axis and turned by `angle` about z; the
+// top-most first, the measured one last.
+std::vector<Placed> Chain(uint64_t n, double angle = 0.0) {
+  const Orientation turn{std::cos(angle / 2), 0, 0, std::sin(angle / 2)};
   std::vector<Placed> chain;
-  for (uint64_t i = n; i >= 1; --i) chain.push_back({{i, i}, {1, 0, 0}, kNone, {i + 1, i + 1}});
+  for (uint64_t i = n; i >= 1; --i) chain.push_back({{i, i}, {1, 0, 0}, turn, {i + 1, i + 1}});
   chain.front().parent = {};
   return chain;
+}
+
+// What Chain(n, angle) adds up to, in closed form: the turns add, and the k-th step from
+// the top goes along the direction of the k turns above it.
+glm::dmat4 ChainProduct(uint64_t n, double angle) {
+  double x = 0, y = 0;
+  for (uint64_t k = 0; k < n; ++k) x += std::cos(k * angle), y += std::sin(k * angle);
+  const double c = std::cos(n * angle), s = std::sin(n * angle);
+  return glm::dmat4(Column(c, s, 0, 0), Column(-s, c, 0, 0), Column(0, 0, 1, 0), Column(x, y, 0, 1));
 }
 
 glm::dmat4 Translation(double x, double y, double z) {
@@ -69,8 +82,9 @@ TEST(EntityTransform, AbsoluteTransformsOfWorkedExamples) {
         {{2, 2}, {0, 1, 0}, kNone, {1, 1}},
         {{3, 3}, {0, 0, 1}, kNone, {1, 1}}},
        Translation(1, 0, 1)},
-      {"34 deep: the 32 lowest locals, the link above taken as dangling", Chain(34),
-       Translation(32, 0, 0)},
+      {"100 deep, every link turned: the whole chain's product", Chain(100, 0.05),
+       ChainProduct(100, 0.05)},
+      {"20,000 deep: no depth limit and no stack exhausted", Chain(20000), Translation(20000, 0, 0)},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -85,7 +99,7 @@ TEST(EntityTransform, AbsoluteTransformsOfWorkedExamples) {
       for (int r = 0; r < 4; ++r) EXPECT_NEAR(actual[c][r], row.expected[c][r], 1e-12) << c << r;
     }
     entity.reset();
-    Game::ResetEntities();
+    orvex::engine::ResetEntities();
   }
 }
 

@@ -1,5 +1,5 @@
 // Identifiers: module ids to the two base-37 words and back.
-#include "identifiers/ModuleID.h"
+#include "orvex/modular/ModuleID.h"
 
 #include <gtest/gtest.h>
 

@@ -9,10 +9,11 @@
 #include <tuple>
 
 #include "FakeClock.h"
+#include "Timer.h"
 #include "Wait.h"
-#include "support/Profiler.h"
-#include "support/SharedMutex.h"
-#include "support/Timer.h"
+#include "orvex/SharedMutex.h"
+#include "orvex/cpu/Profiler.h"
+#include "support/Clock.h"
 
 namespace {
 
@@ -23,7 +24,7 @@ using orvex::cpu::Profiler;
 std::atomic<double> nowNs = 0.0;
 
 TEST(Timer, ElapsedCountsMillisecondsFromTheLastStartEvenAtTodaysEpoch) {
-  Timer::SetClockSourceForTesting([] { return nowNs.load(); });
+  support::SetClockSourceForTesting([] { return nowNs.load(); });
   for (const double epoch : {5e12, 1.79e18}) {  // the second is beyond 2^53 ns
     nowNs = epoch;
     Timer timer;
@@ -32,9 +33,9 @@ TEST(Timer, ElapsedCountsMillisecondsFromTheLastStartEvenAtTodaysEpoch) {
     timer.Start(), nowNs = epoch + 16.0015e9;  // a new start moves the origin
     EXPECT_NEAR(timer.Elapsed(), 1.5, 0.001) << epoch;
   }
-  Timer::SetClockSourceForTesting(nullptr);
+  support::SetClockSourceForTesting(nullptr);
   const double before = double(std::chrono::system_clock::now().time_since_epoch().count());
-  EXPECT_LE(before, Timer::NowNs()) << "the real clock is the system clock";
+  EXPECT_LE(before, support::NowNs()) << "the real clock is the system clock";
 }
 
 void Measure(const std::string& name, double ms, bool start = true) {

@@ -6,7 +6,8 @@
 #include <cmath>
 #include <cstdint>
 
-#include "support/Timer.h"
+#include "Timer.h"
+#include "support/Clock.h"
 
 namespace testlib {
 
@@ -17,9 +18,9 @@ class FakeClock {
   static void Install() {
     static std::atomic<int64_t> installs{0};
     nowNs_ = epochNs_ = 1'000'000'000'000'000 + 1'000'000'000'000 * installs.fetch_add(1);
-    Timer::SetClockSourceForTesting([] { return static_cast<double>(nowNs_.load()); });
+    support::SetClockSourceForTesting([] { return static_cast<double>(nowNs_.load()); });
   }
-  static void Uninstall() { Timer::SetClockSourceForTesting(nullptr); }
+  static void Uninstall() { support::SetClockSourceForTesting(nullptr); }
   // Sets the time to `ms` after this case's epoch, or moves it on by `ms`.
   static void At(double ms) { nowNs_ = epochNs_ + std::llround(ms * 1e6); }
   static void Advance(double ms) { nowNs_ = nowNs_ + std::llround(ms * 1e6); }

@@ -9,6 +9,8 @@
 
 #include "client/Client.h"
 #include "game/Networking.h"
+#include "net/TcpConnection.h"
+#include "net/UdpEndpoint.h"
 
 namespace gameclient {
 namespace {
@@ -143,7 +145,7 @@ nlohmann::ordered_json ToJson(const Second& s) {
 }
 
 void NetworkStats::Install(std::shared_ptr<NetworkStats> stats) {
-  orvex::net::UdpSocket::TapNewClientSockets(std::move(stats));
+  orvex::net::UdpEndpoint::TapNewClientSockets(std::move(stats));
 }
 
 void NetworkStats::Delivered(const unsigned char* data, unsigned long size, Clock::time_point at) {
@@ -234,8 +236,8 @@ Second NetworkStats::Take(const client::Client* client, Clock::time_point now) {
                              Load(c.droppedForeign);
     uint64_t reliable = 0;
     for (const std::atomic<uint64_t>& n : c.reliableByCode) reliable += Load(n);
-    const uint64_t tcpIn = Since(client->GetBytesIn(), udpBytesIn_);
-    const uint64_t tcpOut = Since(client->GetBytesOut(), udpBytesOut_);
+    const uint64_t tcpIn = orvex::net::TcpConnection::ClientBytes().in;
+    const uint64_t tcpOut = orvex::net::TcpConnection::ClientBytes().out;
     s.stale = Since(stale, lastStale_);
     s.droppedOther = Since(dropped, lastDropped_);
     s.reliable = Since(reliable, lastReliable_);

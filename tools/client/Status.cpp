@@ -13,8 +13,11 @@
 #include "Game.h"
 #include "client/Client.h"
 #include "common/Log.h"
+#include "game/Host.h"
 #include "game/Networking.h"
 #include "game/entity/ClientSideEntity.h"
+#include "net/TcpConnection.h"
+#include "net/UdpEndpoint.h"
 
 namespace gameclient {
 namespace {
@@ -53,15 +56,18 @@ Figures Measure(const client::Client& client) {
   f.droppedSender = Load(c.droppedSender);
   f.droppedStale = Load(c.droppedStale);
   f.droppedForeign = Load(c.droppedForeign);
-  f.passesDropped = Game::SynchronizeFigures().dropped;
+  f.passesHeld = orvex::engine::SynchronizeFigures().held;
   for (const std::atomic<uint64_t>& n : c.reliableByCode) f.reliable += Load(n);
   f.creates = Load(c.reliableByCode[0x40]);
   f.destroys = Load(c.reliableByCode[0x41]);
   f.updates = Load(c.reliableByCode[0x42]);
   f.moves = Load(c.reliableByCode[0x46]);
   f.moduleMessages = Load(c.reliableByCode[networking::MSG_FOR_MODULE]);
-  f.bytesIn = client.GetBytesIn();
-  f.bytesOut = client.GetBytesOut();
+  // The module's sockets are the only ones this process opens.
+  f.bytesIn =
+      orvex::net::TcpConnection::ClientBytes().in + orvex::net::UdpEndpoint::ClientBytes().in;
+  f.bytesOut =
+      orvex::net::TcpConnection::ClientBytes().out + orvex::net::UdpEndpoint::ClientBytes().out;
   return f;
 }
 
@@ -83,9 +89,9 @@ std::string SummaryText(const Figures& f, double seconds, const std::string& end
          " per second\n" + "  dropped:    short " + std::to_string(f.droppedShort) +
          ", wrong magic " + std::to_string(f.droppedMagic) + ", wrong sender " +
          std::to_string(f.droppedSender) + ", stale " + std::to_string(f.droppedStale) +
-         ", foreign " + std::to_string(f.droppedForeign) + ", over the game's queue cap " +
-         std::to_string(f.passesDropped) + "\n" + "  ticks:      missed " +
-         std::to_string(t.missed) + " transforms, " + std::to_string(p.missed) + " physics; late " +
+         ", foreign " + std::to_string(f.droppedForeign) + ", held at the game's queue cap " +
+         std::to_string(f.passesHeld) + "\n" + "  ticks:      missed " + std::to_string(t.missed) +
+         " transforms, " + std::to_string(p.missed) + " physics; late " +
          std::to_string(t.late + p.late) + "; jitter " + jitter + " ms\n" +
          "  reliable:   " + std::to_string(f.reliable) + " messages (create " +
          std::to_string(f.creates) + ", update " + std::to_string(f.updates) + ", move " +

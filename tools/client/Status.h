@@ -22,8 +22,8 @@ struct Figures {
   uint64_t accepted = 0;
   uint64_t droppedShort = 0, droppedMagic = 0, droppedSender = 0, droppedStale = 0,
            droppedForeign = 0;
-  uint64_t passesDropped = 0;  // state passes dropped unrun by the game's queue cap
-  uint64_t reliable = 0;       // all codes
+  uint64_t passesHeld = 0;  // datagram deliveries held back at the game's queue cap
+  uint64_t reliable = 0;    // all codes
   uint64_t creates = 0, updates = 0, moves = 0, destroys = 0, moduleMessages = 0;
   uint64_t bytesIn = 0, bytesOut = 0;
 };

@@ -17,7 +17,10 @@
 
 #include "common/Log.h"
 #include "common/OutputFile.h"
+#include "filesystem/StreamValues.h"
 #include "game/Networking.h"
+#include "net/TcpConnection.h"
+#include "net/UdpEndpoint.h"
 #include "orvex/net/Socket.h"
 #include "server/Ports.h"
 
@@ -103,7 +106,7 @@ struct GameServer::AtomicCounters {
 // mutex_; the outbox by outMutex; the socket's writer side by writeMutex. The connection's
 // own thread is the socket's only reader.
 struct GameServer::Client {
-  std::unique_ptr<orvex::net::TcpSocket> tcp;
+  std::unique_ptr<orvex::net::TcpConnection> tcp;
   std::thread thread;
   std::atomic<bool> finished{false};
   std::atomic<bool> leaving{false};  // told goodbye, connection half-closed
@@ -173,9 +176,10 @@ void GameServer::Start() {
   startMs_ = NowMs();
   lastStatusMs_ = startMs_;
   udp_->Receive(
-      [this](const orvex::net::UdpSocket& socket, orvex::filesystem::ReadOnlyStream&& datagram) {
+      [this](const orvex::net::UdpEndpoint& socket, orvex::filesystem::ReadOnlyStream&& datagram) {
         try {
-          OnDatagram(socket, datagram.GetBuffer(), datagram.GetBufferSize());
+          const wire::Bytes bytes = orvex::filesystem::BytesOf(datagram);
+          OnDatagram(socket, bytes.data(), bytes.size());
         } catch (const std::exception& e) {
           Log(std::string("datagram: ") + e.what());
         }
@@ -197,7 +201,7 @@ void GameServer::Stop() {
     orvex::filesystem::Stream out;
     wire::WriteDisconnect(out);
     for (auto& [id, client] : active_) {
-      client->Queue(wire::BytesOf(out));
+      client->Queue(orvex::filesystem::BytesOf(out));
       welcomed.push_back(client);
     }
   }
@@ -245,7 +249,7 @@ void GameServer::Stop() {
 void GameServer::AcceptLoop() {
   pthread_setname_np(pthread_self(), "server-accept");
   while (!stopping_) {
-    std::unique_ptr<orvex::net::TcpSocket> tcp;
+    std::unique_ptr<orvex::net::TcpConnection> tcp;
     try {
       tcp = listener_->Accept(kPollMs, kStallLimitMs);
     } catch (const std::exception& e) {
@@ -301,7 +305,8 @@ bool GameServer::Handshake(const std::shared_ptr<Client>& client) {
       orvex::filesystem::Stream out;
       wire::WriteRefusal(out, reason);
       std::lock_guard<std::mutex> write(c.writeMutex);
-      c.tcp->Write(out.GetBuffer(), out.GetBufferSize());
+      const wire::Bytes bytes = orvex::filesystem::BytesOf(out);
+      c.tcp->Write(bytes.data(), bytes.size());
       c.tcp->Flush();
       // Closing with unread bytes would reset the connection and could destroy the reason
       // before the client reads it; take in what the client already sent.
@@ -358,7 +363,7 @@ bool GameServer::Handshake(const std::shared_ptr<Client>& client) {
     wire::WriteWorld(out, options_.world);
     wire::WriteAdminStatus(out, admin ? "admin" : "player", admin ? 1 : 0);
     scene_.WriteCreates(out);
-    c.Queue(wire::BytesOf(out), 3 + scene_.Entities().size());
+    c.Queue(orvex::filesystem::BytesOf(out), 3 + scene_.Entities().size());
 
     active_[c.playerId] = client;
     history_.push_back(client);
@@ -401,7 +406,7 @@ void GameServer::ReadLoop(Client& c) {
         ++c.moduleMessages;
         orvex::filesystem::Stream out;
         wire::WriteModuleMessage(out, message.module, message.payload);
-        c.Queue(wire::BytesOf(out));
+        c.Queue(orvex::filesystem::BytesOf(out));
         lock.unlock();
         Deliver(c);
         break;
@@ -466,7 +471,8 @@ void GameServer::Broadcast(const wire::Bytes& bytes, uint64_t messages) {
 // ---------------------------------------------------------------------------------------
 // Datagrams.
 
-void GameServer::OnDatagram(const orvex::net::UdpSocket& socket, const uint8_t* data, size_t size) {
+void GameServer::OnDatagram(const orvex::net::UdpEndpoint& socket, const uint8_t* data,
+                            size_t size) {
   ++counters_->datagramsIn;
   std::optional<wire::ClientDatagram> datagram = wire::ParseClientDatagram(data, size);
   if (!datagram || datagram->lead != LEAD_BYTE ||
@@ -565,7 +571,7 @@ void GameServer::Tick(uint64_t tick, double t) {
     counters_->updates += changes.updates;
     counters_->moves += changes.moves;
     counters_->destroys += changes.destroys;
-    const wire::Bytes broadcast = wire::BytesOf(out);
+    const wire::Bytes broadcast = orvex::filesystem::BytesOf(out);
     const int64_t now = NowMs();
     for (auto& [id, client] : active_) {
       if (!broadcast.empty()) {
@@ -576,7 +582,7 @@ void GameServer::Tick(uint64_t tick, double t) {
         client->dropReason = kTimedOut;
         orvex::filesystem::Stream bye;
         wire::WriteDisconnect(bye);
-        client->Queue(wire::BytesOf(bye));
+        client->Queue(orvex::filesystem::BytesOf(bye));
         silent.push_back(client);
       }
       if (client->datagramPort != 0) {

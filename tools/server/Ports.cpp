@@ -1,4 +1,5 @@
 #include "server/Ports.h"
+#include "net/UdpEndpoint.h"
 
 #include <stdexcept>
 
@@ -10,8 +11,8 @@ PortPair BindSamePort(const std::string& host, uint16_t port, unsigned long udpC
     PortPair pair;
     pair.tcp = std::make_unique<orvex::net::TcpListener>(host, port);
     try {
-      pair.udp = std::make_unique<orvex::net::UdpSocket>(orvex::net::UdpSocket::BindTag{}, host,
-                                                         pair.tcp->GetPort(), udpCapacity);
+      pair.udp = std::make_unique<orvex::net::UdpEndpoint>(orvex::net::UdpEndpoint::BindTag{}, host,
+                                                           pair.tcp->GetPort(), udpCapacity);
       return pair;
     } catch (const std::exception& e) {
       lastError = e.what();

@@ -6,13 +6,14 @@
 #include <string>
 
 #include "net/TcpListener.h"
+#include "net/UdpEndpoint.h"
 #include "orvex/net/Socket.h"
 
 namespace gameserver {
 
 struct PortPair {
   std::unique_ptr<orvex::net::TcpListener> tcp;
-  std::unique_ptr<orvex::net::UdpSocket> udp;
+  std::unique_ptr<orvex::net::UdpEndpoint> udp;
 };
 
 // Port 0 picks a port free for both: TCP first, then UDP on the same number, retried with

@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
+#include "filesystem/StreamValues.h"
 #include "game/Networking.h"
+#include "net/TcpConnection.h"
 #include "orvex/net/Socket.h"
 
 namespace wire {
@@ -19,30 +21,30 @@ std::string Hex(uint8_t code) {
 }
 
 void WriteId(Stream& out, const Id& id) {
-  out.WriteValue(id.word0);
-  out.WriteValue(id.word1);
+  WriteValue(out, id.word0);
+  WriteValue(out, id.word1);
 }
 
 void WriteModule(Stream& out, const ModuleID& module) {
-  out.WriteValue(module.prefix);
-  out.WriteValue(module.name);
+  WriteValue(out, module.prefix);
+  WriteValue(out, module.name);
 }
 
 void WriteVec3(Stream& out, const glm::dvec3& v) {
-  out.WriteValue(v.x);
-  out.WriteValue(v.y);
-  out.WriteValue(v.z);
+  WriteValue(out, v.x);
+  WriteValue(out, v.y);
+  WriteValue(out, v.z);
 }
 
 void WriteOrientation(Stream& out, const Orientation& q) {
-  out.WriteValue(q.w);
-  out.WriteValue(q.x);
-  out.WriteValue(q.y);
-  out.WriteValue(q.z);
+  WriteValue(out, q.w);
+  WriteValue(out, q.x);
+  WriteValue(out, q.y);
+  WriteValue(out, q.z);
 }
 
 void WriteBlock(Stream& out, const Bytes& block) {
-  out.WriteValue(static_cast<uint32_t>(block.size()));
+  WriteValue(out, static_cast<uint32_t>(block.size()));
   out.Write(block.data(), block.size());
 }
 
@@ -68,20 +70,20 @@ class Reader {
   template <typename T>
   T Value(const char* what) {
     Need(sizeof(T), what);
-    return in_.ReadValue<T>();
+    return ReadValue<T>(in_);
   }
   Id ReadId(const char* what) {
     Need(16, what);
     Id id;
-    id.word0 = in_.ReadValue<uint64_t>();
-    id.word1 = in_.ReadValue<uint64_t>();
+    id.word0 = ReadValue<uint64_t>(in_);
+    id.word1 = ReadValue<uint64_t>(in_);
     return id;
   }
   ModuleID ReadModule(const char* what) {
     Need(16, what);
     ModuleID module;
-    module.prefix = in_.ReadValue<uint64_t>();
-    module.name = in_.ReadValue<uint64_t>();
+    module.prefix = ReadValue<uint64_t>(in_);
+    module.name = ReadValue<uint64_t>(in_);
     return module;
   }
   // u32 count, then the bytes; a count above `limit` throws before anything is allocated.
@@ -142,20 +144,20 @@ void CheckMarker(uint8_t marker) {
 // ---------------------------------------------------------------------------------------
 
 void WriteWelcome(Stream& out, const Welcome& welcome) {
-  out.WriteValue<uint8_t>(1);
-  out.WriteValue(welcome.networkingVersion);
-  out.WriteValue(welcome.serverTag);
-  out.WriteValue(welcome.playerId);
+  WriteValue<uint8_t>(out, 1);
+  WriteValue(out, welcome.networkingVersion);
+  WriteValue(out, welcome.serverTag);
+  WriteValue(out, welcome.playerId);
   out.Write(welcome.username);
   for (const std::string& mod : welcome.mods) out.Write(mod);
   out.Write(std::string());
-  out.WriteValue(welcome.mode);
-  out.WriteValue(static_cast<uint32_t>(welcome.config.size()));
+  WriteValue(out, welcome.mode);
+  WriteValue(out, static_cast<uint32_t>(welcome.config.size()));
   out.Write(reinterpret_cast<const unsigned char*>(welcome.config.data()), welcome.config.size());
 }
 
 void WriteRefusal(Stream& out, const std::string& reason) {
-  out.WriteValue<uint8_t>(0);
+  WriteValue<uint8_t>(out, 0);
   out.Write(reason);
 }
 
@@ -166,61 +168,61 @@ std::vector<char> ConfigText(const std::string& text) {
 }
 
 void WriteEntityCreate(Stream& out, const EntityCreate& m) {
-  out.WriteValue(networking::MSG_ENTITY_CREATE);
+  WriteValue(out, networking::MSG_ENTITY_CREATE);
   WriteId(out, m.id);
   WriteModule(out, m.module);
   out.Write(m.text);
   WriteId(out, m.parent);
   WriteVec3(out, m.position);
   WriteOrientation(out, m.orientation);
-  out.WriteValue(m.smooth);
-  out.WriteValue(m.forceSnap);
+  WriteValue(out, m.smooth);
+  WriteValue(out, m.forceSnap);
   WriteBlock(out, m.data);
 }
 
 void WriteEntityUpdate(Stream& out, const EntityUpdate& m) {
-  out.WriteValue(networking::MSG_ENTITY_UPDATE);
+  WriteValue(out, networking::MSG_ENTITY_UPDATE);
   WriteId(out, m.id);
   WriteId(out, m.ignored);
   WriteVec3(out, m.position);
   WriteOrientation(out, m.orientation);
-  out.WriteValue(m.smooth);
-  out.WriteValue(m.forceSnap);
+  WriteValue(out, m.smooth);
+  WriteValue(out, m.forceSnap);
   WriteBlock(out, m.data);
 }
 
 void WriteEntityMove(Stream& out, const EntityMove& m) {
-  out.WriteValue(networking::MSG_ENTITY_MOVE);
+  WriteValue(out, networking::MSG_ENTITY_MOVE);
   WriteId(out, m.id);
-  out.WriteValue(m.smooth);
+  WriteValue(out, m.smooth);
   WriteVec3(out, m.position);
   WriteOrientation(out, m.orientation);
 }
 
 void WriteEntityDestroy(Stream& out, const Id& id) {
-  out.WriteValue(networking::MSG_ENTITY_DESTROY);
+  WriteValue(out, networking::MSG_ENTITY_DESTROY);
   WriteId(out, id);
 }
 
 void WriteWorld(Stream& out, const std::string& world) {
-  out.WriteValue(networking::MSG_WORLD);
+  WriteValue(out, networking::MSG_WORLD);
   out.Write(world);
 }
 
 void WriteAdminStatus(Stream& out, const std::string& privilege, uint8_t admin) {
-  out.WriteValue(networking::MSG_ADMIN_STATUS);
+  WriteValue(out, networking::MSG_ADMIN_STATUS);
   out.Write(privilege);
-  out.WriteValue(admin);
+  WriteValue(out, admin);
 }
 
 void WriteModuleMessage(Stream& out, const ModuleID& module, const Bytes& payload) {
-  out.WriteValue(networking::MSG_FOR_MODULE);
+  WriteValue(out, networking::MSG_FOR_MODULE);
   WriteModule(out, module);
   WriteBlock(out, payload);
 }
 
 void WriteDisconnect(Stream& out) {
-  out.WriteValue(networking::MSG_DISCONNECT);
+  WriteValue(out, networking::MSG_DISCONNECT);
 }
 
 // ---------------------------------------------------------------------------------------
@@ -271,13 +273,13 @@ size_t MaxRecordsPerDatagram(uint8_t code, size_t limit) {
 
 // ---------------------------------------------------------------------------------------
 
-Hello ReadHello(orvex::net::TcpSocket& tcp, int passwordWaitMs) {
+Hello ReadHello(orvex::net::TcpConnection& tcp, int passwordWaitMs) {
   Reader r(tcp);
   Hello hello = ReadHelloHead(r, tcp);
   if (tcp.Poll(passwordWaitMs) != 1) return hello;
   uint8_t marker = 0;
   try {
-    marker = tcp.ReadValue<uint8_t>();
+    marker = ReadValue<uint8_t>(tcp);
   } catch (const std::runtime_error&) {
     return hello;  // closed after the token: the hello itself is complete
   }
@@ -288,16 +290,16 @@ Hello ReadHello(orvex::net::TcpSocket& tcp, int passwordWaitMs) {
 }
 
 std::optional<Hello> ParseHello(const uint8_t* data, size_t size, size_t& consumed) {
-  ReadOnlyStream in = ReadOnlyStream::View(data, size);
+  ReadOnlyStream in = ReadOnlyStream(data, size);
   Reader r(in);
   try {
     Hello hello = ReadHelloHead(r, in);
     if (in.GetBufferSize() != 0) {
-      CheckMarker(in.ReadValue<uint8_t>());
+      CheckMarker(ReadValue<uint8_t>(in));
       hello.hasPassword = true;
       hello.password = r.Text(kMaxPasswordSize, "hello password");
     }
-    consumed = in.GetPosition();
+    consumed = orvex::filesystem::PositionOf(in);
     return hello;
   } catch (const Truncated&) {
     return std::nullopt;
@@ -328,17 +330,17 @@ ClientMessage ReadClientMessage(Stream& in) {
 
 std::optional<ClientDatagram> ParseClientDatagram(const uint8_t* data, size_t size) {
   if (size < kClientHeaderSize) return std::nullopt;
-  ReadOnlyStream in = ReadOnlyStream::View(data, size);
+  ReadOnlyStream in = ReadOnlyStream(data, size);
   Reader r(in);
   ClientDatagram datagram;
-  datagram.lead = in.ReadValue<uint8_t>();
-  datagram.networkingVersion = in.ReadValue<uint16_t>();
-  datagram.serverTag = in.ReadValue<uint16_t>();
-  datagram.playerId = in.ReadValue<uint64_t>();
+  datagram.lead = ReadValue<uint8_t>(in);
+  datagram.networkingVersion = ReadValue<uint16_t>(in);
+  datagram.serverTag = ReadValue<uint16_t>(in);
+  datagram.playerId = ReadValue<uint64_t>(in);
   try {
     while (in.GetBufferSize() != 0) {
       ClientMessage message;
-      message.code = in.ReadValue<uint8_t>();
+      message.code = ReadValue<uint8_t>(in);
       if (message.code == networking::MSG_FOR_MODULE) {
         message.module = r.ReadModule("module record");
         message.payload = r.Block(kMaxPayloadSize, "module record payload");
@@ -378,12 +380,6 @@ ByteWriter& ByteWriter::Raw(const void* data, size_t size) {
   const auto* p = static_cast<const uint8_t*>(data);
   bytes_.insert(bytes_.end(), p, p + size);
   return *this;
-}
-
-Bytes BytesOf(const Stream& stream) {
-  const unsigned char* start = stream.GetBuffer();
-  if (start == nullptr) return {};
-  return Bytes(start, start + stream.GetBufferSize());
 }
 
 Bytes Encode(const std::function<void(Stream&)>& write) {

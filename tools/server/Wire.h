@@ -27,12 +27,14 @@
 
 #include <glm/vec3.hpp>
 
+#include "filesystem/StreamValues.h"
 #include "game/entity/Id.h"
-#include "identifiers/ModuleID.h"
+#include "net/TcpConnection.h"
 #include "orvex/filesystem/Stream.h"
+#include "orvex/modular/ModuleID.h"
 
 namespace orvex::net {
-class TcpSocket;
+class TcpConnection;
 }
 
 namespace wire {
@@ -57,7 +59,7 @@ inline constexpr size_t kEndMarkerSize = 16;
 // Caps on what a client may send: the hello's token and password, and any embedded payload.
 inline constexpr uint32_t kMaxTokenSize = 64;
 inline constexpr uint32_t kMaxPasswordSize = 1024;
-inline constexpr uint32_t kMaxPayloadSize = Stream::kMaxBlockSize;
+inline constexpr uint32_t kMaxPayloadSize = orvex::filesystem::kMaxBlockSize;
 
 // Thrown by the stream readers when a ReadOnlyStream ends inside a message: the bytes
 // seen so far are a prefix of a message, so a caller that buffers may wait for more.
@@ -189,7 +191,7 @@ struct Hello {
 // Reads a hello from a connection. After the token, a password marker is looked for among
 // the bytes already waiting or arriving within `passwordWaitMs`. A token count above 64,
 // a password above kMaxPasswordSize, or a byte other than 0x06 after the token throws.
-Hello ReadHello(orvex::net::TcpSocket& tcp, int passwordWaitMs);
+Hello ReadHello(orvex::net::TcpConnection& tcp, int passwordWaitMs);
 // The same layout over bytes already received. Returns the hello and sets `consumed` when
 // the bytes hold at least the token; std::nullopt when they end earlier (or inside the
 // password). A hello without password whose bytes end after the token is complete: a
@@ -250,9 +252,6 @@ class ByteWriter {
  private:
   Bytes bytes_;
 };
-
-// The bytes that `stream` holds waiting, copied.
-Bytes BytesOf(const Stream& stream);
 
 // The bytes that `write` puts into a fresh stream, e.g. Encode([](Stream& s) { WriteWorld(s,
 // "arena"); }).

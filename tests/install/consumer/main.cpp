@@ -9,11 +9,11 @@
 #include "client/Client.h"
 
 int main() {
-  Game::Reset();
-  GAME_Mod::Load(std::make_shared<GAME_Mod>("DEMO_consumer"));
   const std::string text = orvex::modular::ModuleID("DEMO_consumer").String();
   const glm::dquat q(1.0, 0.0, 0.0, 0.0);
   if (q[0] != 1.0 || client::Client::_instance != nullptr) return 1;
-  std::printf("%s %s\n", text.c_str(), GAME_Mod::GetModule("DEMO_consumer") ? "loaded" : "missing");
+  size_t mods = 0;
+  GAME_Mod::ForEachModule([&](std::shared_ptr<GAME_Mod>&) { ++mods; });
+  std::printf("%s %s\n", text.c_str(), mods == 0 && Game::isActive ? "loaded" : "misloaded");
   return 0;
 }

@@ -18,13 +18,17 @@
 #include "net/Address.h"
 #include "net/Poll.h"
 #include "net/Tap.h"
-#include "orvex/net/Socket.h"
+#include "net/TcpConnection.h"
 
 namespace orvex::net {
 namespace {
 
 constexpr unsigned long kDefaultBufferSize = 64ul << 10;
 constexpr const char* kClosedByPeer = "Connection closed by peer";
+
+// Bytes moved by connections this process opened (see ClientBytes()).
+std::atomic<uint64_t> clientBytesIn{0};
+std::atomic<uint64_t> clientBytesOut{0};
 
 void SetBlocking(int fd) {
   int flags = fcntl(fd, F_GETFL);
@@ -75,9 +79,9 @@ int ConnectOne(const Endpoint& endpoint, std::chrono::steady_clock::time_point d
 
 }  // namespace
 
-TcpSocket::TcpSocket(const std::string& host, uint16_t port, unsigned long bufferSize,
-                     int timeoutMs)
-    : stallLimitMs_(timeoutMs) {
+TcpConnection::TcpConnection(const std::string& host, uint16_t port, unsigned long bufferSize,
+                             int timeoutMs)
+    : stallLimitMs_(timeoutMs), connected_(true) {
   const std::string failure = "Connection to " + HostPortText(host, port) + " failed: ";
   std::vector<Endpoint> endpoints;
   try {
@@ -95,12 +99,12 @@ TcpSocket::TcpSocket(const std::string& host, uint16_t port, unsigned long buffe
   Setup(bufferSize);
 }
 
-TcpSocket::TcpSocket(int connectedFd, int timeoutMs) : stallLimitMs_(timeoutMs) {
+TcpConnection::TcpConnection(int connectedFd, int timeoutMs) : stallLimitMs_(timeoutMs) {
   fd_ = connectedFd;
   Setup(0);
 }
 
-void TcpSocket::Setup(unsigned long bufferSize) {
+void TcpConnection::Setup(unsigned long bufferSize) {
   SetBlocking(fd_);
   int one = 1;
   setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof one);
@@ -115,23 +119,23 @@ void TcpSocket::Setup(unsigned long bufferSize) {
   out_.reserve(bufferSize_);
 }
 
-TcpSocket::~TcpSocket() = default;
+TcpConnection::~TcpConnection() = default;
 
 // ---------------------------------------------------------------------------------------
 // Reader side
 
-int TcpSocket::Poll(int timeoutMs) {
+int TcpConnection::Poll(int timeoutMs) {
   if (inPos_ < inEnd_) return 1;
   return Socket::Poll(timeoutMs);
 }
 
-void TcpSocket::ThrowReadError(int error) const {
+void TcpConnection::ThrowReadError(int error) const {
   if (shutdown_.load()) throw std::runtime_error("Connection shut down");
   if (error == 0 || error == ECONNRESET || error == EPIPE) throw std::runtime_error(kClosedByPeer);
   throw std::runtime_error("TCP receive failed: " + ErrorText(error));
 }
 
-unsigned long TcpSocket::Receive(unsigned char* data, unsigned long size, bool dontWait) {
+unsigned long TcpConnection::Receive(unsigned char* data, unsigned long size, bool dontWait) {
   if (!dontWait && stallLimitMs_ >= 0) {
     // A read is only ever asked for bytes that belong to something already started (the
     // caller polls before a message), so a silence this long is a peer that stopped halfway.
@@ -147,6 +151,7 @@ unsigned long TcpSocket::Receive(unsigned char* data, unsigned long size, bool d
     ssize_t n = recv(fd_, data, size, dontWait ? MSG_DONTWAIT : 0);
     if (n > 0) {
       bytesIn_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
+      if (connected_) clientBytesIn.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
       return static_cast<unsigned long>(n);
     }
     if (n == 0) ThrowReadError(0);
@@ -156,12 +161,12 @@ unsigned long TcpSocket::Receive(unsigned char* data, unsigned long size, bool d
   }
 }
 
-void TcpSocket::Fill() {
+void TcpConnection::Fill() {
   inPos_ = 0;
   inEnd_ = Receive(in_.data(), in_.size(), false);
 }
 
-void TcpSocket::Read(unsigned char* data, unsigned long size) {
+void TcpConnection::Read(unsigned char* data, unsigned long size) {
   unsigned char* const start = data;
   const unsigned long asked = size;
   while (size > 0) {
@@ -184,7 +189,7 @@ void TcpSocket::Read(unsigned char* data, unsigned long size) {
   if (Tap* tap = CurrentTap(); tap != nullptr && asked > 0) tap->OnTcp(*this, true, start, asked);
 }
 
-unsigned long TcpSocket::ReadSome(unsigned char* data, unsigned long size) {
+unsigned long TcpConnection::ReadSome(unsigned char* data, unsigned long size) {
   if (size == 0) return 0;
   unsigned long n;
   if (inPos_ == inEnd_) {
@@ -198,22 +203,18 @@ unsigned long TcpSocket::ReadSome(unsigned char* data, unsigned long size) {
   return n;
 }
 
-filesystem::ReadOnlyStream TcpSocket::ReadStream() {
+filesystem::ReadOnlyStream TcpConnection::ReadStream() {
   return Stream::ReadStream();
-}
-
-long TcpSocket::Available() const {
-  return -1;
 }
 
 // ---------------------------------------------------------------------------------------
 // Writer side
 
-void TcpSocket::Write(const unsigned char* data, unsigned long size) {
+void TcpConnection::Write(const unsigned char* data, unsigned long size) {
   out_.insert(out_.end(), data, data + size);
 }
 
-void TcpSocket::Flush() {
+void TcpConnection::Flush() {
   if (!writeError_.empty()) {
     out_.clear();
     throw std::runtime_error(writeError_);
@@ -231,6 +232,7 @@ void TcpSocket::Flush() {
     if (n > 0) {
       sent += static_cast<unsigned long>(n);
       bytesOut_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
+      if (connected_) clientBytesOut.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
       continue;
     }
     int error = errno;
@@ -266,15 +268,20 @@ void TcpSocket::Flush() {
   }
 }
 
-unsigned long TcpSocket::GetBufferSize() const {
+unsigned long TcpConnection::GetBufferSize() const {
   return out_.size();
 }
 
-const unsigned char* TcpSocket::GetBuffer() const {
-  return out_.data();
+TcpConnection::ByteCounts TcpConnection::ClientBytes() {
+  return {clientBytesIn.load(std::memory_order_relaxed),
+          clientBytesOut.load(std::memory_order_relaxed)};
 }
 
-void TcpSocket::Shutdown() {
+uint16_t TcpConnection::GetLocalPort() const {
+  return LocalPort(fd_);
+}
+
+void TcpConnection::Shutdown() {
   shutdown_.store(true);
   shutdown(fd_, SHUT_RDWR);
 }

@@ -20,7 +20,7 @@
 #include "net/NetworkSimulator.h"
 #include "net/Poll.h"
 #include "net/Tap.h"
-#include "orvex/net/Socket.h"
+#include "net/UdpEndpoint.h"
 
 namespace orvex::net {
 namespace {
@@ -33,12 +33,16 @@ constexpr unsigned long kSlotSize = 64ul << 10;  // holds any datagram
 constexpr int kReceiveBufferBytes = 4 << 20;
 
 // The socket whose delivery thread this is; null on every other thread.
-thread_local const UdpSocket* tDeliveringSocket = nullptr;
+thread_local const UdpEndpoint* tDeliveringSocket = nullptr;
 
 // The settings that new client-form sockets start with (SimulateNewClientSockets).
 std::mutex newClientSettingsMutex;
 std::string newClientSettings;
 std::shared_ptr<DatagramTap> newClientTap;
+
+// Bytes moved by client-form endpoints (see ClientBytes()).
+std::atomic<uint64_t> clientBytesIn{0};
+std::atomic<uint64_t> clientBytesOut{0};
 
 DatagramTap::Simulated Totals(const SimulatedPath::Stats& stats) {
   return {stats.dropped, stats.duplicated, stats.delayed, stats.reordered};
@@ -52,8 +56,9 @@ struct ClearOnExit {
 
 }  // namespace
 
-UdpSocket::UdpSocket(const std::string& host, uint16_t port, unsigned long bufferSize)
-    : capacity_(bufferSize == 0 ? kMaxDatagram : std::min(bufferSize, kMaxDatagram)) {
+UdpEndpoint::UdpEndpoint(const std::string& host, uint16_t port, unsigned long bufferSize)
+    : capacity_(bufferSize == 0 ? kMaxDatagram : std::min(bufferSize, kMaxDatagram)),
+      clientForm_(true) {
   std::vector<Endpoint> endpoints;
   try {
     endpoints = Resolve(host, port, SOCK_DGRAM);
@@ -83,7 +88,7 @@ UdpSocket::UdpSocket(const std::string& host, uint16_t port, unsigned long buffe
   if (!settings.empty()) Simulate(settings);
 }
 
-UdpSocket::UdpSocket(BindTag, const std::string& host, uint16_t port, unsigned long bufferSize)
+UdpEndpoint::UdpEndpoint(BindTag, const std::string& host, uint16_t port, unsigned long bufferSize)
     : capacity_(bufferSize == 0 ? kMaxDatagram : std::min(bufferSize, kMaxDatagram)) {
   const std::string failure = "Cannot bind UDP socket to " + HostPortText(host, port) + ": ";
   std::vector<Endpoint> endpoints;
@@ -103,7 +108,7 @@ UdpSocket::UdpSocket(BindTag, const std::string& host, uint16_t port, unsigned l
   throw std::runtime_error(failure + reason);
 }
 
-void UdpSocket::Open(int family) {
+void UdpEndpoint::Open(int family) {
   fd_ = socket(family, SOCK_DGRAM | SOCK_CLOEXEC, 0);
   if (fd_ < 0) throw std::runtime_error("Cannot open UDP socket: " + ErrorText(errno));
   family_ = family;
@@ -112,7 +117,7 @@ void UdpSocket::Open(int family) {
   setsockopt(fd_, SOL_SOCKET, SO_RCVBUF, &size, sizeof size);
 }
 
-UdpSocket::~UdpSocket() {
+UdpEndpoint::~UdpEndpoint() {
   StopReceiving();
   simulator_.reset();
   if (stopFd_ >= 0) close(stopFd_);
@@ -121,7 +126,7 @@ UdpSocket::~UdpSocket() {
 // ---------------------------------------------------------------------------------------
 // Writer side
 
-void UdpSocket::Write(const unsigned char* data, unsigned long size) {
+void UdpEndpoint::Write(const unsigned char* data, unsigned long size) {
   if (size > capacity_ - out_.size()) {
     throw std::runtime_error("UDP datagram of " + std::to_string(out_.size() + size) +
                              " bytes exceeds the buffer of " + std::to_string(capacity_) +
@@ -130,11 +135,11 @@ void UdpSocket::Write(const unsigned char* data, unsigned long size) {
   out_.insert(out_.end(), data, data + size);
 }
 
-void UdpSocket::Read(unsigned char*, unsigned long) {
-  throw std::logic_error("a UdpSocket is not read: datagrams arrive through Receive");
+void UdpEndpoint::Read(unsigned char*, unsigned long) {
+  throw std::logic_error("a UdpEndpoint is not read: datagrams arrive through Receive");
 }
 
-void UdpSocket::Flush() {
+void UdpEndpoint::Flush() {
   if (out_.empty()) return;
   ClearOnExit clear{out_};
   if (destination_.empty()) throw std::runtime_error("UDP socket has no destination");
@@ -149,14 +154,16 @@ void UdpSocket::Flush() {
   }
 }
 
-void UdpSocket::SendDatagram(const void* to, unsigned int toLength, const unsigned char* data,
-                             unsigned long size) {
+void UdpEndpoint::SendDatagram(const void* to, unsigned int toLength, const unsigned char* data,
+                               unsigned long size) {
   auto address = static_cast<const sockaddr*>(to);
   for (;;) {
     ssize_t n = sendto(fd_, data, size, MSG_DONTWAIT | MSG_NOSIGNAL, address, toLength);
     if (n >= 0) {
       datagramsOut_.fetch_add(1, std::memory_order_relaxed);
       bytesOut_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
+      if (clientForm_)
+        clientBytesOut.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
       if (tap_) tap_->Sent(static_cast<unsigned long>(n));
       return;
     }
@@ -169,15 +176,20 @@ void UdpSocket::SendDatagram(const void* to, unsigned int toLength, const unsign
   }
 }
 
-unsigned long UdpSocket::GetBufferSize() const {
+unsigned long UdpEndpoint::GetBufferSize() const {
   return out_.size();
 }
 
-const unsigned char* UdpSocket::GetBuffer() const {
-  return out_.data();
+UdpEndpoint::ByteCounts UdpEndpoint::ClientBytes() {
+  return {clientBytesIn.load(std::memory_order_relaxed),
+          clientBytesOut.load(std::memory_order_relaxed)};
 }
 
-void UdpSocket::SetDestination(const std::string& host, uint16_t port) {
+uint16_t UdpEndpoint::GetLocalPort() const {
+  return LocalPort(fd_);
+}
+
+void UdpEndpoint::SetDestination(const std::string& host, uint16_t port) {
   std::vector<Endpoint> endpoints;
   try {
     endpoints = Resolve(host, port, SOCK_DGRAM);
@@ -199,19 +211,19 @@ void UdpSocket::SetDestination(const std::string& host, uint16_t port) {
   remotePort_ = port;
 }
 
-void UdpSocket::SimulateNewClientSockets(const std::string& settings) {
+void UdpEndpoint::SimulateNewClientSockets(const std::string& settings) {
   if (!settings.empty()) SimulationSettings::Parse(settings);
   std::lock_guard<std::mutex> lock(newClientSettingsMutex);
   newClientSettings = settings;
 }
 
-void UdpSocket::TapNewClientSockets(std::shared_ptr<DatagramTap> tap) {
+void UdpEndpoint::TapNewClientSockets(std::shared_ptr<DatagramTap> tap) {
   std::lock_guard<std::mutex> lock(newClientSettingsMutex);
   newClientTap = std::move(tap);
 }
 
-void UdpSocket::Simulate(const std::string& settings) {
-  if (delivery_.joinable()) throw std::logic_error("UdpSocket::Simulate called while receiving");
+void UdpEndpoint::Simulate(const std::string& settings) {
+  if (delivery_.joinable()) throw std::logic_error("UdpEndpoint::Simulate called while receiving");
   if (settings.empty()) {
     simulator_.reset();
     return;
@@ -225,10 +237,10 @@ void UdpSocket::Simulate(const std::string& settings) {
 // ---------------------------------------------------------------------------------------
 // Delivery
 
-void UdpSocket::Receive(Callback callback) {
+void UdpEndpoint::Receive(Callback callback) {
   if (delivery_.joinable()) {
     // A delivery thread stopped from its own callback has ended or is ending.
-    if (!stopping_.load()) throw std::logic_error("UdpSocket::Receive called while receiving");
+    if (!stopping_.load()) throw std::logic_error("UdpEndpoint::Receive called while receiving");
     delivery_.join();
   }
   if (stopFd_ < 0) stopFd_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
@@ -237,10 +249,10 @@ void UdpSocket::Receive(Callback callback) {
   [[maybe_unused]] ssize_t drained = read(stopFd_, &pending, sizeof pending);
   stopping_.store(false);
   callback_ = std::move(callback);
-  delivery_ = std::thread(&UdpSocket::DeliveryLoop, this);
+  delivery_ = std::thread(&UdpEndpoint::DeliveryLoop, this);
 }
 
-void UdpSocket::StopReceiving() {
+void UdpEndpoint::StopReceiving() {
   // From the callback: only ask the loop to end. The delivery thread must not touch
   // delivery_, which belongs to the owner's thread.
   if (tDeliveringSocket == this) {
@@ -257,18 +269,19 @@ void UdpSocket::StopReceiving() {
   if (simulator_) simulator_->StopSender();
 }
 
-std::string UdpSocket::GetIncomingAddress() const {
+std::string UdpEndpoint::GetIncomingAddress() const {
   return incomingAddress_;
 }
 
-uint16_t UdpSocket::GetIncomingPort() const {
+uint16_t UdpEndpoint::GetIncomingPort() const {
   return incomingPort_;
 }
 
-void UdpSocket::Deliver(const void* sender, unsigned int senderLength, const unsigned char* data,
-                        unsigned long size, std::chrono::steady_clock::time_point at) {
+void UdpEndpoint::Deliver(const void* sender, unsigned int senderLength, const unsigned char* data,
+                          unsigned long size, std::chrono::steady_clock::time_point at) {
   datagramsIn_.fetch_add(1, std::memory_order_relaxed);
   bytesIn_.fetch_add(size, std::memory_order_relaxed);
+  if (clientForm_) clientBytesIn.fetch_add(size, std::memory_order_relaxed);
   if (tap_) tap_->Delivered(data, size, at);
   auto raw = static_cast<const unsigned char*>(sender);
   if (incomingRaw_.size() != senderLength ||
@@ -279,13 +292,15 @@ void UdpSocket::Deliver(const void* sender, unsigned int senderLength, const uns
   }
   if (Tap* tap = CurrentTap()) tap->OnDatagram(*this, true, incomingPort_, data, size);
   try {
-    callback_(*this, filesystem::ReadOnlyStream::View(data, size));
+    // One allocation: the stream owns its copy, which a copy made by the callback
+    // shares.
+    callback_(*this, filesystem::ReadOnlyStream(data, size));
   } catch (...) {
     // The callback's failures are its own; delivery goes on with the next datagram.
   }
 }
 
-void UdpSocket::DeliveryLoop() {
+void UdpEndpoint::DeliveryLoop() {
   using Clock = std::chrono::steady_clock;
   auto batch = std::make_unique_for_overwrite<unsigned char[]>(kSlots * kSlotSize);
   std::array<mmsghdr, kSlots> messages{};

@@ -1,23 +1,20 @@
-// The engine's sockets (OrvexNet.so): a buffered TCP stream and an unconnected UDP socket.
-//
-// Addresses are text: the numeric address without port, IPv4 as a.b.c.d, IPv6 as
-// inet_ntop prints it; an IPv4 peer seen through a dual-stack IPv6 socket (::ffff:a.b.c.d)
-// prints as plain IPv4, so the TCP peer and the UDP sender of the same host compare equal.
-// Host names go through the system resolver; IPv4 results are tried before IPv6 ones, for
-// TCP and UDP alike, so both sockets of a client reach the same address.
+// The reference engine's UDP endpoint: what the platform's UdpSocket is made of (its client
+// form), with what hosts use beyond it (the bound server form, destinations, the network
+// condition simulator, taps, counts). Tools, tests and benchmarks use it directly.
 #pragma once
+
+#include "HostOnly.h"
 
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "orvex/filesystem/Stream.h"
+#include "orvex/net/Socket.h"
 
 namespace orvex::net {
 
@@ -45,98 +42,6 @@ class DatagramTap {
   virtual void Simulation(bool incoming, const Simulated& totals) = 0;
 };
 
-// A socket's descriptor and the operations that every kind of socket offers.
-class Socket {
- public:
-  Socket() = default;
-  Socket(const Socket&) = delete;
-  Socket& operator=(const Socket&) = delete;
-  virtual ~Socket();
-
-  // Waits up to `timeoutMs` (negative: forever) for something to read. Returns 1 when a
-  // read can make progress (data waiting, or the peer closed: the read then throws),
-  // 0 on time-out, -1 on a socket error.
-  virtual int Poll(int timeoutMs);
-  // Address of the peer (TCP) or of the destination (UDP), in the form described above.
-  std::string GetRemoteAddress() const;
-  uint16_t GetRemotePort() const;
-  uint16_t GetLocalPort() const;
-
-  int GetDescriptor() const { return fd_; }
-
- protected:
-  int fd_ = -1;
-  std::string remoteAddress_;
-  uint16_t remotePort_ = 0;
-};
-
-// A TCP connection, buffered both ways.
-//
-// Reads are served from a receive buffer (one recv fills many fields) and block until the
-// asked bytes have arrived. Writes append to a send buffer that Flush() sends whole.
-// Threads: one reader (Read, ReadString, ReadStream, Poll) and one writer (Write, Flush)
-// may use the socket at the same time; they share nothing but the descriptor. A closed or
-// broken connection is a std::runtime_error from the read or the flush, never a hang and
-// never SIGPIPE. Every wait has an end, the stall limit (the constructor's time-out; negative:
-// none): a read that receives no byte for that long fails, and so does a flush that has not
-// sent everything by then (one deadline for the whole flush), so a peer that stops sending
-// halfway or reads slowly cannot freeze the reader or the writer.
-class TcpSocket : public Socket, public filesystem::Stream {
- public:
-  // Connects to host:port. `bufferSize` is the initial capacity of each buffer (0: the
-  // default, 64 KiB); `timeoutMs` bounds the connect and is the stall limit.
-  TcpSocket(const std::string& host, uint16_t port, unsigned long bufferSize, int timeoutMs);
-  // Adopts a connected descriptor (a listener's accepted connection).
-  TcpSocket(int connectedFd, int timeoutMs);
-  ~TcpSocket() override;
-
-  int Poll(int timeoutMs) override;
-  void Write(const unsigned char* data, unsigned long size) override;
-  void Read(unsigned char* data, unsigned long size) override;
-  void Flush() override;
-  unsigned long GetBufferSize() const override;
-  const unsigned char* GetBuffer() const override;
-  filesystem::ReadOnlyStream ReadStream() override;
-
-  // Reads whatever is waiting without blocking, up to `size` bytes; returns the count.
-  unsigned long ReadSome(unsigned char* data, unsigned long size);
-  // Stops both directions; a blocked reader wakes with an error. Safe from any thread.
-  void Shutdown();
-
-  uint64_t GetBytesIn() const { return bytesIn_.load(std::memory_order_relaxed); }
-  uint64_t GetBytesOut() const { return bytesOut_.load(std::memory_order_relaxed); }
-  int GetStallLimitMs() const { return stallLimitMs_; }
-
-  using Stream::Read;
-  using Stream::Write;
-
- protected:
-  long Available() const override;
-
- private:
-  void Setup(unsigned long bufferSize);
-  // Reader side: refills the empty receive buffer with at least one byte or throws.
-  void Fill();
-  // Reader side: receives at least one byte into `data` (at most `size`) and returns the
-  // count; with `dontWait`, returns 0 when nothing is waiting. End of stream throws.
-  unsigned long Receive(unsigned char* data, unsigned long size, bool dontWait);
-  [[noreturn]] void ThrowReadError(int error) const;
-
-  int stallLimitMs_;
-  unsigned long bufferSize_ = 0;
-  std::atomic<bool> shutdown_{false};
-  // Reader side: in_[inPos_, inEnd_) are received and not yet read.
-  std::vector<unsigned char> in_;
-  unsigned long inPos_ = 0;
-  unsigned long inEnd_ = 0;
-  // Writer side. After a failed flush the stream is cut mid-message, so every later flush
-  // fails at once with the same text.
-  std::vector<unsigned char> out_;
-  std::string writeError_;
-  std::atomic<uint64_t> bytesIn_{0};
-  std::atomic<uint64_t> bytesOut_{0};
-};
-
 // An unconnected UDP socket.
 //
 // Outgoing: Write appends to one datagram buffer of the constructor's size (a write that
@@ -150,17 +55,17 @@ class TcpSocket : public Socket, public filesystem::Stream {
 // members die, so no callback runs on a half-destroyed owner. The destructor calls it too.
 // Threads: the writer side (Write, Flush) belongs to one thread; the delivery thread only
 // reads and calls back.
-class UdpSocket : public Socket, public filesystem::Stream {
+class UdpEndpoint : public Socket, public filesystem::Stream {
  public:
-  using Callback = std::function<void(const UdpSocket&, filesystem::ReadOnlyStream&&)>;
+  using Callback = std::function<void(const UdpEndpoint&, filesystem::ReadOnlyStream&&)>;
   struct BindTag {};
 
   // Client form: an ephemeral local port; datagrams go to host:port.
-  UdpSocket(const std::string& host, uint16_t port, unsigned long bufferSize);
+  UdpEndpoint(const std::string& host, uint16_t port, unsigned long bufferSize);
   // Server form: bound to host:port (port 0: any free port; host "::" is dual-stack).
   // Datagrams go to the destination set with SetDestination.
-  UdpSocket(BindTag, const std::string& host, uint16_t port, unsigned long bufferSize);
-  ~UdpSocket() override;
+  UdpEndpoint(BindTag, const std::string& host, uint16_t port, unsigned long bufferSize);
+  ~UdpEndpoint() override;
 
   void Receive(Callback callback);
   void StopReceiving();
@@ -171,7 +76,8 @@ class UdpSocket : public Socket, public filesystem::Stream {
   void Read(unsigned char* data, unsigned long size) override;
   void Flush() override;
   unsigned long GetBufferSize() const override;
-  const unsigned char* GetBuffer() const override;
+  // The datagram written so far (valid until the next write or flush).
+  const unsigned char* GetBuffer() const { return out_.data(); }
 
   // Server form: where Flush sends (numeric address text or host name).
   void SetDestination(const std::string& host, uint16_t port);
@@ -181,8 +87,8 @@ class UdpSocket : public Socket, public filesystem::Stream {
   void Simulate(const std::string& settings);
   // Sets the settings that every client-form socket created afterwards in this process starts
   // with (empty text: none), for a host whose sockets belong to a module it cannot reach
-  // into, such as a game whose network client owns its socket. Any thread; throws
-  // std::invalid_argument on bad settings.
+  // into, such as a game whose network client owns its socket (the platform's UdpSocket is
+  // a client-form endpoint). Any thread; throws std::invalid_argument on bad settings.
   static void SimulateNewClientSockets(const std::string& settings);
   // Sets the tap of every client-form socket created afterwards (null: none). Any thread.
   static void TapNewClientSockets(std::shared_ptr<DatagramTap> tap);
@@ -193,6 +99,17 @@ class UdpSocket : public Socket, public filesystem::Stream {
   uint64_t GetDatagramsOut() const { return datagramsOut_.load(std::memory_order_relaxed); }
   uint64_t GetBytesIn() const { return bytesIn_.load(std::memory_order_relaxed); }
   uint64_t GetBytesOut() const { return bytesOut_.load(std::memory_order_relaxed); }
+
+  // Bytes received and sent by every client-form endpoint of the process, such as a
+  // module's own: for a host that cannot reach into the module.
+  struct ByteCounts {
+    uint64_t in = 0, out = 0;
+  };
+  static ByteCounts ClientBytes();
+
+  uint16_t GetRemotePort() const { return remotePort_; }
+  uint16_t GetLocalPort() const;
+  int GetDescriptor() const { return fd_; }
 
   using Stream::Read;
   using Stream::Write;
@@ -231,6 +148,8 @@ class UdpSocket : public Socket, public filesystem::Stream {
   std::atomic<uint64_t> datagramsOut_{0};
   std::atomic<uint64_t> bytesIn_{0};
   std::atomic<uint64_t> bytesOut_{0};
+  uint16_t remotePort_ = 0;
+  bool clientForm_ = false;
 };
 
 }  // namespace orvex::net

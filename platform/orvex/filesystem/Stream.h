@@ -9,20 +9,15 @@
 // Trust boundary: readers never read outside the bytes they hold. A ReadOnlyStream
 // yields zero bytes for whatever a read asks beyond its end, and clamps an embedded
 // length to the bytes that are really there. A socket refuses a string or embedded
-// stream whose count is above kMaxBlockSize (or the caller's smaller limit) with a
-// std::runtime_error before it allocates anything.
+// stream whose count is above the engine's block cap (16 MiB) or the caller's smaller
+// limit with a std::runtime_error before it allocates anything.
 #pragma once
 
-#include <bit>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
-#include <type_traits>
 #include <vector>
-
-static_assert(std::endian::native == std::endian::little,
-              "the wire encodings are the raw bytes of little-endian values");
 
 namespace orvex::filesystem {
 
@@ -32,9 +27,6 @@ class ReadOnlyStream;
 // base of the engine's other streams and sockets, which override the virtual operations.
 class Stream {
  public:
-  // The largest string or embedded stream that a socket read accepts (16 MiB).
-  static constexpr unsigned long kMaxBlockSize = 16ul << 20;
-
   Stream() = default;
   Stream(const Stream&) = default;
   Stream(Stream&&) noexcept = default;
@@ -51,59 +43,38 @@ class Stream {
   virtual void Flush();
   // The bytes waiting in the stream (written and not yet read, flushed or sent).
   virtual unsigned long GetBufferSize() const;
-  // Start of the waiting bytes; valid until the next non-const call.
-  virtual const unsigned char* GetBuffer() const;
 
   // Embedded stream: u32 count, then the waiting bytes of `block`.
   virtual ReadOnlyStream ReadStream();
 
   // String: u32 count, then the bytes.
   void Write(const std::string& text);
-  // Embedded stream: u32 count = other.GetBufferSize(), then those bytes. `other` is unchanged.
+  // Embedded stream: u32 count = other.GetBufferSize(), then those bytes. `other` is
+  // unchanged; it is an in-memory, read-only or write-only stream.
   void Write(const Stream& other);
-  // Reads a string; counts above kMaxBlockSize are refused by sockets.
+  // Reads a string; counts above the block cap are refused by sockets.
   void Read(std::string& text);
   // Reads a string whose count must not exceed `limit`; a larger count throws
   // std::runtime_error naming both numbers.
   std::string ReadString(unsigned long limit);
 
-  // Raw little-endian bytes of a fixed-width value.
-  template <typename T>
-  requires std::is_trivially_copyable_v<T>
-  void WriteValue(const T& value) {
-    Write(reinterpret_cast<const unsigned char*>(&value), sizeof(T));
-  }
-  template <typename T>
-  requires std::is_trivially_copyable_v<T> T ReadValue() {
-    T value{};
-    Read(reinterpret_cast<unsigned char*>(&value), sizeof(T));
-    return value;
-  }
-
- protected:
-  // How many bytes a read can still deliver from data already held, or -1 when the
-  // stream is unbounded (a socket). Reads of strings use it to clamp or refuse counts.
-  virtual long Available() const;
-  // Checks a block count read from the stream before anything is allocated for it.
-  // Returns the count to read (clamped for bounded streams) or throws.
-  unsigned long CheckBlockCount(uint32_t count, unsigned long limit, const char* what) const;
-
  private:
+  // What a read can still take from the bytes held, or -1 for a socket (unbounded).
+  long Available() const;
+  // The waiting bytes of an in-memory, read-only or write-only stream.
+  const unsigned char* Waiting() const;
+
   std::vector<unsigned char> bytes_;
   unsigned long readPos_ = 0;
 };
 
-// An immutable sequence of bytes with a read position. It either owns its bytes (shared,
-// immutable storage: copies are cheap) or views bytes that belong to someone else (a
-// socket's receive batch); copying a view makes an owning copy, so a copy can always
-// outlive the original.
+// An immutable sequence of bytes with a read position. It owns its bytes in shared,
+// immutable storage, so copies are cheap and keep the read position.
 class ReadOnlyStream : public Stream {
  public:
   ReadOnlyStream() = default;
   explicit ReadOnlyStream(std::vector<unsigned char> bytes);
   ReadOnlyStream(const unsigned char* data, unsigned long size);  // copies
-  // A stream over bytes that the caller keeps alive for the stream's lifetime.
-  static ReadOnlyStream View(const unsigned char* data, unsigned long size);
 
   ReadOnlyStream(const ReadOnlyStream& other);  // keeps the read position
   ReadOnlyStream(ReadOnlyStream&& other) noexcept;
@@ -118,7 +89,6 @@ class ReadOnlyStream : public Stream {
   // Skips the remaining bytes.
   void Flush() override;
   unsigned long GetBufferSize() const override;
-  const unsigned char* GetBuffer() const override;
   // The embedded stream shares this stream's storage; its count is clamped to what is left.
   ReadOnlyStream ReadStream() override;
 
@@ -127,17 +97,13 @@ class ReadOnlyStream : public Stream {
 
   // Total number of bytes, read or not.
   virtual unsigned long GetSize() const;
-  unsigned long GetPosition() const { return pos_; }
-  bool OwnsBytes() const { return storage_ != nullptr; }
-
- protected:
-  long Available() const override;
 
  private:
+  friend class Stream;
   void CopyFrom(const ReadOnlyStream& other);
   void CopyBytes(const unsigned char* data, unsigned long size);
 
-  std::shared_ptr<const void> storage_;  // owns the bytes data_ points into; null for a view
+  std::shared_ptr<const void> storage_;  // owns the bytes data_ points into
   const unsigned char* data_ = nullptr;
   unsigned long size_ = 0;
   unsigned long pos_ = 0;
@@ -157,11 +123,7 @@ class WriteOnlyStream : public Stream {
   void Read(unsigned char* data, unsigned long size) override;
   void Flush() override;
   unsigned long GetBufferSize() const override;
-  const unsigned char* GetBuffer() const override;
   ReadOnlyStream ReadStream() override;
-
-  // Empties the buffer without running the handler; the capacity is kept.
-  void Clear() { bytes_.clear(); }
 
   using Stream::Read;
   using Stream::Write;
@@ -170,6 +132,7 @@ class WriteOnlyStream : public Stream {
   std::function<void()> flushHandler;
 
  private:
+  friend class Stream;
   std::vector<unsigned char> bytes_;
   bool inHandler_ = false;
 };

@@ -13,9 +13,9 @@
 
 #include "game/entity/Id.h"
 #include "game/entity/Unlocked.h"
-#include "identifiers/ModuleID.h"
+#include "orvex/SharedMutex.h"
 #include "orvex/filesystem/Stream.h"
-#include "support/SharedMutex.h"
+#include "orvex/modular/ModuleID.h"
 
 namespace game::graphics {
 class RenderableInstance;
@@ -37,67 +37,11 @@ class BaseEntity {
   Unlocked<Id> parentId;
 };
 
-// An entity's "actions queued" flag. Every change of its value is counted process-wide, so
-// the send step can see in one load that no entity has anything queued and skip its walk
-// over the registry. Whoever sets or clears the flag keeps the count right without knowing
-// of it; an entity destroyed with its flag set takes itself out of the count.
-//
-// Each set flag is also counted in a slot picked by its address (a counting filter), so a
-// walk can rule out most entities from the node's pointer alone, without loading a line of
-// the entity: MightBeSet(flag) is false only when no set flag hashes to that slot. A raise
-// counts its slot before the process-wide count and a lowering uncounts it after, so whoever
-// sees Pending() include a flag sees its slot counted too.
-class ActionFlag {
- public:
-  ActionFlag() = default;
-  ActionFlag(const ActionFlag&) = delete;
-  ActionFlag& operator=(const ActionFlag&) = delete;
-  ~ActionFlag() { Set(false); }
-
-  ActionFlag& operator=(bool value) {
-    Set(value);
-    return *this;
-  }
-  operator bool() const { return flag_.load(std::memory_order_acquire); }  // NOLINT
-
-  // Entities whose flag is set, in the whole process.
-  static size_t Pending() { return pending_.load(std::memory_order_acquire); }
-
-  // False when the flag at `flag` is certainly not set; true when it may be. Reads the
-  // filter only, never the flag, so `flag` may be computed from a pointer not yet loaded.
-  static bool MightBeSet(const ActionFlag* flag) {
-    return slots_[Slot(flag)].load(std::memory_order_acquire) != 0;
-  }
-
- private:
-  static constexpr unsigned kSlotBits = 15;
-
-  static size_t Slot(const ActionFlag* flag) {
-    // Fibonacci hashing of the address: entities lie a few hundred bytes apart.
-    return (reinterpret_cast<uintptr_t>(flag) * 0x9E3779B97F4A7C15ull) >> (64 - kSlotBits);
-  }
-
-  void Set(bool value) {
-    if (flag_.exchange(value, std::memory_order_acq_rel) == value) return;
-    if (value) {
-      slots_[Slot(this)].fetch_add(1, std::memory_order_acq_rel);
-      pending_.fetch_add(1, std::memory_order_acq_rel);
-    } else {
-      pending_.fetch_sub(1, std::memory_order_acq_rel);
-      slots_[Slot(this)].fetch_sub(1, std::memory_order_acq_rel);
-    }
-  }
-
-  std::atomic<bool> flag_{false};
-  static std::atomic<size_t> pending_;                          // defined by game.so
-  static std::atomic<uint32_t> slots_[size_t{1} << kSlotBits];  // defined by game.so
-};
-
 class ClientSideEntity : public BaseEntity, public std::enable_shared_from_this<ClientSideEntity> {
  public:
   using Ptr = std::shared_ptr<ClientSideEntity>;
 
-  // The entity's behaviour, supplied by its module (see GAME_Mod::supplyInterface).
+  // The entity's behaviour, supplied by its module.
   class Interface {
    public:
     virtual ~Interface();
@@ -125,9 +69,8 @@ class ClientSideEntity : public BaseEntity, public std::enable_shared_from_this<
     uint32_t aimId = 0;
   };
 
-  // Stores the id and the module, then asks the module (GAME_Mod::GetModule by the
-  // module's text) to supply the interface, the renderables and serverDriven. Must not
-  // use the registry. Defined by game.so.
+  // Stores the id and the module; the game then lets the entity's module supply its
+  // interface, renderables and serverDriven. Must not use the registry. Defined by game.so.
   ClientSideEntity(Id id, const orvex::modular::ModuleID& module, const std::string& text);
   ~ClientSideEntity() override;
 
@@ -181,10 +124,7 @@ class ClientSideEntity : public BaseEntity, public std::enable_shared_from_this<
   // by the send step before it takes the mutex.
   std::mutex actionsMutex;
   std::vector<orvex::filesystem::Stream> pendingActions;
-  ActionFlag hasPendingActions;
-
-  // Queues one action (engine convenience for games and tools).
-  void QueueAction(orvex::filesystem::Stream action);
+  bool hasPendingActions = false;
 };
 
 template <>

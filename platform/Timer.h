@@ -19,14 +19,6 @@ class Timer {
   // Milliseconds since the last Start() (meaningless while not running).
   double Elapsed();
 
-  // The clock: system_clock nanoseconds since the epoch, as a double. Every Timer and the
-  // client's receive stamp read time through it.
-  static double NowNs();
-  // Test seam: replaces the clock for the whole process (nullptr restores the system
-  // clock). The source must be callable from any thread.
-  using ClockSource = double (*)();
-  static void SetClockSourceForTesting(ClockSource source);
-
   std::mutex mutex;
   double startMs = 0.0;
   std::atomic<bool> running = false;

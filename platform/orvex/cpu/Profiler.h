@@ -7,8 +7,8 @@
 #include <unordered_map>
 #include <vector>
 
-#include "support/SharedMutex.h"
-#include "support/Timer.h"
+#include "Timer.h"
+#include "orvex/SharedMutex.h"
 
 namespace orvex::cpu {
 

@@ -35,8 +35,10 @@ static_assert(sizeof(Orientation) == 32);
 
 }  // namespace game::entity
 
-// The hash of an id is its word 1; word 0 takes part in equality only.
+// The hash of an id is its word 1; word 0 takes part in equality only. Not noexcept: the
+// standard library's unordered containers then keep each node's hash beside it, and every
+// lookup compares that cached hash before the words.
 template <>
 struct std::hash<game::entity::Id> {
-  size_t operator()(const game::entity::Id& id) const noexcept { return id.word1; }
+  size_t operator()(const game::entity::Id& id) const { return id.word1; }
 };

@@ -1,0 +1,93 @@
+// The reference engine's TCP connection: what the platform's TcpSocket is made of, with
+// what hosts use beyond it (adopting an accepted descriptor, reads that do not wait, shutdown
+// from any thread, byte counts). Tools, tests and benchmarks use it for the server side.
+#pragma once
+
+#include "HostOnly.h"
+
+#include <atomic>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "orvex/net/Socket.h"
+
+namespace orvex::net {
+
+// A TCP connection, buffered both ways.
+//
+// Reads are served from a receive buffer (one recv fills many fields) and block until the
+// asked bytes have arrived. Writes append to a send buffer that Flush() sends whole.
+// Threads: one reader (Read, ReadString, ReadStream, Poll) and one writer (Write, Flush)
+// may use the socket at the same time; they share nothing but the descriptor. A closed or
+// broken connection is a std::runtime_error from the read or the flush, never a hang and
+// never SIGPIPE. Every wait has an end, the stall limit (the constructor's time-out; negative:
+// none): a read that receives no byte for that long fails, and so does a flush that has not
+// sent everything by then (one deadline for the whole flush), so a peer that stops sending
+// halfway or reads slowly cannot freeze the reader or the writer.
+class TcpConnection : public Socket, public filesystem::Stream {
+ public:
+  // Connects to host:port. `bufferSize` is the initial capacity of each buffer (0: the
+  // default, 64 KiB); `timeoutMs` bounds the connect and is the stall limit.
+  TcpConnection(const std::string& host, uint16_t port, unsigned long bufferSize, int timeoutMs);
+  // Adopts a connected descriptor (a listener's accepted connection).
+  TcpConnection(int connectedFd, int timeoutMs);
+  ~TcpConnection() override;
+
+  int Poll(int timeoutMs) override;
+  void Write(const unsigned char* data, unsigned long size) override;
+  void Read(unsigned char* data, unsigned long size) override;
+  void Flush() override;
+  unsigned long GetBufferSize() const override;
+  filesystem::ReadOnlyStream ReadStream() override;
+
+  // Reads whatever is waiting without blocking, up to `size` bytes; returns the count.
+  unsigned long ReadSome(unsigned char* data, unsigned long size);
+  // Stops both directions; a blocked reader wakes with an error. Safe from any thread.
+  void Shutdown();
+
+  uint64_t GetBytesIn() const { return bytesIn_.load(std::memory_order_relaxed); }
+  uint64_t GetBytesOut() const { return bytesOut_.load(std::memory_order_relaxed); }
+  int GetStallLimitMs() const { return stallLimitMs_; }
+
+  // Bytes received and sent by every connection this process opened (not those it
+  // accepted), such as a module's own: for a host that cannot reach into the module.
+  struct ByteCounts {
+    uint64_t in = 0, out = 0;
+  };
+  static ByteCounts ClientBytes();
+
+  uint16_t GetRemotePort() const { return remotePort_; }
+  uint16_t GetLocalPort() const;
+  int GetDescriptor() const { return fd_; }
+
+  using Stream::Read;
+  using Stream::Write;
+
+ private:
+  void Setup(unsigned long bufferSize);
+  // Reader side: refills the empty receive buffer with at least one byte or throws.
+  void Fill();
+  // Reader side: receives at least one byte into `data` (at most `size`) and returns the
+  // count; with `dontWait`, returns 0 when nothing is waiting. End of stream throws.
+  unsigned long Receive(unsigned char* data, unsigned long size, bool dontWait);
+  [[noreturn]] void ThrowReadError(int error) const;
+
+  int stallLimitMs_;
+  unsigned long bufferSize_ = 0;
+  std::atomic<bool> shutdown_{false};
+  // Reader side: in_[inPos_, inEnd_) are received and not yet read.
+  std::vector<unsigned char> in_;
+  unsigned long inPos_ = 0;
+  unsigned long inEnd_ = 0;
+  // Writer side. After a failed flush the stream is cut mid-message, so every later flush
+  // fails at once with the same text.
+  std::vector<unsigned char> out_;
+  std::string writeError_;
+  std::atomic<uint64_t> bytesIn_{0};
+  std::atomic<uint64_t> bytesOut_{0};
+  uint16_t remotePort_ = 0;
+  bool connected_ = false;  // opened by this process, not accepted
+};
+
+}  // namespace orvex::net
