@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cmath>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "ClientSession.h"
@@ -207,6 +208,52 @@ TEST_F(StatePass, TransformSnapsTargetsOrReexpresses) {
 
 // A NaN in any field of record 3 of 4 ends the pass with one line; records 1 and 2 stay.
 // Fields 0-6: the transform's position and orientation; 7, 8: physics velocity, extra.
+// Parents that a datagram reads and moves: a record that moves an entity on an old parent's
+// chain changes what the next records re-express under (found: a pass that remembered a
+// parent's transform past such a move put the later children back where the chain was); a
+// chain of any depth, and a cycle, are followed as GetAbsoluteTransformInEnvironment does.
+TEST_F(StatePass, ReexpressionFollowsWhereTheRecordsBeforeLeftTheParents) {
+  const Id top = EntityId(40), mover = EntityId(41), old = EntityId(42), cycle = EntityId(43);
+  MakeEntity(top, "static", {}, {1, 2, 3}, Rotation(40, {0, 0, 1}));
+  MakeEntity(mover, "ship", top, {0, 6, 0}, Rotation(25, {1, 0, 0}));  // snaps: no target yet
+  MakeEntity(old, "static", mover, {2, 0, 1}, Rotation(-60, {0, 1, 0}));
+  MakeEntity(cycle, "static", cycle, {5, 5, 5}, Rotation(10, {0, 0, 1}));  // its own parent
+  Id deep = top;
+  for (uint64_t n = 100; n < 400; ++n) {
+    MakeEntity(EntityId(n), "static", deep, {1, 0, 0}, Rotation(1, {0, 1, 0}));
+    deep = EntityId(n);
+  }
+  const struct {
+    Id from;
+    glm::dvec3 position;
+  } children[] = {{old, {1, 1, 0}}, {deep, {0, 0, 2}}, {cycle, {3, 0, 0}}, {old, {0, 2, 2}}};
+  std::vector<wire::TransformRecord> records;
+  std::vector<glm::dmat4> wanted;  // where each child is in the world when its record comes
+  for (uint64_t i = 0; i < 4; ++i) {
+    const ClientSideEntity::Ptr child =
+        MakeEntity(EntityId(50 + i), "ship", children[i].from, children[i].position,
+                   Rotation(15.0 * i, {1, 1, 1}));
+    child->hasTarget = true;
+    wanted.push_back(child->GetAbsoluteTransformInEnvironment());
+    records.push_back({EntityId(50 + i), {9, 9, 9}});
+    if (i == 1) records.push_back({mover, {-7, 0, 4}});  // moves `old`, before the last child
+  }
+  // The last child's record comes after the move: its parent's new place counts.
+  const ClientSideEntity::Ptr last = FindEntity(EntityId(53));
+  MakeEntity(EntityId(60), "static", top, {-7, 0, 4});  // the mover, snapped to its record
+  MakeEntity(EntityId(61), "static", EntityId(60), {2, 0, 1}, Rotation(-60, {0, 1, 0}));
+  last->parentId = EntityId(61);
+  wanted[3] = last->GetAbsoluteTransformInEnvironment();
+  last->parentId = old;
+  RunTransforms(records, top);
+  for (uint64_t i = 0; i < 4; ++i) {
+    SCOPED_TRACE(i);
+    const glm::dmat4& want = wanted[i];
+    const glm::dmat4 now = FindEntity(EntityId(50 + i))->GetAbsoluteTransformInEnvironment();
+    for (int k = 0; k < 16; ++k) EXPECT_NEAR(now[k / 4][k % 4], want[k / 4][k % 4], 1e-5) << k;
+  }
+}
+
 TEST_F(StatePass, NaNEndsThePassAndKeepsWhatWasApplied) {
   for (int field = 0; field < 9; ++field) {
     SCOPED_TRACE(field);
@@ -286,6 +333,27 @@ TEST_F(DatagramIntake, HostileStateFloodWaitsAtTheQueueCap) {
   }));
   EXPECT_EQ(orvex::engine::SynchronizeFigures().overCap, 0u);
   EXPECT_EQ(TargetOf(1), glm::dvec3(100, 0, 0));
+}
+
+// Datagrams keep arriving, state and module messages alike, while the client is destroyed:
+// no callback runs on a member that is already gone (the sanitizer runs of this case see
+// any access after destruction, and any unordered one).
+TEST_F(DatagramIntake, DatagramsArrivingWhileTheClientIsDestroyedTouchNothingGone) {
+  for (int round = 0; round < 10; ++round) {
+    SCOPED_TRACE(round);
+    Start();
+    std::atomic<bool> stop{false};
+    std::thread flood([&, address = session->clientAddress, port = session->clientPort] {
+      for (uint64_t n = 1; n <= 20000 && !stop; ++n) {
+        session->server.SendDatagram(address, port, n % 2 ? Transforms(n, 1.0) : Physics(n, 1.0));
+      }
+    });
+    ASSERT_TRUE(WaitUntil([&] { return Counters().datagramsAccepted > 10; }));
+    session->StopReceiving();
+    session->client.reset();
+    stop = true;
+    flood.join();
+  }
 }
 
 }  // namespace
