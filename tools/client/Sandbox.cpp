@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "GAME_Mod.h"
+#include "Game.h"
 #include "game/Host.h"
 #include "game/graphics/Renderer.h"
 
@@ -63,7 +64,9 @@ class Instance {
         break;
       }
       case 'A':
-        QueueAction(payload);
+        // The flag that Send() reads is a plain bool of the game's: it is set on the game
+        // thread, never beside Send() on this one.
+        Game::Synchronize([payload] { QueueAction(payload); });
         break;
       default:
         break;
