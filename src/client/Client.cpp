@@ -261,9 +261,11 @@ bool Client::Handshake() {
 }
 
 Client::~Client() {
-  _instance = nullptr;
-  // No datagram callback may run on a half-destroyed client.
+  // No datagram callback may run on a half-destroyed client: the gate closes before
+  // anything else changes (it waits for a callback under way, a few microseconds), so every
+  // callback that runs sees the client whole, _instance included.
   CloseDatagramGate(this);
+  _instance = nullptr;
   try {
     WriteValue(tcp, networking::MSG_DISCONNECT);
     tcp.Flush();

@@ -9,6 +9,7 @@
 
 #include "ClientSession.h"
 #include "FakeClock.h"
+#include "GAME_Mod.h"
 #include "Game.h"
 #include "Hex.h"
 #include "StderrCapture.h"
@@ -336,24 +337,38 @@ TEST_F(DatagramIntake, HostileStateFloodWaitsAtTheQueueCap) {
 }
 
 // Datagrams keep arriving, state and module messages alike, while the client is destroyed:
-// no callback runs on a member that is already gone (the sanitizer runs of this case see
-// any access after destruction, and any unordered one).
-TEST_F(DatagramIntake, DatagramsArrivingWhileTheClientIsDestroyedTouchNothingGone) {
-  for (int round = 0; round < 10; ++round) {
+// every module message handler that runs sees the client whole (_instance still set: it
+// is cleared only once no callback can start), and the sanitizer runs see no access to a
+// member that is gone. (Found: a destructor that let the socket's own destructor stop
+// delivery ran callbacks on a client whose later members had died.)
+std::atomic<uint64_t> witnessed{0}, witnessedGone{0};
+void Witness(orvex::filesystem::ReadOnlyStream&) {
+  ++witnessed;
+  if (client::Client::_instance == nullptr) ++witnessedGone;
+}
+
+TEST_F(DatagramIntake, DatagramsArrivingWhileTheClientIsDestroyedSeeItWhole) {
+  const orvex::modular::ModuleID witness("TEST_witness");
+  for (int round = 0; round < 50; ++round) {
     SCOPED_TRACE(round);
     Start();
+    auto mod = std::make_shared<GAME_Mod>("TEST_witness");
+    mod->clientMessageHandler = &Witness;
+    orvex::engine::LoadMod(mod);
     std::atomic<bool> stop{false};
     std::thread flood([&, address = session->clientAddress, port = session->clientPort] {
-      for (uint64_t n = 1; n <= 20000 && !stop; ++n) {
-        session->server.SendDatagram(address, port, n % 2 ? Transforms(n, 1.0) : Physics(n, 1.0));
+      for (uint64_t n = 1; n <= 50000 && !stop; ++n) {
+        session->server.SendDatagram(address, port,
+                                     n % 2 ? Transforms(n, 1.0) : wire::ModuleDatagram(witness, {}));
       }
     });
-    ASSERT_TRUE(WaitUntil([&] { return Counters().datagramsAccepted > 10; }));
+    ASSERT_TRUE(WaitUntil([&] { return witnessed > 10; }));
     session->StopReceiving();
     session->client.reset();
     stop = true;
     flood.join();
   }
+  EXPECT_EQ(witnessedGone, 0u);
 }
 
 }  // namespace
