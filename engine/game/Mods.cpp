@@ -45,24 +45,29 @@ void GAME_Mod::ForEachModule(const std::function<void(std::shared_ptr<GAME_Mod>&
   for (std::shared_ptr<GAME_Mod>& mod : snapshot) fn(mod);
 }
 
-std::shared_ptr<GAME_Mod> GAME_Mod::GetModule(const std::string& name) {
-  if (name.empty()) return nullptr;
+namespace {
+
+// What `take` copies out of the mod whose module text is `name`, under the registry's lock;
+// empty when no such mod is loaded.
+template <typename Take>
+auto Lookup(const std::string& name, Take take) -> decltype(take(std::declval<const Loaded&>())) {
+  if (name.empty()) return {};
   ModRegistry& registry = Registry();
   std::lock_guard<std::mutex> lock(registry.mutex);
   for (const Loaded& loaded : registry.mods) {
-    if (loaded.mod->moduleId.String() == name) return loaded.mod;
+    if (loaded.mod->moduleId.String() == name) return take(loaded);
   }
-  return nullptr;
+  return {};
+}
+
+}  // namespace
+
+std::shared_ptr<GAME_Mod> GAME_Mod::GetModule(const std::string& name) {
+  return Lookup(name, [](const Loaded& loaded) { return loaded.mod; });
 }
 
 orvex::engine::InterfaceSupplier game::runtime::SupplierOf(const std::string& name) {
-  if (name.empty()) return nullptr;
-  ModRegistry& registry = Registry();
-  std::lock_guard<std::mutex> lock(registry.mutex);
-  for (const Loaded& loaded : registry.mods) {
-    if (loaded.mod->moduleId.String() == name) return loaded.supplier;
-  }
-  return nullptr;
+  return Lookup(name, [](const Loaded& loaded) { return loaded.supplier; });
 }
 
 namespace orvex::engine {

@@ -32,8 +32,6 @@ std::vector<Endpoint> Resolve(const std::string& host, uint16_t port, int socket
 // IPv4-mapped IPv6 address (::ffff:a.b.c.d) prints as plain IPv4.
 std::string AddressText(const sockaddr* address);
 uint16_t AddressPort(const sockaddr* address);
-// The local port a socket is bound to, or 0.
-uint16_t LocalPort(int fd);
 
 // The same address as an AF_INET6 sockaddr: IPv4 becomes ::ffff:a.b.c.d, IPv6 is kept.
 Endpoint MapToIpv6(const Endpoint& endpoint);

@@ -62,8 +62,8 @@ UdpSocket::~UdpSocket() {
 
 void UdpSocket::Receive(
     std::function<void(const UdpSocket&, filesystem::ReadOnlyStream&&)> callback) {
-  endpoint_->Receive([this, callback = std::move(callback)](
-                         const UdpEndpoint&, filesystem::ReadOnlyStream&& datagram) {
+  endpoint_->Receive([this, callback = std::move(callback)](const UdpEndpoint&,
+                                                            filesystem::ReadOnlyStream&& datagram) {
     callback(*this, std::move(datagram));
   });
 }

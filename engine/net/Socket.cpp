@@ -6,9 +6,9 @@
 #include <cerrno>
 
 #include "net/Address.h"
+#include "net/EngineSocket.h"
 #include "net/Poll.h"
 #include "net/Tap.h"
-#include "orvex/net/Socket.h"
 
 namespace orvex::net {
 namespace {
@@ -43,10 +43,10 @@ std::string Socket::GetRemoteAddress() const {
   return remoteAddress_;
 }
 
-uint16_t LocalPort(int fd) {
+uint16_t EngineSocket::GetLocalPort() const {
   Endpoint local;
   local.length = sizeof local.storage;
-  if (getsockname(fd, local.Get(), &local.length) != 0) return 0;
+  if (getsockname(fd_, local.Get(), &local.length) != 0) return 0;
   return AddressPort(local.Get());
 }
 

@@ -277,10 +277,6 @@ TcpConnection::ByteCounts TcpConnection::ClientBytes() {
           clientBytesOut.load(std::memory_order_relaxed)};
 }
 
-uint16_t TcpConnection::GetLocalPort() const {
-  return LocalPort(fd_);
-}
-
 void TcpConnection::Shutdown() {
   shutdown_.store(true);
   shutdown(fd_, SHUT_RDWR);

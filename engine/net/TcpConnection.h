@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "orvex/net/Socket.h"
+#include "net/EngineSocket.h"
 
 namespace orvex::net {
 
@@ -25,7 +25,7 @@ namespace orvex::net {
 // none): a read that receives no byte for that long fails, and so does a flush that has not
 // sent everything by then (one deadline for the whole flush), so a peer that stops sending
 // halfway or reads slowly cannot freeze the reader or the writer.
-class TcpConnection : public Socket, public filesystem::Stream {
+class TcpConnection : public EngineSocket, public filesystem::Stream {
  public:
   // Connects to host:port. `bufferSize` is the initial capacity of each buffer (0: the
   // default, 64 KiB); `timeoutMs` bounds the connect and is the stall limit.
@@ -52,14 +52,7 @@ class TcpConnection : public Socket, public filesystem::Stream {
 
   // Bytes received and sent by every connection this process opened (not those it
   // accepted), such as a module's own: for a host that cannot reach into the module.
-  struct ByteCounts {
-    uint64_t in = 0, out = 0;
-  };
   static ByteCounts ClientBytes();
-
-  uint16_t GetRemotePort() const { return remotePort_; }
-  uint16_t GetLocalPort() const;
-  int GetDescriptor() const { return fd_; }
 
   using Stream::Read;
   using Stream::Write;
@@ -86,7 +79,6 @@ class TcpConnection : public Socket, public filesystem::Stream {
   std::string writeError_;
   std::atomic<uint64_t> bytesIn_{0};
   std::atomic<uint64_t> bytesOut_{0};
-  uint16_t remotePort_ = 0;
   bool connected_ = false;  // opened by this process, not accepted
 };
 

@@ -185,10 +185,6 @@ UdpEndpoint::ByteCounts UdpEndpoint::ClientBytes() {
           clientBytesOut.load(std::memory_order_relaxed)};
 }
 
-uint16_t UdpEndpoint::GetLocalPort() const {
-  return LocalPort(fd_);
-}
-
 void UdpEndpoint::SetDestination(const std::string& host, uint16_t port) {
   std::vector<Endpoint> endpoints;
   try {

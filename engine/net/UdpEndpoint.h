@@ -14,7 +14,7 @@
 #include <thread>
 #include <vector>
 
-#include "orvex/net/Socket.h"
+#include "net/EngineSocket.h"
 
 namespace orvex::net {
 
@@ -55,7 +55,7 @@ class DatagramTap {
 // members die, so no callback runs on a half-destroyed owner. The destructor calls it too.
 // Threads: the writer side (Write, Flush) belongs to one thread; the delivery thread only
 // reads and calls back.
-class UdpEndpoint : public Socket, public filesystem::Stream {
+class UdpEndpoint : public EngineSocket, public filesystem::Stream {
  public:
   using Callback = std::function<void(const UdpEndpoint&, filesystem::ReadOnlyStream&&)>;
   struct BindTag {};
@@ -102,14 +102,7 @@ class UdpEndpoint : public Socket, public filesystem::Stream {
 
   // Bytes received and sent by every client-form endpoint of the process, such as a
   // module's own: for a host that cannot reach into the module.
-  struct ByteCounts {
-    uint64_t in = 0, out = 0;
-  };
   static ByteCounts ClientBytes();
-
-  uint16_t GetRemotePort() const { return remotePort_; }
-  uint16_t GetLocalPort() const;
-  int GetDescriptor() const { return fd_; }
 
   using Stream::Read;
   using Stream::Write;
@@ -148,7 +141,6 @@ class UdpEndpoint : public Socket, public filesystem::Stream {
   std::atomic<uint64_t> datagramsOut_{0};
   std::atomic<uint64_t> bytesIn_{0};
   std::atomic<uint64_t> bytesOut_{0};
-  uint16_t remotePort_ = 0;
   bool clientForm_ = false;
 };
 
