@@ -1,17 +1,20 @@
 #include "client/Dump.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
+#include <fstream>
+#include <iostream>
 #include <shared_mutex>
-#include <sstream>
 #include <stdexcept>
+#include <string>
 
 #include <nlohmann/json.hpp>
 
 #include "Game.h"
 #include "client/Client.h"
 #include "client/Sandbox.h"
-#include "common/OutputFile.h"
 #include "game/entity/ClientSideEntity.h"
 
 namespace gameclient {
@@ -62,9 +65,11 @@ Json EntityJson(const ClientSideEntity& e) {
     for (const sandbox::Bytes& sync : sandboxInterface->Syncs()) syncs.push_back(Hex(sync));
     syncsLeftOut = sandboxInterface->SyncsLeftOut();
   }
+  const game::entity::Id parent = e.parentId.Load();
   return Json{{"id", e.id.ToString()},
               {"words", Words(e.id)},
-              {"parent", e.parentId.Load().ToString()},
+              {"parent", parent.ToString()},
+              {"parentWords", Words(parent)},
               {"module", e.moduleId.String()},
               {"text", e.text},
               {"position", Vec3(e.position)},
@@ -106,13 +111,28 @@ nlohmann::ordered_json Number(double value) {
 }
 
 void WriteDump(std::ostream& out, const Identity& identity) {
-  Json entities = Json::array();
-  for (const EntityView& view : SortedEntities()) entities.push_back(EntityJson(*view.entity));
-  Json messages = Json::array();
-  for (const sandbox::ModuleMessage& message : sandbox::ModuleMessages()) {
-    messages.push_back({{"module", message.module}, {"payload", Hex(message.payload)}});
-  }
-  const Json dump = {{"playerId", std::to_string(identity.playerId)},
+  // The dump is written as it is produced, one entity or message at a time, so that writing
+  // it needs memory for one of them, not for the whole replica. The text is what one
+  // dump(2) of the whole object would give.
+  const auto write = [&out](const Json& value, const char* indent) {
+    // Texts come from the wire: bytes that are not UTF-8 become U+FFFD instead of failing.
+    std::string text = value.dump(2, ' ', false, Json::error_handler_t::replace);
+    size_t lines = 0;
+    for (char c : text) lines += c == '\n';
+    if (lines == 0) {
+      out << text;
+      return;
+    }
+    const size_t step = std::char_traits<char>::length(indent);
+    std::string indented;
+    indented.reserve(text.size() + lines * step);
+    for (char c : text) {
+      indented += c;
+      if (c == '\n') indented += indent;
+    }
+    out << indented;
+  };
+  const Json head = {{"playerId", std::to_string(identity.playerId)},
                      {"username", identity.username},
                      {"admin", identity.admin},
                      {"error", client::Client::error},
@@ -121,18 +141,44 @@ void WriteDump(std::ostream& out, const Identity& identity) {
                      {"mode", Game::_mode},
                      {"mods", Game::_mods},
                      {"timestamp", Number(Game::timestamp.load())},
-                     {"config", Game::config.Text()},
-                     {"entities", entities},
-                     {"moduleMessages", messages},
-                     {"moduleMessagesLeftOut", sandbox::ModuleMessagesLeftOut()}};
-  // Texts come from the wire: bytes that are not UTF-8 become U+FFFD instead of failing.
-  out << dump.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+                     {"config", Game::config.Text()}};
+  out << "{";
+  for (const auto& [key, value] : head.items()) {
+    out << "\n  " << Json(key).dump() << ": ";
+    write(value, "  ");
+    out << ",";
+  }
+  out << "\n  \"entities\": [";
+  bool first = true;
+  for (const EntityView& view : SortedEntities()) {
+    out << (first ? "\n    " : ",\n    ");
+    write(EntityJson(*view.entity), "    ");
+    first = false;
+  }
+  out << (first ? "]," : "\n  ],");
+  out << "\n  \"moduleMessages\": [";
+  first = true;
+  sandbox::ForEachModuleMessage([&](const sandbox::ModuleMessage& message) {
+    out << (first ? "\n    " : ",\n    ");
+    write(Json{{"module", message.module}, {"payload", Hex(message.payload)}}, "    ");
+    first = false;
+  });
+  out << (first ? "]," : "\n  ],");
+  out << "\n  \"moduleMessagesLeftOut\": " << sandbox::ModuleMessagesLeftOut() << "\n}\n";
 }
 
 void WriteDumpFile(const std::string& path, const Identity& identity) {
-  std::ostringstream out;
-  WriteDump(out, identity);
-  tools::WriteText(path, out.str());
+  if (path == "-") {
+    WriteDump(std::cout, identity);
+    std::cout.flush();
+    if (!std::cout) throw std::runtime_error("cannot write to standard output");
+    return;
+  }
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  if (!file) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+  WriteDump(file, identity);
+  file.close();
+  if (!file) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
 }
 
 }  // namespace gameclient

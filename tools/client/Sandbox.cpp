@@ -47,7 +47,7 @@ class Instance {
     {
       MessageLog& log = Log();
       std::lock_guard<std::mutex> lock(log.mutex);
-      log.messages.Add(ModuleMessage{module_, payload});
+      log.messages.Add(ModuleMessage{module_, payload}, payload.size() + module_.size());
     }
     if (payload.empty()) return;
     switch (payload[0]) {
@@ -168,13 +168,17 @@ void SupplyInterface(ClientSideEntity& entity) {
 
 void SandboxInterface::Sync(ReadOnlyStream& data) {
   Bytes bytes = Remaining(data);
+  const size_t size = bytes.size();
   std::lock_guard<std::mutex> lock(mutex_);
-  syncs_.Add(std::move(bytes));
+  syncs_.Add(std::move(bytes), size);
 }
 
 std::vector<Bytes> SandboxInterface::Syncs() const {
+  std::vector<Bytes> syncs;
   std::lock_guard<std::mutex> lock(mutex_);
-  return syncs_.Items();
+  syncs.reserve(syncs_.Size());
+  syncs_.ForEach([&syncs](const Bytes& sync) { syncs.push_back(sync); });
+  return syncs;
 }
 
 uint64_t SandboxInterface::SyncsLeftOut() const {
@@ -235,10 +239,14 @@ void UnloadAll() {
   log.messages.Clear();
 }
 
-std::vector<ModuleMessage> ModuleMessages() {
+void ForEachModuleMessage(const std::function<void(const ModuleMessage&)>& visit) {
   MessageLog& log = Log();
   std::lock_guard<std::mutex> lock(log.mutex);
-  return log.messages.Items();
+  log.messages.ForEach(visit);
+}
+
+void SetKeptBytesCap(uint64_t bytes) {
+  KeptBytes::Process().SetCap(bytes);
 }
 
 uint64_t ModuleMessagesLeftOut() {

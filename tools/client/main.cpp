@@ -79,6 +79,7 @@ struct Options {
   std::string simulate;  // network conditions on the client's UDP socket
   std::string record;    // the recording's path; empty: none
   double recordLimitMb = 256;
+  double dumpKeepMib = 64;  // what the dump keeps of module payloads and syncs together
 };
 
 int Usage(std::string reason) {
@@ -210,6 +211,11 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--dump", options.dump,
                  "write the replica as JSON to this file at the end (-: standard output)");
+  app.add_option("--dump-keep", options.dumpKeepMib,
+                 "MiB that the dump keeps of module message payloads and entity Sync records "
+                 "together (the newest; the others are counted)")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 1e6));
   app.add_option("--stats", options.stats,
                  "write the network's figures as one JSON line a second to this file (-: "
                  "standard output)");
@@ -251,6 +257,7 @@ int main(int argc, char** argv) {
     return Usage(e.what());
   }
 
+  sandbox::SetKeptBytesCap(static_cast<uint64_t>(options.dumpKeepMib * double(1 << 20)));
   auto stats = std::make_shared<gameclient::NetworkStats>();
   gameclient::NetworkStats::Install(stats);
   std::ofstream statsFile;
