@@ -236,6 +236,14 @@ void TcpSocket::Flush() {
   }
   if (out_.empty()) return;
   if (Tap* tap = CurrentTap(); tap != nullptr) tap->OnTcp(*this, false, out_.data(), out_.size());
+  // The cap counts what earlier flushes left waiting: one large flush (a joining client's
+  // whole scene) is taken, a peer that does not keep up frame after frame is not.
+  if (queued_ > kSendQueueCap) {
+    Fail("TCP send queue over its cap of " + std::to_string(kSendQueueCap >> 20) +
+         " MiB: the peer is not reading");
+    out_.clear();
+    throw std::runtime_error(writeError_);
+  }
   if (queue_.empty()) {
     // The usual case: the kernel takes it all and the buffer is kept for the next frame.
     const long sent = SendSome(out_.data(), out_.size());
@@ -261,11 +269,6 @@ void TcpSocket::Flush() {
   queue_.push_back(std::move(out_));
   out_ = std::vector<unsigned char>();
   out_.reserve(bufferSize_);
-  if (queued_ > kSendQueueCap) {
-    Fail("TCP send queue over its cap of " + std::to_string(kSendQueueCap >> 20) +
-         " MiB: the peer is not reading");
-    throw std::runtime_error(writeError_);
-  }
   if (!queue_.empty() && stallLimitMs_ >= 0 &&
       std::chrono::steady_clock::now() - lastProgress_ > std::chrono::milliseconds(stallLimitMs_)) {
     Fail("TCP flush stalled: the peer took nothing for " + std::to_string(stallLimitMs_) + " ms");

@@ -57,14 +57,9 @@ std::vector<EntityView> SortedEntities() {
   return views;
 }
 
+// Every field of an entity but its Sync records, which WriteDump streams after them.
 Json EntityJson(const ClientSideEntity& e) {
   const std::shared_ptr<ClientSideEntity::Interface> interface = e.interface;
-  Json syncs = Json::array();
-  uint64_t syncsLeftOut = 0;
-  if (auto sandboxInterface = std::dynamic_pointer_cast<sandbox::SandboxInterface>(interface)) {
-    for (const sandbox::Bytes& sync : sandboxInterface->Syncs()) syncs.push_back(Hex(sync));
-    syncsLeftOut = sandboxInterface->SyncsLeftOut();
-  }
   const game::entity::Id parent = e.parentId.Load();
   return Json{{"id", e.id.ToString()},
               {"words", Words(e.id)},
@@ -86,9 +81,23 @@ Json EntityJson(const ClientSideEntity& e) {
               {"velocityReset", static_cast<bool>(e.velocityReset)},
               {"stale", static_cast<bool>(e.stale)},
               {"ready", static_cast<bool>(e.ready)},
-              {"aimId", interface ? interface->aimId : 0},
-              {"sync", syncs},
-              {"syncLeftOut", syncsLeftOut}};
+              {"aimId", interface ? interface->aimId : 0}};
+}
+
+// Writes `bytes` as a JSON string of lower-case hex, a piece at a time: a payload of 16 MiB
+// never becomes a 32 MiB text in memory.
+void WriteHex(std::ostream& out, const std::vector<uint8_t>& bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  char piece[8192];
+  out << '"';
+  size_t used = 0;
+  for (uint8_t byte : bytes) {
+    piece[used++] = kDigits[byte >> 4];
+    piece[used++] = kDigits[byte & 15];
+    if (used == sizeof piece) out.write(piece, static_cast<std::streamsize>(used)), used = 0;
+  }
+  out.write(piece, static_cast<std::streamsize>(used));
+  out << '"';
 }
 
 }  // namespace
@@ -114,24 +123,18 @@ void WriteDump(std::ostream& out, const Identity& identity) {
   // The dump is written as it is produced, one entity or message at a time, so that writing
   // it needs memory for one of them, not for the whole replica. The text is what one
   // dump(2) of the whole object would give.
-  const auto write = [&out](const Json& value, const char* indent) {
-    // Texts come from the wire: bytes that are not UTF-8 become U+FFFD instead of failing.
-    std::string text = value.dump(2, ' ', false, Json::error_handler_t::replace);
-    size_t lines = 0;
-    for (char c : text) lines += c == '\n';
-    if (lines == 0) {
-      out << text;
-      return;
-    }
-    const size_t step = std::char_traits<char>::length(indent);
-    std::string indented;
-    indented.reserve(text.size() + lines * step);
-    for (char c : text) {
-      indented += c;
-      if (c == '\n') indented += indent;
-    }
-    out << indented;
+  // The library's serializer, started at the indentation where the value sits; texts come
+  // from the wire: bytes that are not UTF-8 become U+FFFD instead of failing.
+  std::string text;
+  const auto indented = [&text](const Json& value, unsigned indent) -> const std::string& {
+    text.clear();
+    nlohmann::detail::serializer<Json> serializer(
+        nlohmann::detail::output_adapter<char, std::string>(text), ' ',
+        Json::error_handler_t::replace);
+    serializer.dump(value, true, false, 2, indent);
+    return text;
   };
+  const auto write = [&](const Json& value, unsigned indent) { out << indented(value, indent); };
   const Json head = {{"playerId", std::to_string(identity.playerId)},
                      {"username", identity.username},
                      {"admin", identity.admin},
@@ -145,14 +148,29 @@ void WriteDump(std::ostream& out, const Identity& identity) {
   out << "{";
   for (const auto& [key, value] : head.items()) {
     out << "\n  " << Json(key).dump() << ": ";
-    write(value, "  ");
+    write(value, 2);
     out << ",";
   }
   out << "\n  \"entities\": [";
   bool first = true;
   for (const EntityView& view : SortedEntities()) {
     out << (first ? "\n    " : ",\n    ");
-    write(EntityJson(*view.entity), "    ");
+    // The object without its closing "\n}", then the Sync records and their count.
+    const std::string& fields = indented(EntityJson(*view.entity), 4);
+    out.write(fields.data(), static_cast<std::streamsize>(fields.size() - 6));
+    auto syncs = std::dynamic_pointer_cast<sandbox::SandboxInterface>(view.entity->interface);
+    uint64_t syncsLeftOut = 0;
+    out << ",\n      \"sync\": [";
+    bool none = true;
+    if (syncs) {
+      syncs->ForEachSync([&](const sandbox::Bytes& sync) {
+        out << (none ? "\n        " : ",\n        ");
+        WriteHex(out, sync);
+        none = false;
+      });
+      syncsLeftOut = syncs->SyncsLeftOut();
+    }
+    out << (none ? "]" : "\n      ]") << ",\n      \"syncLeftOut\": " << syncsLeftOut << "\n    }";
     first = false;
   }
   out << (first ? "]," : "\n  ],");
@@ -160,7 +178,11 @@ void WriteDump(std::ostream& out, const Identity& identity) {
   first = true;
   sandbox::ForEachModuleMessage([&](const sandbox::ModuleMessage& message) {
     out << (first ? "\n    " : ",\n    ");
-    write(Json{{"module", message.module}, {"payload", Hex(message.payload)}}, "    ");
+    out << "{\n      \"module\": ";
+    write(Json(message.module), 0);
+    out << ",\n      \"payload\": ";
+    WriteHex(out, message.payload);
+    out << "\n    }";
     first = false;
   });
   out << (first ? "]," : "\n  ],");

@@ -44,12 +44,15 @@ class Instance {
 
   void OnMessage(ReadOnlyStream& stream) {
     Bytes payload = Remaining(stream);
+    const bool acted = !payload.empty() && std::strchr("RUA", payload[0]) != nullptr;
     {
+      // A payload that asks for nothing moves into the log: a 16 MiB one is held once.
       MessageLog& log = Log();
+      const uint64_t bytes = payload.size() + module_.size();
       std::lock_guard<std::mutex> lock(log.mutex);
-      log.messages.Add(ModuleMessage{module_, payload}, payload.size() + module_.size());
+      log.messages.Add(ModuleMessage{module_, acted ? payload : std::move(payload)}, bytes);
     }
-    if (payload.empty()) return;
+    if (!acted) return;
     switch (payload[0]) {
       case 'R': {
         std::lock_guard<std::mutex> lock(waitingMutex_);
@@ -173,12 +176,9 @@ void SandboxInterface::Sync(ReadOnlyStream& data) {
   syncs_.Add(std::move(bytes), size);
 }
 
-std::vector<Bytes> SandboxInterface::Syncs() const {
-  std::vector<Bytes> syncs;
+void SandboxInterface::ForEachSync(const std::function<void(const Bytes&)>& visit) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  syncs.reserve(syncs_.Size());
-  syncs_.ForEach([&syncs](const Bytes& sync) { syncs.push_back(sync); });
-  return syncs;
+  syncs_.ForEach(visit);
 }
 
 uint64_t SandboxInterface::SyncsLeftOut() const {

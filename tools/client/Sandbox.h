@@ -52,8 +52,9 @@ inline constexpr size_t kKeptSyncs = 16;
 class SandboxInterface : public game::entity::ClientSideEntity::Interface {
  public:
   void Sync(orvex::filesystem::ReadOnlyStream& data) override;
-  // The bytes of the newest Sync calls kept, in order, and how many were let go.
-  std::vector<Bytes> Syncs() const;
+  // Calls `visit` with the bytes of each Sync call kept, oldest first (under the
+  // interface's lock), and says how many were let go.
+  void ForEachSync(const std::function<void(const Bytes&)>& visit) const;
   uint64_t SyncsLeftOut() const;
 
  private:

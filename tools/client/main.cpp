@@ -6,6 +6,7 @@
 // check) or another failure; 2 when the client's constructor threw (the reason is the last
 // line on stderr); 64 for bad arguments; 128 + the signal for a second signal, or a signal
 // during the connection attempt. See docs/game-client.md, "Endings".
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
@@ -257,6 +258,10 @@ int main(int argc, char** argv) {
     return Usage(e.what());
   }
 
+  // Large blocks (module payloads, sync records, stream buffers) always come from mmap and
+  // go back to the system when freed, so resident memory follows what is kept: glibc would
+  // otherwise raise its threshold after the first free and keep freed payloads in the heap.
+  mallopt(M_MMAP_THRESHOLD, 1 << 20);
   sandbox::SetKeptBytesCap(static_cast<uint64_t>(options.dumpKeepMib * double(1 << 20)));
   auto stats = std::make_shared<gameclient::NetworkStats>();
   gameclient::NetworkStats::Install(stats);

@@ -83,7 +83,7 @@ class Socket {
 // std::runtime_error from the read or the flush, never a hang and never SIGPIPE. Every wait
 // has an end, the stall limit (the constructor's time-out; negative: none): a read that
 // receives no byte for that long fails; a peer that takes nothing from the send queue for
-// that long, or lets it grow past kSendQueueCap bytes, fails the next flush, so a peer that
+// that long, or leaves more than kSendQueueCap bytes waiting, fails the next flush, so a peer that
 // stops sending halfway or stops reading cannot freeze the reader or the writer.
 class TcpSocket : public Socket, public filesystem::Stream {
  public:
