@@ -1,11 +1,13 @@
 // TCP stream. The descriptor stays in blocking mode; the reader waits for bytes in poll up to
-// the stall limit before each recv, and the writer sends with MSG_DONTWAIT and waits in poll
-// up to the flush's deadline, so that a peer that stops sending or reading is noticed.
-// Reader and writer share only the descriptor and the atomics.
+// the stall limit before each recv. The writer never waits: a flush sends with MSG_DONTWAIT
+// what the kernel takes and queues the rest for the socket's sender thread, which waits in
+// poll and notices a peer that stops reading. Reader and writer share only the descriptor
+// and the atomics; the writer and the sender thread share the queue under sendMutex_.
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -119,7 +121,18 @@ void TcpConnection::Setup(unsigned long bufferSize) {
   out_.reserve(bufferSize_);
 }
 
-TcpConnection::~TcpConnection() = default;
+// What is still queued gets a short while to leave (a goodbye after a burst), as long as the
+// peer keeps taking it; a stalled peer does not hold the owner.
+TcpConnection::~TcpConnection() {
+  std::unique_lock<std::mutex> lock(sendMutex_);
+  if (!sender_.joinable()) return;
+  constexpr auto kLinger = std::chrono::milliseconds(300);
+  sendWake_.wait_for(lock, kLinger, [this] { return queue_.empty() || !writeError_.empty(); });
+  stopSender_ = true;
+  lock.unlock();
+  sendWake_.notify_all();
+  sender_.join();
+}
 
 // ---------------------------------------------------------------------------------------
 // Reader side
@@ -214,57 +227,132 @@ void TcpConnection::Write(const unsigned char* data, unsigned long size) {
   out_.insert(out_.end(), data, data + size);
 }
 
+// The writer thread only hands bytes over: the kernel takes what it can at once and the rest
+// joins the send queue, which the sender thread drains. Nothing here waits on the peer.
 void TcpConnection::Flush() {
+  std::unique_lock<std::mutex> lock(sendMutex_);
   if (!writeError_.empty()) {
     out_.clear();
     throw std::runtime_error(writeError_);
   }
-  // One deadline for the whole flush: a peer that reads a little now and then cannot keep
-  // the writer here longer than the stall limit.
-  const auto deadline =
-      std::chrono::steady_clock::now() + std::chrono::milliseconds(std::max(stallLimitMs_, 0));
-  if (Tap* tap = CurrentTap(); tap != nullptr && !out_.empty()) {
-    tap->OnTcp(*this, false, out_.data(), out_.size());
+  if (out_.empty()) return;
+  if (Tap* tap = CurrentTap(); tap != nullptr) tap->OnTcp(*this, false, out_.data(), out_.size());
+  // The cap counts what earlier flushes left waiting: one large flush (a joining client's
+  // whole scene) is taken, a peer that does not keep up frame after frame is not.
+  if (queued_ > kSendQueueCap) {
+    Fail("TCP send queue over its cap of " + std::to_string(kSendQueueCap >> 20) +
+         " MiB: the peer is not reading");
+    out_.clear();
+    throw std::runtime_error(writeError_);
   }
+  if (queue_.empty()) {
+    // The usual case: the kernel takes it all and the buffer is kept for the next frame.
+    const long sent = SendSome(out_.data(), out_.size());
+    if (sent < 0) {
+      out_.clear();
+      throw std::runtime_error(writeError_);
+    }
+    if (static_cast<unsigned long>(sent) == out_.size()) {
+      out_.clear();
+      // A burst may have grown the buffer far beyond its usual size; give the memory back.
+      if (out_.capacity() > 4 * bufferSize_) {
+        std::vector<unsigned char>().swap(out_);
+        out_.reserve(bufferSize_);
+      }
+      return;
+    }
+    queued_ = out_.size() - static_cast<unsigned long>(sent);
+    frontSent_ = static_cast<unsigned long>(sent);
+    lastProgress_ = std::chrono::steady_clock::now();
+  } else {
+    queued_ += out_.size();
+  }
+  queue_.push_back(std::move(out_));
+  out_ = std::vector<unsigned char>();
+  out_.reserve(bufferSize_);
+  if (!queue_.empty() && stallLimitMs_ >= 0 &&
+      std::chrono::steady_clock::now() - lastProgress_ > std::chrono::milliseconds(stallLimitMs_)) {
+    Fail("TCP flush stalled: the peer took nothing for " + std::to_string(stallLimitMs_) + " ms");
+    throw std::runtime_error(writeError_);
+  }
+  if (queue_.empty()) return;
+  if (!sender_.joinable()) sender_ = std::thread([this] { SendLoop(); });
+  lock.unlock();
+  sendWake_.notify_one();
+}
+
+void TcpConnection::Fail(std::string error) {
+  writeError_ = std::move(error);
+  queue_.clear();
+  queued_ = 0;
+  frontSent_ = 0;
+}
+
+long TcpConnection::SendSome(const unsigned char* data, unsigned long size) {
   unsigned long sent = 0;
-  while (sent < out_.size()) {
-    ssize_t n = send(fd_, out_.data() + sent, out_.size() - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
+  while (sent < size) {
+    const ssize_t n = send(fd_, data + sent, size - sent, MSG_NOSIGNAL | MSG_DONTWAIT);
     if (n > 0) {
       sent += static_cast<unsigned long>(n);
       bytesOut_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
       if (connected_) clientBytesOut.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
       continue;
     }
-    int error = errno;
+    const int error = errno;
     if (n < 0 && error == EINTR) continue;
-    if (n < 0 && (error == EAGAIN || error == EWOULDBLOCK)) {
-      pollfd entry{fd_, POLLOUT, 0};
-      int wait = -1;
-      if (stallLimitMs_ >= 0) {
-        const auto left = std::chrono::ceil<std::chrono::milliseconds>(
-            deadline - std::chrono::steady_clock::now());
-        wait = static_cast<int>(std::max<long>(0, left.count()));
-      }
-      int rc = PollRetrying(&entry, 1, wait);
-      if (rc > 0) continue;  // writable, or an error that the next send reports
-      writeError_ = rc == 0 ? "TCP flush stalled: the peer did not take it within " +
-                                  std::to_string(stallLimitMs_) + " ms"
-                            : "TCP send failed: " + ErrorText(errno);
-    } else if (shutdown_.load()) {
-      writeError_ = "Connection shut down";
+    if (n < 0 && (error == EAGAIN || error == EWOULDBLOCK)) break;
+    if (shutdown_.load()) {
+      Fail("Connection shut down");
     } else if (error == EPIPE || error == ECONNRESET) {
-      writeError_ = kClosedByPeer;
+      Fail(kClosedByPeer);
     } else {
-      writeError_ = "TCP send failed: " + ErrorText(error);
+      Fail("TCP send failed: " + ErrorText(error));
     }
-    out_.clear();
-    throw std::runtime_error(writeError_);
+    return -1;
   }
-  out_.clear();
-  // A burst may have grown the buffer far beyond its usual size; give the memory back.
-  if (out_.capacity() > 4 * bufferSize_) {
-    std::vector<unsigned char>().swap(out_);
-    out_.reserve(bufferSize_);
+  return static_cast<long>(sent);
+}
+
+bool TcpConnection::SendQueued() {
+  while (!queue_.empty()) {
+    const std::vector<unsigned char>& front = queue_.front();
+    const long n = SendSome(front.data() + frontSent_, front.size() - frontSent_);
+    if (n < 0) return false;
+    if (n == 0) return true;
+    frontSent_ += static_cast<unsigned long>(n);
+    queued_ -= static_cast<unsigned long>(n);
+    lastProgress_ = std::chrono::steady_clock::now();
+    if (frontSent_ < front.size()) return true;  // the kernel is full
+    queue_.pop_front();
+    frontSent_ = 0;
+  }
+  return true;
+}
+
+// The sender thread: waits for the socket to take more while the queue holds bytes. A peer
+// that takes nothing for the stall limit fails the connection here, so the next flush
+// reports it even when the writer flushes nothing new.
+void TcpConnection::SendLoop() {
+  pthread_setname_np(pthread_self(), "tcp-send");
+  constexpr int kSliceMs = 100;  // how soon a stop or a stall is noticed
+  std::unique_lock<std::mutex> lock(sendMutex_);
+  while (!stopSender_) {
+    if (queue_.empty() || !writeError_.empty()) {
+      sendWake_.wait(lock);
+      continue;
+    }
+    lock.unlock();
+    pollfd entry{fd_, POLLOUT, 0};
+    PollRetrying(&entry, 1, kSliceMs);
+    lock.lock();
+    if (!writeError_.empty() || !SendQueued()) continue;
+    if (!queue_.empty() && stallLimitMs_ >= 0 &&
+        std::chrono::steady_clock::now() - lastProgress_ >
+            std::chrono::milliseconds(stallLimitMs_)) {
+      Fail("TCP flush stalled: the peer took nothing for " + std::to_string(stallLimitMs_) + " ms");
+    }
+    // A destructor may wait for the end.
+    if (queue_.empty() || !writeError_.empty()) sendWake_.notify_all();
   }
 }
 

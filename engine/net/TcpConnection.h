@@ -6,8 +6,13 @@
 #include "HostOnly.h"
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
+#include <deque>
+#include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "net/EngineSocket.h"
@@ -17,14 +22,16 @@ namespace orvex::net {
 // A TCP connection, buffered both ways.
 //
 // Reads are served from a receive buffer (one recv fills many fields) and block until the
-// asked bytes have arrived. Writes append to a send buffer that Flush() sends whole.
+// asked bytes have arrived. Writes append to a send buffer; Flush() hands it to the kernel
+// without waiting, and what the kernel cannot take now waits in a send queue that the
+// socket's sender thread drains in order (the destructor gives it a short while to finish).
 // Threads: one reader (Read, ReadString, ReadStream, Poll) and one writer (Write, Flush)
-// may use the socket at the same time; they share nothing but the descriptor. A closed or
-// broken connection is a std::runtime_error from the read or the flush, never a hang and
-// never SIGPIPE. Every wait has an end, the stall limit (the constructor's time-out; negative:
-// none): a read that receives no byte for that long fails, and so does a flush that has not
-// sent everything by then (one deadline for the whole flush), so a peer that stops sending
-// halfway or reads slowly cannot freeze the reader or the writer.
+// may use the socket at the same time. A closed or broken connection is a
+// std::runtime_error from the read or the flush, never a hang and never SIGPIPE. Every wait
+// has an end, the stall limit (the constructor's time-out; negative: none): a read that
+// receives no byte for that long fails; a peer that takes nothing from the send queue for
+// that long, or leaves more than kSendQueueCap bytes waiting, fails the next flush, so a
+// peer that stops sending halfway or stops reading cannot freeze the reader or the writer.
 class TcpConnection : public EngineSocket, public filesystem::Stream {
  public:
   // Connects to host:port. `bufferSize` is the initial capacity of each buffer (0: the
@@ -58,6 +65,7 @@ class TcpConnection : public EngineSocket, public filesystem::Stream {
   using Stream::Write;
 
  private:
+  static constexpr unsigned long kSendQueueCap = 32ul << 20;
   void Setup(unsigned long bufferSize);
   // Reader side: refills the empty receive buffer with at least one byte or throws.
   void Fill();
@@ -73,10 +81,30 @@ class TcpConnection : public EngineSocket, public filesystem::Stream {
   std::vector<unsigned char> in_;
   unsigned long inPos_ = 0;
   unsigned long inEnd_ = 0;
-  // Writer side. After a failed flush the stream is cut mid-message, so every later flush
-  // fails at once with the same text.
+  // Writer side: out_ holds what was written since the last flush.
   std::vector<unsigned char> out_;
+  // The send queue: what flushes handed over and the kernel has not taken yet, sent in order
+  // by the sender thread (started by the first flush the kernel cannot take whole). Guarded
+  // by sendMutex_: queue_, queued_, frontSent_, lastProgress_, stopSender_, writeError_.
+  // After a failure the stream is cut mid-message, so every later flush fails at once with
+  // writeError_.
+  void SendLoop();
+  // REQUIRES: sendMutex_ held. Sends from the queue's front what the kernel takes now;
+  // false when the connection failed (writeError_ set, queue dropped).
+  bool SendQueued();
+  // REQUIRES: sendMutex_ held. Sends without waiting; returns the count the kernel took, or
+  // -1 when the connection failed (writeError_ set).
+  long SendSome(const unsigned char* data, unsigned long size);
+  void Fail(std::string error);
+  std::mutex sendMutex_;
+  std::condition_variable sendWake_;
+  std::deque<std::vector<unsigned char>> queue_;
+  unsigned long queued_ = 0;
+  unsigned long frontSent_ = 0;
+  std::chrono::steady_clock::time_point lastProgress_;
+  bool stopSender_ = false;
   std::string writeError_;
+  std::thread sender_;
   std::atomic<uint64_t> bytesIn_{0};
   std::atomic<uint64_t> bytesOut_{0};
   bool connected_ = false;  // opened by this process, not accepted

@@ -309,7 +309,7 @@ wire::EntityCreate Create(const wire::Id& id, const char* module, const char* te
 TEST_F(GameClientTest, DumpHoldsTheGameStateAndOnlyTheLiveEntities) {
   // The client answered: a joining client sends one connect record per mod (the user name,
   // from the sandbox mod), then a keep-alive datagram.
-  client = Start({"--quiet"});
+  client = Start({"--quiet", "--dump-keep", "1"});
   conn = server.Accept();
   EXPECT_FALSE(conn->ReadHello().hasPassword);
   wire::Welcome welcome = testlib::DefaultWelcome();
@@ -323,7 +323,10 @@ TEST_F(GameClientTest, DumpHoldsTheGameStateAndOnlyTheLiveEntities) {
   const auto first = server.NextDatagram(10000);
   ASSERT_TRUE(first.has_value());
   EXPECT_HEX_EQ(first->bytes, testlib::KeepAliveDatagram());
-  const wire::Id odd{2, 1000}, gone{4, 4};
+  // A parent whose tag bytes are not UTF-8 (ff 82 81 80), and syncs that share the dump's
+  // 1 MiB with the module messages: 400 KiB fit, 700 KiB more do not and are let go.
+  const wire::Id odd{2, 1000}, gone{4, 4}, big{6, 6}, bigger{7, 7},
+      strange{0x11223344808182FFull, 99};
   Bytes many;  // one module message more than the dump keeps
   const Bytes one = testlib::ModuleMessage(kOther, {'x'});
   for (int i = 0; i < 4097; ++i) many.insert(many.end(), one.begin(), one.end());
@@ -333,6 +336,8 @@ TEST_F(GameClientTest, DumpHoldsTheGameStateAndOnlyTheLiveEntities) {
       testlib::Create(Create(odd, kSandbox, "ship", {}, {INFINITY, -INFINITY, NAN}, {0xFF})),
       testlib::Create(Create({9, 9}, kSandbox, "nointerface", {}, {}, {})),
       testlib::Create(Create(gone, kSandbox, "ship", {}, {}, {})),
+      testlib::Create(Create(big, kSandbox, "ship", {}, {}, Bytes(400 << 10, 0xB1))),
+      testlib::Create(Create(bigger, kSandbox, "ship", strange, {}, Bytes(700 << 10, 0xB2))),
       testlib::Destroy(gone),
       testlib::ModuleMessage(kSandbox, TextBytes("R-tcp")),
   }));
@@ -348,8 +353,16 @@ TEST_F(GameClientTest, DumpHoldsTheGameStateAndOnlyTheLiveEntities) {
             std::make_tuple("arena", -3, "a=1", kUser));
   EXPECT_EQ(dump["moduleMessages"].size(), 4096u);
   EXPECT_EQ(dump["moduleMessagesLeftOut"], 3) << "4097 + R-tcp + R-udp kept to the newest 4096";
-  ASSERT_EQ(dump["entities"].size(), 1u) << dump;
-  EXPECT_EQ(dump["entities"][0]["position"], json({"inf", "-inf", "nan"}));
+  const json& entities = dump["entities"];
+  ASSERT_EQ(entities.size(), 3u);
+  EXPECT_EQ(entities[0]["position"], json({"inf", "-inf", "nan"}));
+  std::string hex;
+  for (int i = 0; i < 400 << 10; ++i) hex += "b1";
+  EXPECT_EQ(entities[1]["sync"], json({hex}));
+  EXPECT_EQ(entities[2]["sync"], json::array());
+  EXPECT_EQ(entities[2]["syncLeftOut"], 1);
+  EXPECT_EQ(entities[2]["parentWords"], json({"1234605617159701247", "99"}));
+  EXPECT_EQ(entities[2]["parent"].get<std::string>().substr(0, 12), "\uFFFD\uFFFD\uFFFD\uFFFD");
 }
 
 TEST_F(GameClientTest, ReplicaSvgPlacesRidersAlongTheirParentsRotation) {

@@ -1,17 +1,20 @@
 #include "client/Dump.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
+#include <fstream>
+#include <iostream>
 #include <shared_mutex>
-#include <sstream>
 #include <stdexcept>
+#include <string>
 
 #include <nlohmann/json.hpp>
 
 #include "Game.h"
 #include "client/Client.h"
 #include "client/Sandbox.h"
-#include "common/OutputFile.h"
 #include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
 
@@ -55,17 +58,14 @@ std::vector<EntityView> SortedEntities() {
   return views;
 }
 
+// Every field of an entity but its Sync records, which WriteDump streams after them.
 Json EntityJson(const ClientSideEntity& e) {
   const std::shared_ptr<ClientSideEntity::Interface> interface = e.interface;
-  Json syncs = Json::array();
-  uint64_t syncsLeftOut = 0;
-  if (auto sandboxInterface = std::dynamic_pointer_cast<sandbox::SandboxInterface>(interface)) {
-    for (const sandbox::Bytes& sync : sandboxInterface->Syncs()) syncs.push_back(Hex(sync));
-    syncsLeftOut = sandboxInterface->SyncsLeftOut();
-  }
+  const game::entity::Id parent = e.parentId.Load();
   return Json{{"id", e.id.ToString()},
               {"words", Words(e.id)},
-              {"parent", e.parentId.Load().ToString()},
+              {"parent", parent.ToString()},
+              {"parentWords", Words(parent)},
               {"module", e.moduleId.String()},
               {"text", e.text},
               {"position", Vec3(e.position)},
@@ -82,9 +82,23 @@ Json EntityJson(const ClientSideEntity& e) {
               {"velocityReset", static_cast<bool>(e.velocityReset)},
               {"stale", static_cast<bool>(e.stale)},
               {"ready", static_cast<bool>(e.ready)},
-              {"aimId", interface ? interface->aimId : 0},
-              {"sync", syncs},
-              {"syncLeftOut", syncsLeftOut}};
+              {"aimId", interface ? interface->aimId : 0}};
+}
+
+// Writes `bytes` as a JSON string of lower-case hex, a piece at a time: a payload of 16 MiB
+// never becomes a 32 MiB text in memory.
+void WriteHex(std::ostream& out, const std::vector<uint8_t>& bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  char piece[8192];
+  out << '"';
+  size_t used = 0;
+  for (uint8_t byte : bytes) {
+    piece[used++] = kDigits[byte >> 4];
+    piece[used++] = kDigits[byte & 15];
+    if (used == sizeof piece) out.write(piece, static_cast<std::streamsize>(used)), used = 0;
+  }
+  out.write(piece, static_cast<std::streamsize>(used));
+  out << '"';
 }
 
 }  // namespace
@@ -107,13 +121,22 @@ nlohmann::ordered_json Number(double value) {
 }
 
 void WriteDump(std::ostream& out, const Identity& identity) {
-  Json entities = Json::array();
-  for (const EntityView& view : SortedEntities()) entities.push_back(EntityJson(*view.entity));
-  Json messages = Json::array();
-  for (const sandbox::ModuleMessage& message : sandbox::ModuleMessages()) {
-    messages.push_back({{"module", message.module}, {"payload", Hex(message.payload)}});
-  }
-  const Json dump = {{"playerId", std::to_string(identity.playerId)},
+  // The dump is written as it is produced, one entity or message at a time, so that writing
+  // it needs memory for one of them, not for the whole replica. The text is what one
+  // dump(2) of the whole object would give.
+  // The library's serializer, started at the indentation where the value sits; texts come
+  // from the wire: bytes that are not UTF-8 become U+FFFD instead of failing.
+  std::string text;
+  const auto indented = [&text](const Json& value, unsigned indent) -> const std::string& {
+    text.clear();
+    nlohmann::detail::serializer<Json> serializer(
+        nlohmann::detail::output_adapter<char, std::string>(text), ' ',
+        Json::error_handler_t::replace);
+    serializer.dump(value, true, false, 2, indent);
+    return text;
+  };
+  const auto write = [&](const Json& value, unsigned indent) { out << indented(value, indent); };
+  const Json head = {{"playerId", std::to_string(identity.playerId)},
                      {"username", identity.username},
                      {"admin", identity.admin},
                      {"error", client::Client::error},
@@ -122,18 +145,63 @@ void WriteDump(std::ostream& out, const Identity& identity) {
                      {"mode", Game::_mode},
                      {"mods", Game::_mods},
                      {"timestamp", Number(Game::timestamp.load())},
-                     {"config", orvex::engine::ConfigText()},
-                     {"entities", entities},
-                     {"moduleMessages", messages},
-                     {"moduleMessagesLeftOut", sandbox::ModuleMessagesLeftOut()}};
-  // Texts come from the wire: bytes that are not UTF-8 become U+FFFD instead of failing.
-  out << dump.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+                     {"config", orvex::engine::ConfigText()}};
+  out << "{";
+  for (const auto& [key, value] : head.items()) {
+    out << "\n  " << Json(key).dump() << ": ";
+    write(value, 2);
+    out << ",";
+  }
+  out << "\n  \"entities\": [";
+  bool first = true;
+  for (const EntityView& view : SortedEntities()) {
+    out << (first ? "\n    " : ",\n    ");
+    // The object without its closing "\n}", then the Sync records and their count.
+    const std::string& fields = indented(EntityJson(*view.entity), 4);
+    out.write(fields.data(), static_cast<std::streamsize>(fields.size() - 6));
+    auto syncs = std::dynamic_pointer_cast<sandbox::SandboxInterface>(view.entity->interface);
+    uint64_t syncsLeftOut = 0;
+    out << ",\n      \"sync\": [";
+    bool none = true;
+    if (syncs) {
+      syncs->ForEachSync([&](const sandbox::Bytes& sync) {
+        out << (none ? "\n        " : ",\n        ");
+        WriteHex(out, sync);
+        none = false;
+      });
+      syncsLeftOut = syncs->SyncsLeftOut();
+    }
+    out << (none ? "]" : "\n      ]") << ",\n      \"syncLeftOut\": " << syncsLeftOut << "\n    }";
+    first = false;
+  }
+  out << (first ? "]," : "\n  ],");
+  out << "\n  \"moduleMessages\": [";
+  first = true;
+  sandbox::ForEachModuleMessage([&](const sandbox::ModuleMessage& message) {
+    out << (first ? "\n    " : ",\n    ");
+    out << "{\n      \"module\": ";
+    write(Json(message.module), 0);
+    out << ",\n      \"payload\": ";
+    WriteHex(out, message.payload);
+    out << "\n    }";
+    first = false;
+  });
+  out << (first ? "]," : "\n  ],");
+  out << "\n  \"moduleMessagesLeftOut\": " << sandbox::ModuleMessagesLeftOut() << "\n}\n";
 }
 
 void WriteDumpFile(const std::string& path, const Identity& identity) {
-  std::ostringstream out;
-  WriteDump(out, identity);
-  tools::WriteText(path, out.str());
+  if (path == "-") {
+    WriteDump(std::cout, identity);
+    std::cout.flush();
+    if (!std::cout) throw std::runtime_error("cannot write to standard output");
+    return;
+  }
+  std::ofstream file(path, std::ios::binary | std::ios::trunc);
+  if (!file) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
+  WriteDump(file, identity);
+  file.close();
+  if (!file) throw std::runtime_error("cannot write " + path + ": " + std::strerror(errno));
 }
 
 }  // namespace gameclient

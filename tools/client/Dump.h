@@ -4,7 +4,8 @@
 // "error", "ending", "world", "mode", "mods", "timestamp", "config", "entities" (sorted by id word
 // 0, then word 1), "moduleMessages" (the newest kept, arrival order) and
 // "moduleMessagesLeftOut". Ids are the unique identifier's text form (empty for none), and
-// an entity's own id also [word0, word1] as decimal strings;
+// beside it [word0, word1] as decimal strings ("words", "parentWords"), which read back
+// exactly whatever the tag bytes are;
 // byte strings are lower-case hex, vectors [x, y, z], quaternions [w, x, y, z]. Doubles are the
 // shortest text that reads back bit-exact, always with a '.' or an exponent (-0.0 included);
 // non-finite ones are the strings "inf", "-inf", "nan". See docs/game-client.md.
@@ -27,8 +28,9 @@ struct Identity {
   std::string ending;
 };
 
-// Writes the dump. Reads the entity registry under its shared lock, the game statics and
-// the sandbox's records; call on the game thread after the receiving thread was joined.
+// Writes the dump as it is produced, entity by entity. Reads the entity registry under its
+// shared lock, the game statics and the sandbox's records; call on the game thread after
+// the receiving thread was joined.
 void WriteDump(std::ostream& out, const Identity& identity);
 // Writes the dump to `path`; throws std::runtime_error when the file cannot be written.
 void WriteDumpFile(const std::string& path, const Identity& identity);

@@ -46,12 +46,15 @@ class Instance {
 
   void OnMessage(ReadOnlyStream& stream) {
     Bytes payload = Remaining(stream);
+    const bool acted = !payload.empty() && std::strchr("RUA", payload[0]) != nullptr;
     {
+      // A payload that asks for nothing moves into the log: a 16 MiB one is held once.
       MessageLog& log = Log();
+      const uint64_t bytes = payload.size() + module_.size();
       std::lock_guard<std::mutex> lock(log.mutex);
-      log.messages.Add(ModuleMessage{module_, payload});
+      log.messages.Add(ModuleMessage{module_, acted ? payload : std::move(payload)}, bytes);
     }
-    if (payload.empty()) return;
+    if (!acted) return;
     switch (payload[0]) {
       case 'R': {
         std::lock_guard<std::mutex> lock(waitingMutex_);
@@ -172,13 +175,14 @@ void SupplyInterface(ClientSideEntity& entity) {
 
 void SandboxInterface::Sync(ReadOnlyStream& data) {
   Bytes bytes = Remaining(data);
+  const size_t size = bytes.size();
   std::lock_guard<std::mutex> lock(mutex_);
-  syncs_.Add(std::move(bytes));
+  syncs_.Add(std::move(bytes), size);
 }
 
-std::vector<Bytes> SandboxInterface::Syncs() const {
+void SandboxInterface::ForEachSync(const std::function<void(const Bytes&)>& visit) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  return syncs_.Items();
+  syncs_.ForEach(visit);
 }
 
 uint64_t SandboxInterface::SyncsLeftOut() const {
@@ -239,10 +243,14 @@ void UnloadAll() {
   log.messages.Clear();
 }
 
-std::vector<ModuleMessage> ModuleMessages() {
+void ForEachModuleMessage(const std::function<void(const ModuleMessage&)>& visit) {
   MessageLog& log = Log();
   std::lock_guard<std::mutex> lock(log.mutex);
-  return log.messages.Items();
+  log.messages.ForEach(visit);
+}
+
+void SetKeptBytesCap(uint64_t bytes) {
+  KeptBytes::Process().SetCap(bytes);
 }
 
 uint64_t ModuleMessagesLeftOut() {

@@ -23,6 +23,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -41,7 +42,9 @@ using Bytes = std::vector<uint8_t>;
 // of a fixed number of slots.
 inline constexpr size_t kMaxMods = 64;
 // What is kept for the dump: the newest module messages (all instances together) and the
-// newest Sync records of each interface; older ones are counted, not kept.
+// newest Sync records of each interface, all of them within one byte budget
+// (KeptBytes::kDefaultCap unless SetKeptBytesCap says otherwise); older ones are counted,
+// not kept.
 inline constexpr size_t kKeptModuleMessages = 4096;
 inline constexpr size_t kKeptSyncs = 16;
 
@@ -49,9 +52,9 @@ inline constexpr size_t kKeptSyncs = 16;
 class SandboxInterface : public game::entity::ClientSideEntity::Interface {
  public:
   void Sync(orvex::filesystem::ReadOnlyStream& data) override;
-  // The bytes of the newest kKeptSyncs Sync calls, in order, and how many older ones were
-  // let go.
-  std::vector<Bytes> Syncs() const;
+  // Calls `visit` with the bytes of each Sync call kept, oldest first (under the
+  // interface's lock), and says how many were let go.
+  void ForEachSync(const std::function<void(const Bytes&)>& visit) const;
   uint64_t SyncsLeftOut() const;
 
  private:
@@ -70,9 +73,12 @@ struct ModuleMessage {
 std::shared_ptr<GAME_Mod> Load(const std::string& name);
 // Unloads every sandbox instance and forgets the recorded module messages.
 void UnloadAll();
-// The newest kKeptModuleMessages payloads that sandbox message handlers received, in order of
-// arrival (all instances), and how many older ones were let go.
-std::vector<ModuleMessage> ModuleMessages();
+// Calls `visit` with each module message kept (the newest that sandbox message handlers
+// received, all instances, in order of arrival), and says how many were let go.
+void ForEachModuleMessage(const std::function<void(const ModuleMessage&)>& visit);
 uint64_t ModuleMessagesLeftOut();
+// The byte budget of everything kept for the dump, module messages and Sync records
+// together. Call before the run.
+void SetKeptBytesCap(uint64_t bytes);
 
 }  // namespace sandbox

@@ -6,6 +6,7 @@
 // check) or another failure; 2 when the client's constructor threw (the reason is the last
 // line on stderr); 64 for bad arguments; 128 + the signal for a second signal, or a signal
 // during the connection attempt. See docs/game-client.md, "Endings".
+#include <malloc.h>
 #include <pthread.h>
 #include <signal.h>
 #include <unistd.h>
@@ -81,6 +82,7 @@ struct Options {
   std::string simulate;  // network conditions on the client's UDP socket
   std::string record;    // the recording's path; empty: none
   double recordLimitMb = 256;
+  double dumpKeepMib = 64;  // what the dump keeps of module payloads and syncs together
 };
 
 int Usage(std::string reason) {
@@ -213,6 +215,11 @@ int main(int argc, char** argv) {
       ->capture_default_str();
   app.add_option("--dump", options.dump,
                  "write the replica as JSON to this file at the end (-: standard output)");
+  app.add_option("--dump-keep", options.dumpKeepMib,
+                 "MiB that the dump keeps of module message payloads and entity Sync records "
+                 "together (the newest; the others are counted)")
+      ->capture_default_str()
+      ->check(CLI::Range(0.0, 1e6));
   app.add_option("--stats", options.stats,
                  "write the network's figures as one JSON line a second to this file (-: "
                  "standard output)");
@@ -254,6 +261,11 @@ int main(int argc, char** argv) {
     return Usage(e.what());
   }
 
+  // Large blocks (module payloads, sync records, stream buffers) always come from mmap and
+  // go back to the system when freed, so resident memory follows what is kept: glibc would
+  // otherwise raise its threshold after the first free and keep freed payloads in the heap.
+  mallopt(M_MMAP_THRESHOLD, 1 << 20);
+  sandbox::SetKeptBytesCap(static_cast<uint64_t>(options.dumpKeepMib * double(1 << 20)));
   auto stats = std::make_shared<gameclient::NetworkStats>();
   gameclient::NetworkStats::Install(stats);
   std::ofstream statsFile;

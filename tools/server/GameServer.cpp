@@ -77,7 +77,7 @@ const Options& Checked(const Options& options) {
   if (!(options.rate > 0.0 && options.rate <= 1000.0)) {
     throw std::invalid_argument("the rate must be above 0 and at most 1000 per second");
   }
-  if (options.entities > 100000) throw std::invalid_argument("at most 100000 entities");
+  if (options.entities > 1000000) throw std::invalid_argument("at most 1000000 entities");
   if (options.clientTimeoutMs <= 0 || options.helloTimeoutMs <= 0) {
     throw std::invalid_argument("time-outs must be positive");
   }
@@ -438,8 +438,21 @@ void GameServer::Close(Client& c) {
   if (c.tcp) c.tcp->Shutdown();
 }
 
+// A client's messages wait in its outbox while its socket still has more than
+// kWaitingInSocket bytes from earlier deliveries to send: the socket's queue holds one
+// frame's burst (a joining client's whole scene), the outbox what follows while the client
+// takes it in. A client that takes nothing is dropped by its socket's stall limit.
 void GameServer::Deliver(Client& c) {
+  constexpr uint64_t kWaitingInSocket = 8ull << 20;
   std::lock_guard<std::mutex> write(c.writeMutex);
+  if (c.tcp && c.tcpBytesSent > c.tcp->GetBytesOut() + kWaitingInSocket) {
+    try {
+      c.tcp->Flush();  // nothing new: reports a stalled peer
+    } catch (const std::exception&) {
+      c.tcp->Shutdown();
+    }
+    return;
+  }
   wire::Bytes bytes;
   {
     std::lock_guard<std::mutex> lock(c.outMutex);
