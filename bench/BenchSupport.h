@@ -23,10 +23,10 @@
 
 #include "GAME_Mod.h"
 #include "Game.h"
+#include "TestServer.h"
 #include "client/Client.h"
 #include "game/entity/ClientSideEntity.h"
-#include "server/TestServer.h"
-#include "server/Wire.h"
+#include "protocol/Wire.h"
 
 namespace benchsupport {
 

@@ -63,7 +63,8 @@ wire::Bytes TransformDatagram(uint64_t sequence) {
 // what the client's sender check compares with the server's address.
 struct Fixture {
   benchsupport::ConnectedClient connected;
-  orvex::net::UdpSocket loopbackSender{orvex::net::UdpSocket::BindTag{}, "127.0.0.1", 0, 1400};
+  orvex::net::UdpSocket loopbackSender{orvex::net::UdpSocket::BindTag{}, "127.0.0.1", 0,
+                                       wire::kMaxDatagram};
   wire::Bytes datagram = TransformDatagram(1);
   uint16_t clientPort = 0;
 
@@ -134,7 +135,7 @@ void IntakeClient(benchmark::State& state) {
 
 void IntakeMemcpy(benchmark::State& state) {
   Fixture& f = TheFixture();
-  std::array<unsigned char, 1400> copy;
+  std::array<unsigned char, wire::kMaxDatagram> copy;
   for (auto _ : state) {
     benchmark::DoNotOptimize(f.datagram.data());
     if (std::memcmp(f.datagram.data(), networking::MAGIC, sizeof networking::MAGIC) == 0) {
@@ -221,7 +222,8 @@ void LoopbackClient(benchmark::State& state) {
 // The engine's UDP socket (batched receive on its delivery thread) with a callback that
 // only counts: the client's socket without the client.
 void LoopbackEngineSocket(benchmark::State& state) {
-  orvex::net::UdpSocket socket(orvex::net::UdpSocket::BindTag{}, "127.0.0.1", 0, 1400);
+  orvex::net::UdpSocket socket(orvex::net::UdpSocket::BindTag{}, "127.0.0.1", 0,
+                               wire::kMaxDatagram);
   std::atomic<uint64_t> received{0};
   socket.Receive([&](const orvex::net::UdpSocket&, ReadOnlyStream&&) {
     received.fetch_add(1, std::memory_order_relaxed);

@@ -96,7 +96,7 @@ bool StartsWithMagic(const uint8_t* data, size_t size) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   theClient = &fuzz::ConnectedClient(testlib::Welcome());
-  stranger = new orvex::net::UdpSocket("127.0.0.1", 9, 1400);
+  stranger = new orvex::net::UdpSocket("127.0.0.1", 9, wire::kMaxDatagram);
   for (const auto& fixed : kFixed) {
     ClientSideEntity::Interface::Create(fixed.id, fixed.module, "fixed", fixed.parent,
                                         glm::dvec3(0.0), game::entity::Orientation(),

@@ -10,9 +10,9 @@
 
 #include "FakeClock.h"
 #include "Messages.h"
+#include "TestServer.h"
 #include "client/Client.h"
 #include "game/entity/ClientSideEntity.h"
-#include "server/TestServer.h"
 
 namespace testlib {
 

@@ -19,9 +19,9 @@
 #include "Hex.h"
 #include "Messages.h"
 #include "ReplicaDiff.h"
+#include "TestServer.h"
 #include "Wait.h"
 #include "server/GameServer.h"
-#include "server/TestServer.h"
 
 namespace {
 

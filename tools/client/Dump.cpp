@@ -13,6 +13,7 @@
 #include "client/Sandbox.h"
 #include "common/OutputFile.h"
 #include "game/entity/ClientSideEntity.h"
+#include "protocol/Hex.h"
 
 namespace gameclient {
 namespace {
@@ -59,7 +60,7 @@ Json EntityJson(const ClientSideEntity& e) {
   Json syncs = Json::array();
   uint64_t syncsLeftOut = 0;
   if (auto sandboxInterface = std::dynamic_pointer_cast<sandbox::SandboxInterface>(interface)) {
-    for (const sandbox::Bytes& sync : sandboxInterface->Syncs()) syncs.push_back(Hex(sync));
+    for (const sandbox::Bytes& sync : sandboxInterface->Syncs()) syncs.push_back(wire::Hex(sync));
     syncsLeftOut = sandboxInterface->SyncsLeftOut();
   }
   return Json{{"id", e.id.ToString()},
@@ -88,17 +89,6 @@ Json EntityJson(const ClientSideEntity& e) {
 
 }  // namespace
 
-std::string Hex(const std::vector<uint8_t>& bytes) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(bytes.size() * 2);
-  for (uint8_t byte : bytes) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 15];
-  }
-  return text;
-}
-
 nlohmann::ordered_json Number(double value) {
   if (std::isnan(value)) return "nan";
   if (std::isinf(value)) return value > 0 ? "inf" : "-inf";
@@ -110,7 +100,7 @@ void WriteDump(std::ostream& out, const Identity& identity) {
   for (const EntityView& view : SortedEntities()) entities.push_back(EntityJson(*view.entity));
   Json messages = Json::array();
   for (const sandbox::ModuleMessage& message : sandbox::ModuleMessages()) {
-    messages.push_back({{"module", message.module}, {"payload", Hex(message.payload)}});
+    messages.push_back({{"module", message.module}, {"payload", wire::Hex(message.payload)}});
   }
   const Json dump = {{"playerId", std::to_string(identity.playerId)},
                      {"username", identity.username},

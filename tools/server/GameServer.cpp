@@ -19,7 +19,8 @@
 #include "common/OutputFile.h"
 #include "game/Networking.h"
 #include "orvex/net/Socket.h"
-#include "server/Ports.h"
+#include "protocol/Hex.h"
+#include "protocol/Ports.h"
 
 namespace gameserver {
 namespace {
@@ -35,17 +36,6 @@ constexpr int kGoodbyeGraceMs = 2000;
 constexpr int kStallLimitMs = 5000;
 constexpr int64_t kStatusEveryMs = 5000;
 constexpr const char* kTimedOut = "timed out";
-
-std::string Hex(const wire::Bytes& bytes, size_t limit = 32) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (size_t i = 0; i < bytes.size() && i < limit; ++i) {
-    text += kDigits[bytes[i] >> 4];
-    text += kDigits[bytes[i] & 15];
-  }
-  if (bytes.size() > limit) text += "...";
-  return text;
-}
 
 Scene::Options SceneOptions(const Options& options, const std::vector<wire::ModuleID>& modules) {
   Scene::Options scene;
@@ -158,7 +148,7 @@ int64_t GameServer::NowMs() const {
 void GameServer::Start() {
   if (started_.exchange(true)) throw std::logic_error("the server was started already");
   try {
-    PortPair pair = BindSamePort(options_.host, options_.port, kUdpCapacity);
+    wire::PortPair pair = wire::BindSamePort(options_.host, options_.port, kUdpCapacity);
     listener_ = std::move(pair.tcp);
     udp_ = std::move(pair.udp);
     if (!options_.simulate.empty()) udp_->Simulate(options_.simulate);
@@ -730,7 +720,7 @@ std::string GameServer::StateJson() const {
                        {"dropReason", c.dropReason},
                        {"entityActions", c.entityActions},
                        {"lastActionEntity", c.lastActionEntity.ToString()},
-                       {"lastActionPayload", Hex(c.lastActionPayload, SIZE_MAX)},
+                       {"lastActionPayload", wire::Hex(c.lastActionPayload)},
                        {"moduleMessages", c.moduleMessages},
                        {"moduleDatagrams", c.moduleDatagrams},
                        {"datagramsSent", c.datagramsSent},
@@ -789,8 +779,8 @@ void GameServer::LogStatus() {
   for (const ClientInfo& c : clients) {
     if (!c.connected) continue;
     Log("  " + c.username + ": " + std::to_string(c.entityActions) + " entity actions (last " +
-        Hex(c.lastActionPayload) + "), " + std::to_string(c.moduleMessages) + " module messages, " +
-        std::to_string(c.moduleDatagrams) + " module datagrams; sent " +
+        wire::Hex(c.lastActionPayload, 32) + "), " + std::to_string(c.moduleMessages) +
+        " module messages, " + std::to_string(c.moduleDatagrams) + " module datagrams; sent " +
         std::to_string(c.datagramsSent) + " datagrams, " + std::to_string(c.reliableSent) +
         " reliable messages");
   }

@@ -22,8 +22,8 @@
 #include <unordered_map>
 #include <vector>
 
+#include "protocol/Wire.h"
 #include "server/Scene.h"
-#include "server/Wire.h"
 
 namespace orvex::net {
 class TcpListener;

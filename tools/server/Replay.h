@@ -16,7 +16,7 @@
 #include <string>
 
 #include "common/Recording.h"
-#include "server/Wire.h"
+#include "protocol/Wire.h"
 
 namespace orvex::net {
 class TcpListener;

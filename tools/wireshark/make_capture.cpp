@@ -28,11 +28,11 @@
 #include <CLI/CLI.hpp>
 
 #include "GAME_Mod.h"
+#include "TestServer.h"
 #include "client/Client.h"
 #include "common/Pcapng.h"
 #include "game/entity/ClientSideEntity.h"
-#include "server/TestServer.h"
-#include "server/Wire.h"
+#include "protocol/Wire.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
-#include "server/TestServer.h"
+#include "TestServer.h"
 
 #include <algorithm>
 #include <chrono>
 #include <stdexcept>
 #include <utility>
 
-#include "server/Ports.h"
+#include "protocol/Ports.h"
 
 namespace testserver {
 namespace {
@@ -137,7 +137,7 @@ bool TestConnection::WaitClosed(int timeoutMs) {
 // ---------------------------------------------------------------------------------------
 
 TestServer::TestServer(const std::string& host) : host_(host) {
-  gameserver::PortPair pair = gameserver::BindSamePort(host, 0, kUdpCapacity);
+  wire::PortPair pair = wire::BindSamePort(host, 0, kUdpCapacity);
   listener_ = std::move(pair.tcp);
   udp_ = std::move(pair.udp);
   port_ = listener_->GetPort();

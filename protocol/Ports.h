@@ -1,4 +1,4 @@
-// Binding a server's TCP listener and UDP socket to one port.
+// A server answers datagrams from the port its TCP listener took: binding the two to one port.
 #pragma once
 
 #include <cstdint>
@@ -8,7 +8,7 @@
 #include "net/TcpListener.h"
 #include "orvex/net/Socket.h"
 
-namespace gameserver {
+namespace wire {
 
 struct PortPair {
   std::unique_ptr<orvex::net::TcpListener> tcp;
@@ -20,4 +20,4 @@ struct PortPair {
 // datagram the UDP socket sends. Throws std::runtime_error when no pair could be bound.
 PortPair BindSamePort(const std::string& host, uint16_t port, unsigned long udpCapacity);
 
-}  // namespace gameserver
+}  // namespace wire

@@ -13,7 +13,7 @@
 
 #include "net/TcpListener.h"
 #include "orvex/net/Socket.h"
-#include "server/Wire.h"
+#include "protocol/Wire.h"
 
 namespace testserver {
 

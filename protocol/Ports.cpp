@@ -1,8 +1,8 @@
-#include "server/Ports.h"
+#include "protocol/Ports.h"
 
 #include <stdexcept>
 
-namespace gameserver {
+namespace wire {
 
 PortPair BindSamePort(const std::string& host, uint16_t port, unsigned long udpCapacity) {
   std::string lastError;
@@ -20,4 +20,4 @@ PortPair BindSamePort(const std::string& host, uint16_t port, unsigned long udpC
   throw std::runtime_error("cannot bind TCP and UDP to one port of " + host + ": " + lastError);
 }
 
-}  // namespace gameserver
+}  // namespace wire
