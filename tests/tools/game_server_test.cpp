@@ -103,7 +103,7 @@ TEST(GameServer, WelcomesEachClientThenEchoesAndStreamsStateToTheAddressLearnt) 
   const Bytes echo = testlib::ModuleMessage("TEST_echo", {1, 2, 3});
   EXPECT_HEX_EQ(first.Read(echo.size()), echo);
   const gameserver::ClientInfo logged = server.Clients().at(0);
-  EXPECT_EQ(logged.entityActions, 2u);
+  EXPECT_EQ(logged.figures[gameserver::kEntityActions], 2u);
   EXPECT_EQ(logged.lastActionEntity, entity);
   EXPECT_EQ(logged.lastActionPayload, (Bytes{7, 7}));
   EXPECT_EQ(server.GetCounters().tcpKeepAlives, 1u);
