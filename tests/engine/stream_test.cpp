@@ -89,7 +89,8 @@ TEST(Stream, EveryCutOfARecordReadsZerosOrClampedBlocks) {
 TEST(Stream, ReadOnlyCopiesOwnTheirBytesAndSubStreamsOutliveTheirParent) {
   auto bytes = std::make_unique<Bytes>(Bytes{4, 0, 0, 0, 'n', 'e', 's', 't', 42});
   ReadOnlyStream view = ReadOnlyStream::View(bytes->data(), bytes->size()), copy(view), sub;
-  EXPECT_FALSE(view.OwnsBytes() || view.ReadStream().OwnsBytes());
+  EXPECT_FALSE(view.OwnsBytes());
+  EXPECT_FALSE(view.ReadStream().OwnsBytes());
   bytes.reset();  // the view dangles now; the copy must not care
   {
     ReadOnlyStream parent;
@@ -99,7 +100,8 @@ TEST(Stream, ReadOnlyCopiesOwnTheirBytesAndSubStreamsOutliveTheirParent) {
   }
   EXPECT_EQ(std::string(sub.GetBuffer(), sub.GetBuffer() + sub.GetSize()), "nest");
   ReadOnlyStream moved(std::move(copy));
-  EXPECT_TRUE(moved.GetSize() == 9u && copy.GetSize() == 0u);
+  EXPECT_EQ(moved.GetSize(), 9u);
+  EXPECT_EQ(copy.GetSize(), 0u);
   EXPECT_THROW(moved.WriteValue<uint8_t>(1), std::logic_error);
   EXPECT_EQ((moved.Flush(), moved.GetPosition()), 9u) << "a flush skips the rest";
 }

@@ -118,9 +118,12 @@ TEST(SharedMutex, ReadersShareAWriterWaitsForTheLastOneAndItsReleaseWakesEveryon
   ASSERT_TRUE(writer.Holds());
   Holder reader3(mutex, true), reader4(mutex, true), writer2(mutex, false);
   writer2.release = true, settle();  // writer2 lets go at once when it gets in
-  EXPECT_FALSE(reader3.holding || reader4.holding || writer2.holding);
+  EXPECT_FALSE(reader3.holding);
+  EXPECT_FALSE(reader4.holding);
+  EXPECT_FALSE(writer2.holding);
   writer.Finish();
-  EXPECT_TRUE(reader3.Holds() && reader4.Holds()) << "the one release woke both readers";
+  EXPECT_TRUE(reader3.Holds()) << "the one release woke both readers";
+  EXPECT_TRUE(reader4.Holds());
   reader3.Finish(), reader4.Finish();  // before the writer that waits for them
 }
 

@@ -91,7 +91,9 @@ TEST(GameServer, WelcomesEachClientThenEchoesAndStreamsStateToTheAddressLearnt) 
   EXPECT_NE(a.username, b.username);
   std::unordered_set<wire::Id> seen;
   for (const gameserver::EntityState& e : server.Snapshot()) {
-    EXPECT_TRUE(e.parent.IsNull() || seen.count(e.parent)) << "parent announced after its child";
+    if (!e.parent.IsNull()) {
+      EXPECT_EQ(seen.count(e.parent), 1u) << "parent announced after its child";
+    }
     seen.insert(e.id);
   }
   const wire::Id entity{0x1111, 0x2222};
