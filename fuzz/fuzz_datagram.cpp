@@ -48,27 +48,27 @@ struct Parents {
 
   // Takes in a datagram that starts with the magic; false (and no change) if it closes a cycle.
   bool Admit(const uint8_t* data, size_t size) {
-    ReadOnlyStream in(data + kMagicSize, size - kMagicSize);
-    if (in.ReadValue<uint8_t>() != networking::MSG_TRANSFORMS) return true;
-    in.ReadValue<double>();
-    const auto sequence = in.ReadValue<uint64_t>();
-    const auto parentEnvironment = in.ReadValue<uint64_t>();
-    const auto relativeEnvironment = in.ReadValue<uint64_t>();
-    const Id parent = in.ReadValue<Id>();
-    if (in.ReadValue<int32_t>() == 1) {
-      if (sequence < lastSequence) return true;
-      lastSequence = sequence;
+    if (size <= kMagicSize || data[kMagicSize] != networking::MSG_TRANSFORMS) return true;
+    // The client reads a cut datagram as zeros past its end; so does this reader.
+    ReadOnlyStream in(data, size);
+    wire::Reader reader = wire::Reader::ZeroFilling(in);
+    wire::Transforms transforms;
+    Serialize(reader, transforms);
+    const wire::StateHeader& header = transforms.header;
+    if (header.divisor == 1) {
+      if (header.sequence < lastSequence) return true;
+      lastSequence = header.sequence;
     }
-    if (parentEnvironment != Game::parentEnvironmentId ||
-        relativeEnvironment != Game::relativeEnvironmentId) {
+    if (header.parentEnvironment != Game::parentEnvironmentId ||
+        header.relativeEnvironment != Game::relativeEnvironmentId) {
       return true;
     }
+    const Id parent = transforms.parent;
     std::unordered_map<Id, Id> next = links;
-    for (Id id; !(id = in.ReadValue<Id>()).IsNull();) {
-      double position[3];
-      float rotation[4];
-      in.Read(reinterpret_cast<unsigned char*>(position), sizeof position);
-      in.Read(reinterpret_cast<unsigned char*>(rotation), sizeof rotation);
+    for (const wire::TransformRecord& record : transforms.records) {
+      const Id id = record.id;
+      const double position[] = {record.position.x, record.position.y, record.position.z};
+      const float* rotation = record.orientation;
       if (std::any_of(position, position + 3, [](double v) { return std::isnan(v); }) ||
           std::any_of(rotation, rotation + 4, [](float v) { return std::isnan(v); })) {
         break;

@@ -21,8 +21,14 @@ std::string CodeText(uint8_t code) {
 Reader::Reader(Stream& in, int optionalWaitMs)
     : in_(in), bounded_(dynamic_cast<ReadOnlyStream*>(&in)), optionalWaitMs_(optionalWaitMs) {}
 
+Reader Reader::ZeroFilling(ReadOnlyStream& in) {
+  Reader reader(in);
+  reader.zeroFill_ = true;
+  return reader;
+}
+
 void Reader::Need(size_t n, const char* what) const {
-  if (bounded_ != nullptr && bounded_->GetBufferSize() < n) {
+  if (!zeroFill_ && bounded_ != nullptr && bounded_->GetBufferSize() < n) {
     throw Truncated(std::string("bytes end inside the ") + what);
   }
 }
@@ -37,6 +43,7 @@ Bytes Reader::ReadBlock(uint32_t limit, const char* what) {
   Need(count, what);
   Bytes bytes;
   if (bounded_ != nullptr) {
+    if (zeroFill_) count = std::min<uint32_t>(count, bounded_->GetBufferSize());
     bytes.resize(count);
     if (count != 0) in_.Read(bytes.data(), count);
     return bytes;

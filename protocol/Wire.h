@@ -116,6 +116,9 @@ class Reader {
   static constexpr bool kReading = true;
   // `optionalWaitMs`: how long Optional waits on a socket for a byte not yet arrived.
   explicit Reader(Stream& in, int optionalWaitMs = 0);
+  // A reader that reads as the module's own reader does: past the end of a bounded stream a
+  // value is zeros and a block is what is present, never an error (a model of the client).
+  static Reader ZeroFilling(orvex::filesystem::ReadOnlyStream& in);
 
   template <typename T>
   void Value(T& value, const char* what = "message") {
@@ -145,6 +148,7 @@ class Reader {
   Stream& in_;
   orvex::filesystem::ReadOnlyStream* bounded_;
   int optionalWaitMs_;
+  bool zeroFill_ = false;
 };
 
 // ---------------------------------------------------------------------------------------
@@ -401,8 +405,8 @@ void SerializeBody(S& s, PhysicsRecord& m) {
   Serialize(s, m.extra);
 }
 
-// Records, each opening with its entity id, then (endMarker) a zero Id. A reader stops at
-// the zero Id or at the end of the datagram.
+// Records, each opening with its entity id, then (endMarker) a zero Id. A reader stops, as
+// the client does, at a null id (either word zero) or at the end of the datagram.
 template <typename S, typename Record>
 void Records(S& s, std::vector<Record>& records, bool& endMarker) {
   if constexpr (S::kReading) {
@@ -410,7 +414,7 @@ void Records(S& s, std::vector<Record>& records, bool& endMarker) {
     while (!s.AtEnd()) {
       Record r;
       Serialize(s, r.id);
-      if (r.id == Id{}) {
+      if (r.id.IsNull()) {
         endMarker = true;
         break;
       }

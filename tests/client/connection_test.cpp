@@ -168,7 +168,8 @@ TEST_F(ReliableMessages, UpdateAndMoveDecisionTable) {
   }
 }
 
-// A creation for a module without interface, or none loaded, leaves nothing behind.
+// Destroy, world, admin status and module messages carried out in order; a creation for a
+// module without interface, or none loaded, leaves nothing behind.
 TEST_F(ReliableMessages, DestroyWorldAdminAndModuleMessages) {
   GAME_Mod::Load(std::make_shared<GAME_Mod>("TEST_nohandler"));
   const Bytes payload{0x02, 0x7F, 0x00, 0x41};

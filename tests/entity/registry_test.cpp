@@ -95,7 +95,6 @@ TEST_F(EntityRegistry, ReadersSeeConsistentEntriesWhileAWriterChangesThem) {
   EXPECT_EQ(wrongEntity, 0);
 }
 
-// The count of entities with queued actions follows every change of their flag.
 // A walk along the stretches between marks gives exactly the registry's order, whatever
 // changed since the marks were taken; each row changes the registry, then walks it.
 TEST_F(EntityRegistry, AWalkAlongMarksKeepsTheRegistrysOrder) {
@@ -138,6 +137,7 @@ TEST_F(EntityRegistry, AWalkAlongMarksKeepsTheRegistrysOrder) {
   }
 }
 
+// The count of entities with queued actions follows every change of their flag.
 TEST(ActionFlag, CountsEntitiesWhoseFlagIsSetHoweverItChanges) {
   const size_t before = game::entity::ActionFlag::Pending();
   const auto make = [](uint64_t n) {

@@ -166,6 +166,10 @@ TEST(WireRoundTrip, ReadingGivesBackWhatWasWritten) {
   ExpectRereads(wire::ModuleDatagramMessage{module, {3}});
   ExpectRereads(wire::Hello{7, "TOVRANE!", 1, "token", true, "secret"});
   ExpectRereads(wire::ClientDatagram{7, 1, 2, 3, {{0x03, {}, {}, {}}, {0x7F, {}, module, {1}}}});
+  // A record list ends on a null id, one with either word zero, as the client reads it.
+  orvex::filesystem::ReadOnlyStream halfNull(
+      wire::ToBytes(wire::Transforms{header, parent, {{{0, 5}}}, false}));
+  EXPECT_TRUE(wire::Read<wire::Transforms>(halfNull).records.empty());
   // A reader given another message's bytes says so.
   orvex::filesystem::ReadOnlyStream world(wire::ToBytes(wire::World{"moon"}));
   EXPECT_THROW(wire::Read<wire::EntityDestroy>(world), std::runtime_error);
