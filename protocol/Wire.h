@@ -246,6 +246,17 @@ void Serialize(S& s, Refusal& m) {
   Text(s, m.reason);
 }
 
+// What create and update share after their ids: vec3 position, Orientation, u8 smooth,
+// u8 forceSnap, embedded stream data.
+template <typename S, typename Message>
+void SerializePlacement(S& s, Message& m) {
+  Serialize(s, m.position);
+  Serialize(s, m.orientation);
+  s.Value(m.smooth);
+  s.Value(m.forceSnap);
+  s.Block(m.data, kMaxPayloadSize, "entity data");
+}
+
 // 0x40: Id entity, ModuleID, string interface text, Id parent, vec3 position,
 // Orientation, u8 smooth, u8 forceSnap, embedded stream data.
 struct EntityCreate {
@@ -265,11 +276,7 @@ void Serialize(S& s, EntityCreate& m) {
   Serialize(s, m.module);
   Text(s, m.text);
   Serialize(s, m.parent);
-  Serialize(s, m.position);
-  Serialize(s, m.orientation);
-  s.Value(m.smooth);
-  s.Value(m.forceSnap);
-  s.Block(m.data, kMaxPayloadSize, "entity data");
+  SerializePlacement(s, m);
 }
 
 // 0x42: Id entity, Id (ignored by the client), vec3 position, Orientation, u8 smooth,
@@ -287,11 +294,7 @@ void Serialize(S& s, EntityUpdate& m) {
   Code(s, networking::MSG_ENTITY_UPDATE);
   Serialize(s, m.id);
   Serialize(s, m.ignored);
-  Serialize(s, m.position);
-  Serialize(s, m.orientation);
-  s.Value(m.smooth);
-  s.Value(m.forceSnap);
-  s.Block(m.data, kMaxPayloadSize, "entity data");
+  SerializePlacement(s, m);
 }
 
 // 0x46: Id entity, u8 smooth, vec3 position, Orientation. The flag comes BEFORE the
