@@ -769,7 +769,9 @@ void GameServer::LogStatus() {
     for (size_t f = 0; f < kClientFigureCount; ++f) {
       line += (f == 0 ? " " : ", ") + std::to_string(c.figures[f]) + " " + kClientFigures[f].status;
     }
-    Log(line + "; last action " + wire::Hex(c.lastActionPayload, 32));
+    if (c.figures[kEntityActions] != 0)
+      line += "; last action " + wire::Hex(c.lastActionPayload, 32);
+    Log(line);
   }
 }
 
