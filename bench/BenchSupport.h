@@ -25,7 +25,10 @@
 #include "Game.h"
 #include "TestServer.h"
 #include "client/Client.h"
+#include "filesystem/StreamValues.h"
+#include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
+#include "net/TcpConnection.h"
 #include "protocol/Wire.h"
 
 namespace benchsupport {
@@ -89,12 +92,12 @@ inline Id MakeId(uint64_t serial) {
 inline void LoadMod(const std::string& name = kModule) {
   if (GAME_Mod::GetModule(orvex::modular::ModuleID(name).String())) return;
   auto mod = std::make_shared<GAME_Mod>(name);
-  mod->supplyInterface = [](ClientSideEntity& entity) {
+  orvex::engine::InterfaceSupplier modSupplier = [](ClientSideEntity& entity) {
     if (entity.text == "nointerface") return;
     entity.interface = std::make_shared<ClientSideEntity::Interface>();
     entity.serverDriven = entity.text != "static";
   };
-  GAME_Mod::Load(mod);
+  orvex::engine::LoadMod(mod, modSupplier);
 }
 
 // Registers `count` driven entities (serials first .. first+count-1) that already have a
@@ -174,7 +177,7 @@ class ConnectedClient {
  private:
   // Reads and forgets everything the client sends on TCP until stop_.
   void Drain() {
-    orvex::net::TcpSocket& tcp = connection_->Tcp();
+    orvex::net::TcpConnection& tcp = connection_->Tcp();
     std::vector<unsigned char> sink(1 << 20);
     while (!stop_) {
       if (tcp.Poll(50) != 1) continue;

@@ -25,6 +25,8 @@
 #include <vector>
 
 #include "BenchSupport.h"
+#include "filesystem/StreamValues.h"
+#include "game/Host.h"
 #include "game/Networking.h"
 #include "testlib/ClientTestPeer.h"
 
@@ -74,7 +76,7 @@ struct Fixture {
     orvex::net::UdpSocket poke("127.0.0.1", loopbackSender.GetLocalPort(), 16);
     const auto deadline = Clock::now() + std::chrono::seconds(10);
     while (!arrived && Clock::now() < deadline) {
-      poke.WriteValue(uint8_t{1});
+      WriteValue(poke, uint8_t{1});
       poke.Flush();
       std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
@@ -117,18 +119,18 @@ void IntakeClient(benchmark::State& state) {
   uint64_t mark = benchsupport::Allocations();
   for (auto _ : state) {
     client::ClientTestPeer::UdpMessage(client, f.loopbackSender,
-                                       ReadOnlyStream::View(f.datagram.data(), f.datagram.size()));
+                                       ReadOnlyStream(f.datagram.data(), f.datagram.size()));
     if (++sinceDrain == kDrainEvery) {
       state.PauseTiming();
       allocations += benchsupport::Allocations() - mark;
-      Game::RunSynchronized();
+      orvex::engine::RunSynchronized();
       sinceDrain = 0;
       mark = benchsupport::Allocations();
       state.ResumeTiming();
     }
   }
   allocations += benchsupport::Allocations() - mark;
-  Game::RunSynchronized();
+  orvex::engine::RunSynchronized();
   CountAllocations(state, allocations);
   state.SetBytesProcessed(static_cast<int64_t>(state.iterations() * f.datagram.size()));
 }
@@ -216,7 +218,7 @@ void LoopbackClient(benchmark::State& state) {
   RunBursts(
       state, f.clientPort,
       [&] { return counters.datagramsAccepted.load(std::memory_order_relaxed); },
-      [] { Game::RunSynchronized(); });
+      [] { orvex::engine::RunSynchronized(); });
 }
 
 // The engine's UDP socket (batched receive on its delivery thread) with a callback that

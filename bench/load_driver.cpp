@@ -37,7 +37,11 @@
 #include <CLI/CLI.hpp>
 
 #include "BenchSupport.h"
+#include "filesystem/StreamValues.h"
+#include "game/Host.h"
 #include "game/Networking.h"
+#include "net/TcpConnection.h"
+#include "net/UdpEndpoint.h"
 #include "server/GameServer.h"
 
 namespace {
@@ -215,7 +219,7 @@ class GameLoop {
     while (!until()) {
       if (Clock::now() >= deadline || !Game::isActive) return false;
       const auto start = Clock::now();
-      passes_ += Game::RunSynchronized(budget_);
+      passes_ += orvex::engine::RunSynchronized(budget_);
       const auto middle = Clock::now();
       client_.Send();
       const auto end = Clock::now();
@@ -300,13 +304,13 @@ ClientResult RunClient(const Options& options) {
   const client::Counters& counters = client->GetCounters();
   auto load = [](const std::atomic<uint64_t>& a) { return a.load(std::memory_order_relaxed); };
   const uint64_t sent0 = SentBy(server).sent, accepted0 = load(counters.datagramsAccepted);
-  const uint64_t passes0 = loop.passes_, dropped0 = Game::SynchronizeFigures().dropped;
+  const uint64_t passes0 = loop.passes_, dropped0 = orvex::engine::SynchronizeFigures().dropped;
   const double cpu0 = ThreadCpuSeconds();
   const auto windowStart = Clock::now();
   loop.Run([] { return false; }, windowStart + Duration(options.seconds), true);
   r.gameThreadCpu = ThreadCpuSeconds() - cpu0;
-  r.passesDropped = Game::SynchronizeFigures().dropped - dropped0;
-  r.passesWaiting = Game::SynchronizeFigures().queued;
+  r.passesDropped = orvex::engine::SynchronizeFigures().dropped - dropped0;
+  r.passesWaiting = orvex::engine::SynchronizeFigures().queued;
   r.stream.window = Seconds(Clock::now() - windowStart);
   r.stream.windowSent = SentBy(server).sent - sent0;
   r.stream.windowTakenIn = load(counters.datagramsAccepted) - accepted0;
@@ -338,13 +342,13 @@ ClientResult RunClient(const Options& options) {
   r.droppedForeign = load(counters.droppedForeign);
 
   client.reset();
-  Game::RunSynchronized();
+  orvex::engine::RunSynchronized();
   {
     std::lock_guard<orvex::SharedMutex> lock(ClientSideEntity::_sharedObjectsMutex);
     ClientSideEntity::_sharedObjects.clear();
   }
   // The headless renderer keeps an aim reference per entity the replica ever held.
-  Game::Reset();
+  orvex::engine::ResetGame();
   r.released = TrimmedMemory();
   return r;
 }
@@ -371,20 +375,20 @@ class BareReceiver {
                                   .Text("bare");
     tcp_.Write(hello.data(), hello.size());
     tcp_.Flush();
-    if (tcp_.Poll(5000) != 1 || tcp_.ReadValue<uint8_t>() != 1) {
+    if (tcp_.Poll(5000) != 1 || ReadValue<uint8_t>(tcp_) != 1) {
       throw std::runtime_error("the server did not welcome the bare receiver");
     }
-    version_ = tcp_.ReadValue<uint16_t>();
-    tag_ = tcp_.ReadValue<uint16_t>();
-    player_ = tcp_.ReadValue<uint64_t>();
+    version_ = ReadValue<uint16_t>(tcp_);
+    tag_ = ReadValue<uint16_t>(tcp_);
+    player_ = ReadValue<uint64_t>(tcp_);
     tcp_.ReadString(1024);
     while (!tcp_.ReadString(1024).empty()) {
     }
-    tcp_.ReadValue<int32_t>();
-    std::vector<unsigned char> config(tcp_.ReadValue<uint32_t>());
+    ReadValue<int32_t>(tcp_);
+    std::vector<unsigned char> config(ReadValue<uint32_t>(tcp_));
     if (!config.empty()) tcp_.Read(config.data(), config.size());
 
-    udp_.Receive([this](const orvex::net::UdpSocket&, orvex::filesystem::ReadOnlyStream&&) {
+    udp_.Receive([this](const orvex::net::UdpEndpoint&, orvex::filesystem::ReadOnlyStream&&) {
       received_.fetch_add(1, std::memory_order_relaxed);
     });
     draining_ = std::thread([this] {
@@ -418,8 +422,8 @@ class BareReceiver {
   uint64_t TcpBytes() const { return tcpBytes_.load(std::memory_order_relaxed); }
 
  private:
-  orvex::net::TcpSocket tcp_;
-  orvex::net::UdpSocket udp_;
+  orvex::net::TcpConnection tcp_;
+  orvex::net::UdpEndpoint udp_;
   uint16_t version_ = 0, tag_ = 0;
   uint64_t player_ = 0;
   std::atomic<uint64_t> received_{0};

@@ -21,7 +21,10 @@
 #include <vector>
 
 #include "BenchSupport.h"
+#include "filesystem/StreamValues.h"
+#include "game/Host.h"
 #include "game/Networking.h"
+#include "net/TcpConnection.h"
 
 namespace {
 
@@ -38,7 +41,7 @@ struct Fixture {
   orvex::filesystem::Stream action;             // an 8-byte action payload
 
   // The baseline's own connection to the same server, drained like the client's.
-  std::unique_ptr<orvex::net::TcpSocket> tcp;
+  std::unique_ptr<orvex::net::TcpConnection> tcp;
   std::unique_ptr<testserver::TestConnection> peer;
   std::atomic<bool> stop{false};
   std::thread draining;
@@ -52,10 +55,10 @@ struct Fixture {
     std::mt19937_64 random(5);
     std::shuffle(shuffled.begin(), shuffled.end(), random);
     for (size_t i = 0; i < shuffled.size(); i += kActionEvery) acting.push_back(shuffled[i]);
-    action.WriteValue(uint64_t{0x1122334455667788ull});
+    WriteValue(action, uint64_t{0x1122334455667788ull});
 
     testserver::TestServer& server = connected.Server();
-    tcp = std::make_unique<orvex::net::TcpSocket>("127.0.0.1", server.Port(), 0, 5000);
+    tcp = std::make_unique<orvex::net::TcpConnection>("127.0.0.1", server.Port(), 0, 5000);
     peer = server.Accept();
     draining = std::thread([this] {
       std::vector<unsigned char> sink(1 << 20);
@@ -76,7 +79,7 @@ struct Fixture {
   }
 
   void QueueActions() {
-    for (const ClientSideEntity::Ptr& entity : acting) entity->QueueAction(action);
+    for (const ClientSideEntity::Ptr& entity : acting) orvex::engine::QueueAction(*entity, action);
   }
 };
 
@@ -112,7 +115,7 @@ void SendClient(benchmark::State& state, bool actions) {
 // to its TCP connection, empties the queue, and flushes once at the end.
 void SendVectorWalk(benchmark::State& state, bool actions) {
   Fixture& f = TheFixture();
-  orvex::net::TcpSocket& tcp = *f.tcp;
+  orvex::net::TcpConnection& tcp = *f.tcp;
   for (auto _ : state) {
     if (actions) {
       state.PauseTiming();
@@ -125,8 +128,8 @@ void SendVectorWalk(benchmark::State& state, bool actions) {
       ++flagged;
       std::lock_guard<std::mutex> lock(entity->actionsMutex);
       for (const orvex::filesystem::Stream& queued : entity->pendingActions) {
-        tcp.WriteValue(networking::MSG_ENTITY_ACTION);
-        tcp.WriteValue(entity->id);
+        WriteValue(tcp, networking::MSG_ENTITY_ACTION);
+        WriteValue(tcp, entity->id);
         tcp.Write(queued);
       }
       entity->pendingActions.clear();

@@ -14,6 +14,8 @@
 
 #include "GAME_Mod.h"
 #include "Game.h"
+#include "filesystem/StreamValues.h"
+#include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
 #include "game/graphics/Renderer.h"
 
@@ -52,7 +54,7 @@ class LineFilter : public std::streambuf {
 struct FuzzInterface : ClientSideEntity::Interface {
   void Sync(ReadOnlyStream& data) override {
     std::string label;
-    data.ReadValue<uint64_t>();
+    ReadValue<uint64_t>(data);
     data.Read(label);
     data.ReadStream();
   }
@@ -62,12 +64,13 @@ void Start() {
   std::cerr.rdbuf(new LineFilter());  // lives for the whole process: cerr is written during exit
   for (const char* name : {kShip, kStatic}) {
     auto mod = std::make_shared<GAME_Mod>(name);
-    mod->supplyInterface = [driven = name == kShip](ClientSideEntity& entity) {
+    orvex::engine::InterfaceSupplier modSupplier = [driven =
+                                                        name == kShip](ClientSideEntity& entity) {
       entity.interface = std::make_shared<FuzzInterface>();
       entity.renderables.push_back(std::make_shared<game::graphics::RenderableInstance>());
       entity.serverDriven = driven;
     };
-    GAME_Mod::Load(mod);
+    orvex::engine::LoadMod(mod, modSupplier);
   }
   auto none = std::make_shared<GAME_Mod>("FUZZ_none"),
        probe = std::make_shared<GAME_Mod>("FUZZ_probe");
@@ -75,9 +78,9 @@ void Start() {
     std::string text;
     payload.Read(text);
     ReadOnlyStream nested = payload.ReadStream();
-    while (nested.GetBufferSize() != 0) nested.ReadValue<uint64_t>();
+    while (nested.GetBufferSize() != 0) ReadValue<uint64_t>(nested);
   };
-  GAME_Mod::Load(none), GAME_Mod::Load(probe);
+  orvex::engine::LoadMod(none), orvex::engine::LoadMod(probe);
 }
 
 // The run's one server thread, running each task in turn: a thread per input costs more than it.
@@ -143,8 +146,8 @@ void Connect(const Bytes& reply, const std::function<void(client::Client&)>& run
     refused(failure);
   }
   served.get();
-  Game::ResetEntities();
-  Game::Reset();
+  orvex::engine::ResetEntities();
+  orvex::engine::ResetGame();
 }
 
 client::Client& ConnectedClient(const Bytes& reply) {

@@ -10,6 +10,7 @@
 #include "FuzzSupport.h"
 #include "Game.h"
 #include "Messages.h"
+#include "game/Host.h"
 #include "game/Networking.h"
 #include "game/entity/ClientSideEntity.h"
 
@@ -141,7 +142,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     datagram.Read(magic, kMagicSize);
     client::ClientTestPeer::ReceiveDatagram(*theClient, std::move(datagram));
   }
-  Game::RunSynchronized();
+  orvex::engine::RunSynchronized();
   for (const auto& fixed : kFixed) {
     if (ClientSideEntity::Get<ClientSideEntity>(fixed.id)->parentId.Load() !=
         parents.links.at(fixed.id)) {

@@ -5,6 +5,7 @@
 
 #include "FuzzSupport.h"
 #include "Messages.h"
+#include "filesystem/StreamValues.h"
 #include "game/Networking.h"
 #include "game/entity/ClientSideEntity.h"
 
@@ -20,12 +21,12 @@ using orvex::filesystem::ReadOnlyStream;
 // read there, before any check of the client's.
 std::unordered_set<Id> Foresee(const uint8_t* data, size_t& send) {
   std::unordered_set<Id> live;
-  ReadOnlyStream in = ReadOnlyStream::View(data, send);
+  ReadOnlyStream in = ReadOnlyStream(data, send);
   // The entity constructor looks the mod up by the text form of the module's id.
   static const std::string ship = orvex::modular::ModuleID(fuzz::kShip).String(),
                            fixed = orvex::modular::ModuleID(fuzz::kStatic).String();
   while (in.GetBufferSize() != 0) {
-    const size_t start = in.GetPosition();
+    const size_t start = orvex::filesystem::PositionOf(in);
     bool asserts = false;
     try {
       switch (data[start]) {
@@ -57,7 +58,7 @@ std::unordered_set<Id> Foresee(const uint8_t* data, size_t& send) {
           wire::Read<wire::ModuleMessage>(in);
           break;
         default:  // every other code is one byte
-          in.ReadValue<uint8_t>();
+          ReadValue<uint8_t>(in);
       }
     } catch (const std::runtime_error&) {
       return live;  // a message cut short is sent as it is: the client's read fails before its

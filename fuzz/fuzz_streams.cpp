@@ -8,6 +8,7 @@
 #include <glm/vec3.hpp>
 
 #include "FuzzSupport.h"
+#include "filesystem/StreamValues.h"
 #include "orvex/filesystem/Stream.h"
 
 namespace {
@@ -133,8 +134,7 @@ void Run(S& stream, Model model, int depth, int& steps) {
         memory.Write(stream.GetBuffer(), stream.GetBufferSize());
         if (deeper) Run(memory, model, depth + 1, steps);
         if constexpr (std::is_same_v<S, ReadOnlyStream>) {
-          const ReadOnlyStream view =
-              ReadOnlyStream::View(stream.GetBuffer(), stream.GetBufferSize());
+          const ReadOnlyStream view = ReadOnlyStream(stream.GetBuffer(), stream.GetBufferSize());
           ReadOnlyStream owned(view);
           if (!owned.OwnsBytes()) fuzz::Fail("a copy of a view does not own its bytes");
           if (deeper) Run(owned, model, depth + 1, steps);

@@ -13,6 +13,7 @@
 #include "Game.h"
 #include "StderrCapture.h"
 #include "Wait.h"
+#include "game/Host.h"
 #include "game/Networking.h"
 
 namespace {
@@ -81,7 +82,7 @@ TEST_F(Connection, ConstructionFailures) {
     EXPECT_EQ(error.empty(), row.error.empty());
     EXPECT_EQ(error.find('\n'), std::string::npos);
     EXPECT_TRUE(Game::_mods.empty());
-    EXPECT_EQ(Game::config.Text(), row.error.empty() && !row.hosting ? "ab" : "");
+    EXPECT_EQ(orvex::engine::ConfigText(), row.error.empty() && !row.hosting ? "ab" : "");
   }
   EXPECT_LT(PeakResidentMb() - before, 256) << "MiB: memory followed a count";
 }
@@ -171,7 +172,7 @@ TEST_F(ReliableMessages, UpdateAndMoveDecisionTable) {
 // Destroy, world, admin status and module messages carried out in order; a creation for a
 // module without interface, or none loaded, leaves nothing behind.
 TEST_F(ReliableMessages, DestroyWorldAdminAndModuleMessages) {
-  GAME_Mod::Load(std::make_shared<GAME_Mod>("TEST_nohandler"));
+  orvex::engine::LoadMod(std::make_shared<GAME_Mod>("TEST_nohandler"));
   const Bytes payload{0x02, 0x7F, 0x00, 0x41};
   Send(Creation(EntityId(1), "ship") + Creation(EntityId(2), "ship") + Destroy(EntityId(1)) +
        Creation(EntityId(3), "nointerface") +
@@ -198,10 +199,10 @@ TEST_F(ReliableMessages, DestroyWorldAdminAndModuleMessages) {
        Admin("", 0) + World(""));
   EXPECT_EQ(Game::_current_world, "");
   EXPECT_FALSE(client::Client::IsAdmin());
-  EXPECT_FALSE(Game::QuitRequested());
+  EXPECT_FALSE(orvex::engine::QuitRequested());
 
   session->connection->Send(Disconnect());
-  ASSERT_TRUE(WaitUntil([] { return Game::QuitRequested(); }));
+  ASSERT_TRUE(WaitUntil([] { return orvex::engine::QuitRequested(); }));
   EXPECT_FALSE(Game::isActive);
   session->StopReceiving(/*wake=*/false);
 }
@@ -281,7 +282,7 @@ TEST_F(ReliableMessages, HostileLostOrStalledConnectionEndsTheGameWithDisconnect
     }
     EXPECT_TRUE(
         WaitUntil([&] { return session->client->Send(), !client::Client::error.empty(); }, 60000));
-    EXPECT_TRUE(Game::QuitRequested());
+    EXPECT_TRUE(orvex::engine::QuitRequested());
     EXPECT_THAT(capture.Text(), HasSubstr(stalled ? "stalled" : "closed by peer"));
     session->client->Send();
     EXPECT_EQ(client::Client::error, "Disconnected from server");

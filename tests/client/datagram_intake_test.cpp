@@ -13,6 +13,7 @@
 #include "StderrCapture.h"
 #include "Wait.h"
 #include "client/StatePasses.h"
+#include "game/Host.h"
 
 namespace {
 
@@ -72,7 +73,7 @@ TEST_F(DatagramIntake, DropReasons) {
     SCOPED_TRACE(row.name);
     Start();
     session->SendDatagram(Transforms(5, 1.0));  // stamped at 0 s; sequence 5
-    EXPECT_EQ(Game::RunSynchronized(), 1u);
+    EXPECT_EQ(orvex::engine::RunSynchronized(), 1u);
     FakeClock::Advance(20000);
     const uint64_t before = row.counter ? (Counters().*row.counter).load() : 0;
     const uint64_t shortOnes = Counters().droppedShort;
@@ -90,14 +91,14 @@ TEST_F(DatagramIntake, DropReasons) {
     if (row.counter) {
       EXPECT_EQ(Counters().*row.counter, before + (barrier - shortOnes));
     }
-    EXPECT_EQ(Game::RunSynchronized(), 0u);
+    EXPECT_EQ(orvex::engine::RunSynchronized(), 0u);
     EXPECT_EQ(Game::timestamp, 1.0);
     EXPECT_EQ(captured.Text(), row.text);
     StderrCapture quiet;
     session->client->Send();
-    EXPECT_EQ(Game::QuitRequested(), !row.signOfLife);
+    EXPECT_EQ(orvex::engine::QuitRequested(), !row.signOfLife);
     session->SendDatagram(Transforms(6, 2.0));
-    EXPECT_EQ(Game::RunSynchronized(), 1u);
+    EXPECT_EQ(orvex::engine::RunSynchronized(), 1u);
   }
 }
 
@@ -124,7 +125,7 @@ TEST_F(DatagramIntake, SequenceAndEnvironmentSteps) {
   for (const auto& step : steps) {
     SCOPED_TRACE(step.name);
     session->SendDatagram(step.bytes);
-    EXPECT_EQ(Game::RunSynchronized(), step.applied);
+    EXPECT_EQ(orvex::engine::RunSynchronized(), step.applied);
     EXPECT_EQ(Game::timestamp, step.timestamp);
   }
   EXPECT_EQ(glm::dvec3(ship->velocity).x, 70.0);
@@ -258,7 +259,7 @@ TEST_F(DatagramIntake, HostileTruncationsAreHarmlessAndTheNextWholeDatagramAppli
   for (const Bytes& whole : {transforms, physics}) {
     for (size_t length = 0; length <= whole.size(); ++length) {
       session->SendDatagram(Prefix(whole, length));
-      Game::RunSynchronized();
+      orvex::engine::RunSynchronized();
     }
   }
   EXPECT_EQ(TargetOf(1), glm::dvec3(1, 2, 3));
@@ -272,11 +273,11 @@ TEST_F(DatagramIntake, HostileStateFloodKeepsTheQueueWithinItsCap) {
   Start();
   Game::synchronizeCap = 2000;
   for (uint64_t s = 1; s <= 100; ++s) session->SendDatagram(Records(s, Id{}, {At(1, {s, 0, 0})}));
-  const Game::SynchronizeCounts queue = Game::SynchronizeFigures();
+  const orvex::engine::SynchronizeCounts queue = orvex::engine::SynchronizeFigures();
   EXPECT_LE(queue.queuedBytes, 2000u);
   EXPECT_EQ(queue.queued + queue.dropped, 100u);
   EXPECT_GT(queue.dropped, 50u);
-  Game::RunSynchronized();
+  orvex::engine::RunSynchronized();
   EXPECT_EQ(TargetOf(1), glm::dvec3(100, 0, 0));
 }
 

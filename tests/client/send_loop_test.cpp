@@ -12,6 +12,7 @@
 #include "Game.h"
 #include "Hex.h"
 #include "StderrCapture.h"
+#include "game/Host.h"
 
 namespace {
 
@@ -65,7 +66,7 @@ TEST_F(SendLoop, ActionsThenModuleRecordsLeaveInOneFlush) {
   EXPECT_TRUE(first->pendingActions.empty());
   EXPECT_EQ(unflagged->pendingActions.size(), 1u);
 
-  GAME_Mod::UnloadAll();
+  orvex::engine::UnloadAllMods();
   FakeClock::Advance(1);  // uploaded once: the next silent frame sends only a keep-alive
   SendFrame();
   EXPECT_HEX_EQ(Tcp(1), Bytes{0x03});
@@ -195,7 +196,7 @@ TEST_F(SendLoop, LivenessBoundaries) {
     StderrCapture captured;
     const bool quits = !row.line.empty();
     EXPECT_EQ(SendFrame() == 0, quits);
-    EXPECT_EQ(Game::QuitRequested(), quits);
+    EXPECT_EQ(orvex::engine::QuitRequested(), quits);
     EXPECT_EQ(modRuns, quits ? 0 : 1);
     EXPECT_EQ(bool(entity->hasPendingActions), quits);
     if (quits) {

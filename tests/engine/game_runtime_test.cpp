@@ -9,13 +9,14 @@
 
 #include "GAME_Mod.h"
 #include "Game.h"
+#include "game/Host.h"
 #include "game/graphics/Renderer.h"
 
 namespace {
 
 class GameRuntime : public ::testing::Test {
  protected:
-  void TearDown() override { GAME_Mod::UnloadAll(), Game::Reset(); }
+  void TearDown() override { orvex::engine::UnloadAllMods(), orvex::engine::ResetGame(); }
   static std::vector<std::string> Loaded() {
     std::vector<std::string> names;
     GAME_Mod::ForEachModule([&](auto& m) { names.push_back(m->moduleId.String()); });
@@ -25,7 +26,7 @@ class GameRuntime : public ::testing::Test {
 
 // A second game in the same process must not run the first one's work or see its quit.
 TEST_F(GameRuntime, ResetAfterQuitDropsQueuedWorkAndStartsAFreshRenderer) {
-  GAME_Mod::Load(std::make_shared<GAME_Mod>("CORE_ship"));
+  orvex::engine::LoadMod(std::make_shared<GAME_Mod>("CORE_ship"));
   Game::renderer->AddAimReference("x", {});
   auto capture = std::make_shared<int>(0);
   const std::weak_ptr<int> captured = capture;
@@ -33,12 +34,12 @@ TEST_F(GameRuntime, ResetAfterQuitDropsQueuedWorkAndStartsAFreshRenderer) {
   capture.reset();
   std::thread([] { Game::Quit(); }).join();
   EXPECT_FALSE(Game::isActive);
-  EXPECT_TRUE(Game::QuitRequested());
-  Game::Reset();
+  EXPECT_TRUE(orvex::engine::QuitRequested());
+  orvex::engine::ResetGame();
   EXPECT_TRUE(Game::isActive);
-  EXPECT_FALSE(Game::QuitRequested());
+  EXPECT_FALSE(orvex::engine::QuitRequested());
   EXPECT_TRUE(captured.expired());
-  EXPECT_EQ(Game::RunSynchronized(), 0u);
+  EXPECT_EQ(orvex::engine::RunSynchronized(), 0u);
   EXPECT_EQ(Game::renderer->AddAimReference("y", {}), 1u) << "a fresh renderer counts from 1";
   EXPECT_EQ(Loaded(), std::vector<std::string>{"CORE_ship"}) << "mods stay loaded";
 }
@@ -54,8 +55,8 @@ TEST_F(GameRuntime, WorkFromAnotherThreadRunsHereInOrderAndAThrowKeepsTheRestInF
     Game::Synchronize([&] { order.push_back("b"), throw std::runtime_error("b failed"); });
     Game::Synchronize({}), Game::Synchronize([&] { order.push_back("c"); });  // {} is ignored
   }).join();
-  EXPECT_THROW(Game::RunSynchronized(), std::runtime_error);
-  EXPECT_EQ(Game::RunSynchronized(), 2u);
+  EXPECT_THROW(orvex::engine::RunSynchronized(), std::runtime_error);
+  EXPECT_EQ(orvex::engine::RunSynchronized(), 2u);
   EXPECT_EQ(order, (std::vector<std::string>{"a", "b", "c", "queued meanwhile"}));
 }
 
@@ -68,24 +69,24 @@ TEST_F(GameRuntime, TheQueueDropsTheOldestStateOverItsCapAndKeepsToABudget) {
   Game::Synchronize([&] { ran += 'P'; });
   Game::Synchronize([&] { ran += 'b'; }, 4);
   Game::Synchronize([&] { ran += 'c'; }, 4);
-  const Game::SynchronizeCounts n = Game::SynchronizeFigures();
+  const orvex::engine::SynchronizeCounts n = orvex::engine::SynchronizeFigures();
   EXPECT_EQ(std::tie(n.queued, n.queuedBytes, n.dropped, n.droppedBytes),
             std::make_tuple(3u, 8u, 1u, 4u));
-  EXPECT_EQ(Game::RunSynchronized(std::chrono::steady_clock::duration::zero()), 1u);
+  EXPECT_EQ(orvex::engine::RunSynchronized(std::chrono::steady_clock::duration::zero()), 1u);
   EXPECT_EQ(ran, "P");
-  EXPECT_EQ(Game::RunSynchronized(), 2u);
+  EXPECT_EQ(orvex::engine::RunSynchronized(), 2u);
   EXPECT_EQ(ran, "Pbc");
-  EXPECT_EQ(Game::SynchronizeFigures().queuedBytes, 0u);
+  EXPECT_EQ(orvex::engine::SynchronizeFigures().queuedBytes, 0u);
 }
 
 TEST_F(GameRuntime, ModsAreKnownByCanonicalTextLoadedOnceAndVisitedOverASnapshot) {
   for (const char* name : {"core_A", "CORE_b", "CORE_c"})
-    GAME_Mod::Load(std::make_shared<GAME_Mod>(name));
+    orvex::engine::LoadMod(std::make_shared<GAME_Mod>(name));
   EXPECT_TRUE(GAME_Mod::GetModule("CORE_a"));
   EXPECT_FALSE(GAME_Mod::GetModule("core_A"));
   EXPECT_FALSE(GAME_Mod::GetModule(""));
   for (const char* bad : {"CORE_A", "noseparator", ""}) {
-    EXPECT_THROW(GAME_Mod::Load(*bad ? std::make_shared<GAME_Mod>(bad) : nullptr),
+    EXPECT_THROW(orvex::engine::LoadMod(*bad ? std::make_shared<GAME_Mod>(bad) : nullptr),
                  std::invalid_argument)
         << bad;
   }
@@ -93,7 +94,8 @@ TEST_F(GameRuntime, ModsAreKnownByCanonicalTextLoadedOnceAndVisitedOverASnapshot
   GAME_Mod::ForEachModule([&](auto& mod) {
     visited.push_back(mod->moduleId.String());
     if (visited.size() == 1)
-      GAME_Mod::Unload("CORE_c"), GAME_Mod::Load(std::make_shared<GAME_Mod>("CORE_d"));
+      orvex::engine::UnloadMod("CORE_c"),
+          orvex::engine::LoadMod(std::make_shared<GAME_Mod>("CORE_d"));
   });
   EXPECT_EQ(visited, (std::vector<std::string>{"CORE_a", "CORE_b", "CORE_c"}));
   EXPECT_EQ(Loaded(), (std::vector<std::string>{"CORE_a", "CORE_b", "CORE_d"}));

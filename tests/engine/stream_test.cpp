@@ -7,6 +7,7 @@
 #include <string>
 
 #include "Hex.h"
+#include "filesystem/StreamValues.h"
 #include "orvex/filesystem/Stream.h"
 
 namespace {
@@ -22,21 +23,21 @@ Bytes Waiting(const Stream& s) {
 TEST(Stream, EncodingsAreLittleEndianValuesAndCountedBlocksInAQueue) {
   Stream inner, s, self;  // only the inner stream's waiting bytes are embedded
   inner.Write(Bytes{9, 1, 2}.data(), 3);
-  inner.ReadValue<uint8_t>();
-  s.WriteValue<uint16_t>(0x1234), s.WriteValue<uint64_t>(0x1122334455667788ull);
-  s.WriteValue<int32_t>(-2), s.WriteValue<double>(1.0), s.WriteValue<float>(-2.0f);
+  ReadValue<uint8_t>(inner);
+  WriteValue<uint16_t>(s, 0x1234), WriteValue<uint64_t>(s, 0x1122334455667788ull);
+  WriteValue<int32_t>(s, -2), WriteValue<double>(s, 1.0), WriteValue<float>(s, -2.0f);
   s.Write("ab"s), s.Write("\0"s), s.Write(inner), s.Write(WriteOnlyStream());
   EXPECT_HEX_EQ(Waiting(s),
                 (Bytes{0x34, 0x12, 0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11, 0xFE, 0xFF,
                        0xFF, 0xFF, 0,    0,    0,    0,    0,    0,    0xF0, 0x3F, 0,    0,
                        0,    0xC0, 2,    0,    0,    0,    'a',  'b',  1,    0,    0,    0,
                        0,    2,    0,    0,    0,    1,    2,    0,    0,    0,    0}));
-  self.WriteValue<uint16_t>(0x0201), self.Write(self);
+  WriteValue<uint16_t>(self, 0x0201), self.Write(self);
   EXPECT_HEX_EQ(Waiting(self), (Bytes{1, 2, 2, 0, 0, 0, 1, 2}));
   Stream queue;  // the consumed front is dropped on the way
   for (uint32_t i = 0; i < 3000; ++i) {
-    queue.WriteValue(i), queue.WriteValue(i);
-    ASSERT_EQ(queue.ReadValue<uint32_t>(), i / 2);
+    WriteValue(queue, i), WriteValue(queue, i);
+    ASSERT_EQ(ReadValue<uint32_t>(queue), i / 2);
   }
   EXPECT_EQ((queue.Flush(), queue.GetBufferSize()), 0u);
 }
@@ -54,7 +55,7 @@ TEST(Stream, EveryCutOfARecordReadsZerosOrClampedBlocks) {
                           {0, ""}};
   Stream record;
   for (const Field& f : fields) {
-    if (f.size <= 0) record.WriteValue(static_cast<uint32_t>(f.bytes.size()));
+    if (f.size <= 0) WriteValue(record, static_cast<uint32_t>(f.bytes.size()));
     record.Write(reinterpret_cast<const uint8_t*>(f.bytes.data()), f.bytes.size());
   }
   const Bytes all = Waiting(record);
@@ -62,7 +63,7 @@ TEST(Stream, EveryCutOfARecordReadsZerosOrClampedBlocks) {
     const Bytes exact(all.begin(), all.begin() + cut);  // a read past it shows under ASan
     Stream memory;
     memory.Write(exact.data(), cut);
-    ReadOnlyStream owning(exact.data(), cut), view = ReadOnlyStream::View(exact.data(), cut);
+    ReadOnlyStream owning(exact.data(), cut), view = ReadOnlyStream(exact.data(), cut);
     for (Stream* s : {&memory, static_cast<Stream*>(&owning), static_cast<Stream*>(&view)}) {
       size_t at = 0;
       for (const Field& f : fields) {
@@ -88,7 +89,7 @@ TEST(Stream, EveryCutOfARecordReadsZerosOrClampedBlocks) {
 
 TEST(Stream, ReadOnlyCopiesOwnTheirBytesAndSubStreamsOutliveTheirParent) {
   auto bytes = std::make_unique<Bytes>(Bytes{4, 0, 0, 0, 'n', 'e', 's', 't', 42});
-  ReadOnlyStream view = ReadOnlyStream::View(bytes->data(), bytes->size()), copy(view), sub;
+  ReadOnlyStream view = ReadOnlyStream(bytes->data(), bytes->size()), copy(view), sub;
   EXPECT_FALSE(view.OwnsBytes());
   EXPECT_FALSE(view.ReadStream().OwnsBytes());
   bytes.reset();  // the view dangles now; the copy must not care
@@ -96,14 +97,14 @@ TEST(Stream, ReadOnlyCopiesOwnTheirBytesAndSubStreamsOutliveTheirParent) {
     ReadOnlyStream parent;
     parent = copy;  // shares the storage, keeps its own position
     sub = parent.ReadStream();
-    EXPECT_EQ(parent.ReadValue<uint8_t>(), 42);
+    EXPECT_EQ(ReadValue<uint8_t>(parent), 42);
   }
   EXPECT_EQ(std::string(sub.GetBuffer(), sub.GetBuffer() + sub.GetSize()), "nest");
   ReadOnlyStream moved(std::move(copy));
   EXPECT_EQ(moved.GetSize(), 9u);
   EXPECT_EQ(copy.GetSize(), 0u);
-  EXPECT_THROW(moved.WriteValue<uint8_t>(1), std::logic_error);
-  EXPECT_EQ((moved.Flush(), moved.GetPosition()), 9u) << "a flush skips the rest";
+  EXPECT_THROW(WriteValue<uint8_t>(moved, 1), std::logic_error);
+  EXPECT_EQ((moved.Flush(), orvex::filesystem::PositionOf(moved)), 9u) << "a flush skips the rest";
 }
 
 TEST(Stream, WriteOnlyFlushRunsTheHandlerOnceThenEmptiesUnlessItThrows) {
@@ -112,12 +113,12 @@ TEST(Stream, WriteOnlyFlushRunsTheHandlerOnceThenEmptiesUnlessItThrows) {
   int calls = 0;
   stream.flushHandler = [&] {
     if (++calls == 2) throw std::runtime_error("send failed");
-    stream.Flush();                 // inside the handler: only empties
-    stream.WriteValue<uint8_t>(9);  // emptied by the outer flush
+    stream.Flush();                  // inside the handler: only empties
+    WriteValue<uint8_t>(stream, 9);  // emptied by the outer flush
   };
   stream.Write("ok"s), stream.Flush();
   EXPECT_EQ(stream.GetBufferSize(), 0u);
-  stream.WriteValue<uint8_t>(1);
+  WriteValue<uint8_t>(stream, 1);
   EXPECT_THROW(stream.Flush(), std::runtime_error);
   EXPECT_EQ(stream.GetBufferSize(), 1u) << "the bytes stay for the caller";
   stream.Flush();  // the handler runs again

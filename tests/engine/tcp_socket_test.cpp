@@ -9,13 +9,15 @@
 #include <thread>
 #include <vector>
 
+#include "filesystem/StreamValues.h"
+#include "net/TcpConnection.h"
 #include "net/TcpListener.h"
 #include "orvex/net/Socket.h"
 
 namespace {
 
+using orvex::net::TcpConnection;
 using orvex::net::TcpListener;
-using orvex::net::TcpSocket;
 using Bytes = std::vector<uint8_t>;
 
 // A connected pair over loopback.
@@ -23,13 +25,13 @@ struct Connection {
   // Listening on "::", the client connects over IPv4.
   explicit Connection(const std::string& host = "127.0.0.1", int stallMs = 5000)
       : listener(host, 0),
-        client(std::make_unique<TcpSocket>(host == "::" ? "127.0.0.1" : host, listener.GetPort(), 0,
-                                           stallMs)),
+        client(std::make_unique<TcpConnection>(host == "::" ? "127.0.0.1" : host,
+                                               listener.GetPort(), 0, stallMs)),
         server(listener.Accept(5000)) {
     if (server == nullptr) throw std::runtime_error("no connection accepted");
   }
   TcpListener listener;
-  std::unique_ptr<TcpSocket> client, server;
+  std::unique_ptr<TcpConnection> client, server;
   std::jthread reader;  // a slow peer's, stopped and joined first
 };
 
@@ -45,7 +47,7 @@ std::string ErrorOf(const std::function<void()>& action) {
 // Writing until the broken connection shows fails the flush, and every later flush at once.
 // A peer that keeps taking a little is held to one deadline for the whole flush: a limit
 // per wait would let its 64 MiB flush end well after some 6 s.
-TEST(TcpSocket, AFlushOnABrokenConnectionFailsAndKeepsFailing) {
+TEST(TcpConnection, AFlushOnABrokenConnectionFailsAndKeepsFailing) {
   const auto slowly = [](Connection& c) {
     c.reader = std::jthread([&c](std::stop_token stop) {
       static unsigned char some[1 << 20];
@@ -82,18 +84,18 @@ TEST(TcpSocket, AFlushOnABrokenConnectionFailsAndKeepsFailing) {
     }
     EXPECT_EQ(error, row.error);
     EXPECT_EQ(c.client->GetBufferSize(), 0u);
-    c.client->WriteValue<uint8_t>(2);
+    WriteValue<uint8_t>(*c.client, 2);
     EXPECT_EQ(ErrorOf([&] { c.client->Flush(); }), row.error);
   }
 }
 
 // A read ends in an error at the end, a stalled peer or a shutdown.
-TEST(TcpSocket, PollSeesBufferedBytesAndAReadEndsAtTheEndAStallOrAShutdown) {
+TEST(TcpConnection, PollSeesBufferedBytesAndAReadEndsAtTheEndAStallOrAShutdown) {
   Connection c;
   EXPECT_EQ(c.client->Poll(20), 0);
-  c.server->WriteValue<uint64_t>(0x1111111122222222ull), c.server->Flush();
+  WriteValue<uint64_t>(*c.server, 0x1111111122222222ull), c.server->Flush();
   ASSERT_EQ(c.client->Poll(5000), 1);
-  EXPECT_EQ(c.client->ReadValue<uint32_t>(), 0x22222222u);
+  EXPECT_EQ(ReadValue<uint32_t>(*c.client), 0x22222222u);
   EXPECT_EQ(c.client->Poll(0), 1) << "the rest sits in the receive buffer";
   uint8_t rest[8];
   EXPECT_EQ(c.client->ReadSome(rest, sizeof rest), 4u);
@@ -102,25 +104,25 @@ TEST(TcpSocket, PollSeesBufferedBytesAndAReadEndsAtTheEndAStallOrAShutdown) {
   c.server.reset();
   EXPECT_EQ(c.client->Poll(5000), 1);
   Connection silent("127.0.0.1", 300);  // a peer that stops sending halfway
-  EXPECT_EQ(ErrorOf([&] { silent.client->ReadValue<uint8_t>(); }),
+  EXPECT_EQ(ErrorOf([&] { ReadValue<uint8_t>(*silent.client); }),
             "TCP read stalled: no byte for 300 ms");
   std::string error;
-  std::thread reader([&] { error = ErrorOf([&] { silent.server->ReadValue<uint8_t>(); }); });
+  std::thread reader([&] { error = ErrorOf([&] { ReadValue<uint8_t>(*silent.server); }); });
   silent.server->Shutdown();
   reader.join();
   EXPECT_EQ(error, "Connection shut down");
 }
 
 // Addresses print as the UDP suite pins them; a listener on "::" takes IPv4 peers too.
-TEST(TcpSocket, ListenerWaitsWithoutTimeOutRefusesOnceClosedAndTakesIpv4OnDualStack) {
+TEST(TcpConnection, ListenerWaitsWithoutTimeOutRefusesOnceClosedAndTakesIpv4OnDualStack) {
   Connection c;
   EXPECT_EQ(c.server->GetRemotePort(), c.client->GetLocalPort());
   const std::string port = std::to_string(c.listener.GetPort());
-  TcpSocket pending("127.0.0.1", c.listener.GetPort(), 0, 5000);
+  TcpConnection pending("127.0.0.1", c.listener.GetPort(), 0, 5000);
   EXPECT_NE(c.listener.Accept(-1), nullptr) << "without a time-out it waits for the connection";
   c.listener.Close();
   EXPECT_EQ(c.listener.Accept(-1), nullptr);
-  EXPECT_EQ(ErrorOf([&] { TcpSocket("127.0.0.1", c.listener.GetPort(), 0, 5000); }),
+  EXPECT_EQ(ErrorOf([&] { TcpConnection("127.0.0.1", c.listener.GetPort(), 0, 5000); }),
             "Connection to 127.0.0.1:" + port + " failed: Connection refused");
   try {
     Connection dual("::");

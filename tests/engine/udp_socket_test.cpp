@@ -12,13 +12,15 @@
 #include <vector>
 
 #include "Wait.h"
+#include "filesystem/StreamValues.h"
+#include "net/UdpEndpoint.h"
 #include "orvex/net/Socket.h"
 
 namespace {
 
 using orvex::filesystem::ReadOnlyStream;
-using orvex::net::UdpSocket;
-const UdpSocket::BindTag kBind;
+using orvex::net::UdpEndpoint;
+const UdpEndpoint::BindTag kBind;
 
 // What a receiving socket saw; declared before the sockets, so it outlives their delivery threads.
 struct Inbox {
@@ -28,10 +30,10 @@ struct Inbox {
     std::string address;
     uint16_t port;
   };
-  UdpSocket::Callback Callback() {
-    return [this](const UdpSocket& socket, ReadOnlyStream&& stream) {
+  UdpEndpoint::Callback Callback() {
+    return [this](const UdpEndpoint& socket, ReadOnlyStream&& stream) {
       std::lock_guard lock(mutex);
-      got.push_back({stream.ReadValue<uint32_t>(), stream.GetSize(), socket.GetIncomingAddress(),
+      got.push_back({ReadValue<uint32_t>(stream), stream.GetSize(), socket.GetIncomingAddress(),
                      socket.GetIncomingPort()});
     };
   }
@@ -47,25 +49,25 @@ struct Inbox {
   std::vector<Datagram> got;
 };
 
-void Send(UdpSocket& socket, uint32_t first, uint32_t count, size_t padding = 0) {
+void Send(UdpEndpoint& socket, uint32_t first, uint32_t count, size_t padding = 0) {
   for (uint32_t i = first; i < first + count; ++i) {
-    socket.WriteValue(i);
-    for (size_t p = 0; p < padding; ++p) socket.WriteValue<uint8_t>(0xEE);
+    WriteValue(socket, i);
+    for (size_t p = 0; p < padding; ++p) WriteValue<uint8_t>(socket, 0xEE);
     socket.Flush();
   }
 }
 
-TEST(UdpSocket, WritesFillADatagramAndBatchesArriveInOrderWithTheirSenderTillDeliveryStops) {
+TEST(UdpEndpoint, WritesFillADatagramAndBatchesArriveInOrderWithTheirSenderTillDeliveryStops) {
   Inbox inbox;
-  UdpSocket server(kBind, "127.0.0.1", 0, 0), client("127.0.0.1", server.GetLocalPort(), 104);
-  UdpSocket other("127.0.0.1", server.GetLocalPort(), 1400);
-  server.WriteValue<uint8_t>(1);
+  UdpEndpoint server(kBind, "127.0.0.1", 0, 0), client("127.0.0.1", server.GetLocalPort(), 104);
+  UdpEndpoint other("127.0.0.1", server.GetLocalPort(), 1400);
+  WriteValue<uint8_t>(server, 1);
   EXPECT_THROW(server.Flush(), std::runtime_error) << "no destination yet";
   Send(client, 0, 39, 100);  // queued before delivery starts: the first reads are full batches
-  client.WriteValue<uint32_t>(39);
+  WriteValue<uint32_t>(client, 39);
   client.Write(std::vector<uint8_t>(100, 0xEE).data(), 100);
-  EXPECT_THROW(client.WriteValue<uint8_t>(3), std::runtime_error) << "overflows the datagram";
-  EXPECT_THROW(client.ReadValue<uint8_t>(), std::logic_error);
+  EXPECT_THROW(WriteValue<uint8_t>(client, 3), std::runtime_error) << "overflows the datagram";
+  EXPECT_THROW(ReadValue<uint8_t>(client), std::logic_error);
   client.Flush(), client.Flush();  // the second is empty: nothing is sent
   server.Receive(inbox.Callback());
   EXPECT_THROW(server.Receive(inbox.Callback()), std::logic_error);
@@ -90,20 +92,20 @@ TEST(UdpSocket, WritesFillADatagramAndBatchesArriveInOrderWithTheirSenderTillDel
   EXPECT_EQ(inbox.WaitFor(102).size(), 102u);
 }
 
-TEST(UdpSocket, CallbackExceptionsAreDroppedAndAStopEndsItsBatchOrWaitsForTheCallback) {
+TEST(UdpEndpoint, CallbackExceptionsAreDroppedAndAStopEndsItsBatchOrWaitsForTheCallback) {
   Inbox inbox;
-  UdpSocket server(kBind, "127.0.0.1", 0, 0), client("127.0.0.1", server.GetLocalPort(), 1400);
+  UdpEndpoint server(kBind, "127.0.0.1", 0, 0), client("127.0.0.1", server.GetLocalPort(), 1400);
   Send(client, 0, 6);  // all six come in the first batch
   const auto record = inbox.Callback();
   int calls = 0;  // delivery thread only
-  server.Receive([&](const UdpSocket& socket, ReadOnlyStream&& stream) {
+  server.Receive([&](const UdpEndpoint& socket, ReadOnlyStream&& stream) {
     if (++calls == 4) server.StopReceiving();  // delivery ends after this one
     record(socket, std::move(stream));
     throw std::runtime_error("bad datagram");
   });
   ASSERT_EQ(inbox.WaitFor(4).size(), 4u);
   std::atomic<int> finished = 0;
-  server.Receive([&](const UdpSocket& socket, ReadOnlyStream&& stream) {  // joins the stopped one
+  server.Receive([&](const UdpEndpoint& socket, ReadOnlyStream&& stream) {  // joins the stopped one
     record(socket, std::move(stream));
     std::this_thread::sleep_for(std::chrono::milliseconds(50));  // widens the window only
     ++finished;
@@ -114,7 +116,7 @@ TEST(UdpSocket, CallbackExceptionsAreDroppedAndAStopEndsItsBatchOrWaitsForTheCal
   EXPECT_EQ(finished, 1) << "StopReceiving waits for the callback in flight";
 }
 
-TEST(UdpSocket, SendersPrintNormalisedAndRepliesReachThem) {
+TEST(UdpEndpoint, SendersPrintNormalisedAndRepliesReachThem) {
   const struct {
     const char *name, *server, *sender;
     bool bound;  // the sender is bound to its address, else a client-form socket
@@ -125,10 +127,10 @@ TEST(UdpSocket, SendersPrintNormalisedAndRepliesReachThem) {
     SCOPED_TRACE(row.name);
     Inbox atServer, atSender;
     try {
-      UdpSocket server(kBind, row.server, 0, 1400);
+      UdpEndpoint server(kBind, row.server, 0, 1400);
       auto sender = row.bound
-                        ? std::make_unique<UdpSocket>(kBind, row.sender, 0, 1400)
-                        : std::make_unique<UdpSocket>(row.sender, server.GetLocalPort(), 1400);
+                        ? std::make_unique<UdpEndpoint>(kBind, row.sender, 0, 1400)
+                        : std::make_unique<UdpEndpoint>(row.sender, server.GetLocalPort(), 1400);
       sender->SetDestination(row.sender, server.GetLocalPort());
       server.Receive(atServer.Callback()), sender->Receive(atSender.Callback());
       Send(*sender, 1, 1);
@@ -145,10 +147,10 @@ TEST(UdpSocket, SendersPrintNormalisedAndRepliesReachThem) {
   }
 }
 
-TEST(UdpSocket, SimulatedFaultsOfBothDirectionsReachTheCallback) {
+TEST(UdpEndpoint, SimulatedFaultsOfBothDirectionsReachTheCallback) {
   Inbox inbox, none;
-  UdpSocket server(kBind, "127.0.0.1", 0, 0), client("127.0.0.1", server.GetLocalPort(), 1400);
-  UdpSocket other("127.0.0.1", server.GetLocalPort(), 1400);
+  UdpEndpoint server(kBind, "127.0.0.1", 0, 0), client("127.0.0.1", server.GetLocalPort(), 1400);
+  UdpEndpoint other("127.0.0.1", server.GetLocalPort(), 1400);
   EXPECT_THROW(server.Simulate("loss=5"), std::invalid_argument);
   server.Simulate("in.dup=100%,in.jitter=5ms,in.reorder=30%,seed=4,for=600s");
   client.Simulate("out.delay=10ms,out.jitter=10ms");  // held: the sender thread sends them

@@ -9,6 +9,8 @@
 #include "GAME_Mod.h"
 #include "Game.h"
 #include "StderrCapture.h"
+#include "filesystem/StreamValues.h"
+#include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
 #include "game/graphics/Renderer.h"
 
@@ -22,15 +24,17 @@ constexpr Id kId{0x1111, 0x2222}, kParent{0x3333, 0x4444};
 
 class EntityInterface : public ::testing::Test {
  protected:
-  void TearDown() override { Game::ResetEntities(), GAME_Mod::UnloadAll(), Game::Reset(); }
+  void TearDown() override {
+    orvex::engine::ResetEntities(), orvex::engine::UnloadAllMods(), orvex::engine::ResetGame();
+  }
   static void LoadMod(const std::string& name, GAME_Mod::InterfaceSupplier supply) {
     auto mod = std::make_shared<GAME_Mod>(name);
-    mod->supplyInterface = std::move(supply);
-    GAME_Mod::Load(mod);
+    orvex::engine::InterfaceSupplier modSupplier = std::move(supply);
+    orvex::engine::LoadMod(mod, modSupplier);
   }
   static ClientSideEntity::Ptr Create(Id id, const std::string& module, uint32_t payload = 0) {
     orvex::filesystem::Stream data;
-    data.WriteValue(payload);
+    WriteValue(data, payload);
     return Interface::Create(id, module, "ship", kParent, {1, 2, 3}, {0.5, 0.5, 0.5, 0.5},
                              {data.GetBuffer(), data.GetBufferSize()});
   }
@@ -49,7 +53,7 @@ struct Recorder : Interface {
            std::to_string(aimId);
   }
   void Sync(orvex::filesystem::ReadOnlyStream& data) override {
-    const uint32_t value = data.ReadValue<uint32_t>();
+    const uint32_t value = ReadValue<uint32_t>(data);
     log.push_back("Sync" + State() + " data " + std::to_string(value));
     if (value == 0xBAD) throw std::runtime_error("bad entity data");
   }
@@ -76,8 +80,8 @@ TEST_F(EntityInterface, ComesToLifeLinkedPlacedSyncedInitialisedThenReady) {
     EXPECT_TRUE(r->linked);
     EXPECT_EQ(r->aimId, 1u);
   }
-  ASSERT_EQ(Game::renderer->AimReferenceCount(), 1u);
-  const auto aim = Game::renderer->AimReferences().at(0);
+  ASSERT_EQ(orvex::engine::AimReferenceCount(), 1u);
+  const auto aim = orvex::engine::AimReferences().at(0);
   EXPECT_EQ(aim.name, "TEST_probe") << "named by the module's canonical text";
   const auto* weak = std::any_cast<std::weak_ptr<Interface>>(&aim.reference);
   ASSERT_TRUE(weak);
@@ -120,7 +124,7 @@ TEST_F(EntityInterface, NoInterfaceRemovesTheEntityTheDefaultReadsNothingAnOwnIn
 
   orvex::filesystem::ReadOnlyStream data(std::vector<uint8_t>{7, 0, 0, 0});
   const auto ship = Interface::Create(kId, "core_Ship", "", {}, {}, {}, std::move(data));
-  EXPECT_EQ(data.GetPosition(), 0u) << "the default Sync reads nothing";
+  EXPECT_EQ(orvex::filesystem::PositionOf(data), 0u) << "the default Sync reads nothing";
   EXPECT_TRUE(ship->ready);
   EXPECT_TRUE(ship->interface->ready);
   EXPECT_EQ(ship->interface->aimId, 1u);
@@ -132,8 +136,8 @@ TEST_F(EntityInterface, NoInterfaceRemovesTheEntityTheDefaultReadsNothingAnOwnIn
   Game::renderer->AddAimReference("not an interface", 1);  // kept
   for (uint64_t i = 100; i < 1100; ++i)
     Create({i, i}, "CORE_ship"), ClientSideEntity::Destroy({i, i});
-  EXPECT_LE(Game::renderer->AimReferenceCount(), 64u);
-  EXPECT_EQ(Game::renderer->AimReferences().at(0).aimId, 1u) << "live ones stay";
+  EXPECT_LE(orvex::engine::AimReferenceCount(), 64u);
+  EXPECT_EQ(orvex::engine::AimReferences().at(0).aimId, 1u) << "live ones stay";
 }
 
 }  // namespace

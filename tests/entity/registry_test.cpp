@@ -14,6 +14,7 @@
 #include "Game.h"
 #include "StderrCapture.h"
 #include "entity/RegistryWalk.h"
+#include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
 
 namespace {
@@ -36,10 +37,14 @@ class EntityRegistry : public ::testing::Test {
  protected:
   void SetUp() override {
     auto mod = std::make_shared<GAME_Mod>("TEST_probe");
-    mod->supplyInterface = [](ClientSideEntity& e) { e.interface = std::make_shared<Counted>(); };
-    GAME_Mod::Load(mod);
+    orvex::engine::InterfaceSupplier modSupplier = [](ClientSideEntity& e) {
+      e.interface = std::make_shared<Counted>();
+    };
+    orvex::engine::LoadMod(mod, modSupplier);
   }
-  void TearDown() override { Game::ResetEntities(), GAME_Mod::UnloadAll(), Game::Reset(); }
+  void TearDown() override {
+    orvex::engine::ResetEntities(), orvex::engine::UnloadAllMods(), orvex::engine::ResetGame();
+  }
   static ClientSideEntity::Ptr Create(Id id, const std::string& text = "entity") {
     return ClientSideEntity::Create<ClientSideEntity>(id, "TEST_probe", text);
   }
@@ -119,7 +124,7 @@ TEST_F(EntityRegistry, AWalkAlongMarksKeepsTheRegistrysOrder) {
       {"a rehash reordered the list", [&] { map.rehash(20000); }},
       {"refilled in another order",
        [&] {
-         Game::ResetEntities();
+         orvex::engine::ResetEntities();
          for (uint64_t n = 3500; n-- > 1;) Create(id(n))->hasPendingActions = n % 3 == 0;
        }},
   };
@@ -145,7 +150,7 @@ TEST(ActionFlag, CountsEntitiesWhoseFlagIsSetHoweverItChanges) {
   };
   auto a = make(1), b = make(2);
   a->hasPendingActions = true, a->hasPendingActions = true;  // setting a set flag again counts once
-  b->QueueAction(orvex::filesystem::Stream());
+  orvex::engine::QueueAction(*b, orvex::filesystem::Stream());
   EXPECT_EQ(game::entity::ActionFlag::Pending(), before + 2);
   a->hasPendingActions = false, a->hasPendingActions = false;
   EXPECT_EQ(game::entity::ActionFlag::Pending(), before + 1);

@@ -6,6 +6,7 @@
 
 #include "GAME_Mod.h"
 #include "Game.h"
+#include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
 
 namespace {
@@ -85,7 +86,7 @@ TEST(EntityTransform, AbsoluteTransformsOfWorkedExamples) {
       for (int r = 0; r < 4; ++r) EXPECT_NEAR(actual[c][r], row.expected[c][r], 1e-12) << c << r;
     }
     entity.reset();
-    Game::ResetEntities();
+    orvex::engine::ResetEntities();
   }
 }
 

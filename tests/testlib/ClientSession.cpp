@@ -10,6 +10,7 @@
 
 #include "GAME_Mod.h"
 #include "Game.h"
+#include "game/Host.h"
 #include "support/Timer.h"
 
 namespace testlib {
@@ -63,7 +64,7 @@ void RecordingInterface::Sync(ReadOnlyStream& data) {
 void InstallTestMods() {
   if (GAME_Mod::GetModule(kEntityMod)) return;
   auto entities = std::make_shared<GAME_Mod>(kEntityMod);
-  entities->supplyInterface = [](ClientSideEntity& entity) {
+  orvex::engine::InterfaceSupplier entitiesSupplier = [](ClientSideEntity& entity) {
     if (entity.text == "nointerface") return;
     entity.interface = std::make_shared<RecordingInterface>();
     entity.serverDriven = entity.text != "static";
@@ -80,7 +81,7 @@ void InstallTestMods() {
     ++probeCount;
     probeArrived.notify_all();
   };
-  for (const auto& mod : {entities, recorder, probe}) GAME_Mod::Load(mod);
+  for (const auto& mod : {entities, recorder, probe}) orvex::engine::LoadMod(mod);
 }
 
 std::vector<Bytes> RecordedPayloads() {
@@ -103,13 +104,13 @@ void LoadSendMod(const std::string& name, SendScript script) {
     sendScripts[scriptsInUse] = std::move(script);
     mod->clientSendHandler = kHandlers[scriptsInUse++];
   }
-  GAME_Mod::Load(mod);
+  orvex::engine::LoadMod(mod);
 }
 
 void ResetClientState() {
-  Game::ResetEntities();
-  GAME_Mod::UnloadAll();
-  Game::Reset();
+  orvex::engine::ResetEntities();
+  orvex::engine::UnloadAllMods();
+  orvex::engine::ResetGame();
   Timer::SetClockSourceForTesting(nullptr);
   client::Client::_instance = nullptr;
   client::Client::error.clear();

@@ -12,6 +12,7 @@
 #include "Messages.h"
 #include "TestServer.h"
 #include "client/Client.h"
+#include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
 
 namespace testlib {
@@ -51,7 +52,7 @@ inline ClientSideEntity::Ptr FindEntity(game::entity::Id id) {
 inline void QueueAction(ClientSideEntity& entity, const Bytes& payload) {
   orvex::filesystem::Stream action;
   WriteBytes(action, payload);
-  entity.QueueAction(std::move(action));
+  orvex::engine::QueueAction(entity, std::move(action));
 }
 
 // Loads mod `name` whose send handler runs `script` (none when empty); four per case.

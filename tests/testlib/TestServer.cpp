@@ -5,6 +5,9 @@
 #include <stdexcept>
 #include <utility>
 
+#include "filesystem/StreamValues.h"
+#include "net/TcpConnection.h"
+#include "net/UdpEndpoint.h"
 #include "protocol/Ports.h"
 
 namespace testserver {
@@ -23,7 +26,8 @@ int64_t NowMs() {
 
 // ---------------------------------------------------------------------------------------
 
-TestConnection::TestConnection(std::unique_ptr<orvex::net::TcpSocket> tcp) : tcp_(std::move(tcp)) {}
+TestConnection::TestConnection(std::unique_ptr<orvex::net::TcpConnection> tcp)
+    : tcp_(std::move(tcp)) {}
 
 TestConnection::~TestConnection() = default;
 
@@ -97,10 +101,11 @@ wire::ClientMessage TestConnection::ReadMessage(int timeoutMs) {
   const int64_t deadline = NowMs() + timeoutMs;
   for (;;) {
     if (!pending_.empty()) {
-      auto in = orvex::filesystem::ReadOnlyStream::View(pending_.data(), pending_.size());
+      auto in = orvex::filesystem::ReadOnlyStream(pending_.data(), pending_.size());
       try {
         wire::ClientMessage message = wire::ReadClientMessage(in);
-        pending_.erase(pending_.begin(), pending_.begin() + static_cast<long>(in.GetPosition()));
+        pending_.erase(pending_.begin(),
+                       pending_.begin() + static_cast<long>(orvex::filesystem::PositionOf(in)));
         return message;
       } catch (const wire::Truncated&) {
         // A prefix of a message: wait for the rest.
@@ -142,7 +147,7 @@ TestServer::TestServer(const std::string& host) : host_(host) {
   udp_ = std::move(pair.udp);
   port_ = listener_->GetPort();
   udp_->Receive(
-      [this](const orvex::net::UdpSocket& socket, orvex::filesystem::ReadOnlyStream&& datagram) {
+      [this](const orvex::net::UdpEndpoint& socket, orvex::filesystem::ReadOnlyStream&& datagram) {
         ReceivedDatagram received;
         received.address = socket.GetIncomingAddress();
         received.port = socket.GetIncomingPort();
@@ -158,7 +163,7 @@ TestServer::~TestServer() {
 }
 
 std::unique_ptr<TestConnection> TestServer::Accept(int timeoutMs) {
-  std::unique_ptr<orvex::net::TcpSocket> tcp = listener_->Accept(timeoutMs);
+  std::unique_ptr<orvex::net::TcpConnection> tcp = listener_->Accept(timeoutMs);
   if (!tcp) throw std::runtime_error("no connection within " + std::to_string(timeoutMs) + " ms");
   return std::make_unique<TestConnection>(std::move(tcp));
 }
@@ -190,7 +195,7 @@ void TestServer::SendDatagram(const std::string& host, uint16_t port, const Byte
 
 void TestServer::SendDatagramFrom(const std::string& sourceHost, const std::string& host,
                                   uint16_t port, const Bytes& bytes) {
-  orvex::net::UdpSocket socket(orvex::net::UdpSocket::BindTag{}, sourceHost, 0, kUdpCapacity);
+  orvex::net::UdpEndpoint socket(orvex::net::UdpEndpoint::BindTag{}, sourceHost, 0, kUdpCapacity);
   socket.SetDestination(host, port);
   socket.Write(bytes.data(), bytes.size());
   socket.Flush();

@@ -11,7 +11,9 @@
 #include <string>
 #include <vector>
 
+#include "net/TcpConnection.h"
 #include "net/TcpListener.h"
+#include "net/UdpEndpoint.h"
 #include "orvex/net/Socket.h"
 #include "protocol/Wire.h"
 
@@ -30,10 +32,10 @@ struct ReceivedDatagram {
 // Threads: one test thread at a time.
 class TestConnection {
  public:
-  explicit TestConnection(std::unique_ptr<orvex::net::TcpSocket> tcp);
+  explicit TestConnection(std::unique_ptr<orvex::net::TcpConnection> tcp);
   ~TestConnection();
 
-  orvex::net::TcpSocket& Tcp() { return *tcp_; }
+  orvex::net::TcpConnection& Tcp() { return *tcp_; }
 
   // Reads the client's hello (waiting up to 10 s for it). After the token, waits up to
   // `passwordWaitMs` for a password marker that has not arrived yet.
@@ -59,7 +61,7 @@ class TestConnection {
   // false on time-out or when the connection has ended.
   bool Fill(int64_t deadlineMs);
 
-  std::unique_ptr<orvex::net::TcpSocket> tcp_;
+  std::unique_ptr<orvex::net::TcpConnection> tcp_;
   Bytes pending_;
   bool closed_ = false;
 };
@@ -89,13 +91,13 @@ class TestServer {
   void SendDatagramFrom(const std::string& sourceHost, const std::string& host, uint16_t port,
                         const Bytes& bytes);
 
-  orvex::net::UdpSocket& Udp() { return *udp_; }
+  orvex::net::UdpEndpoint& Udp() { return *udp_; }
 
  private:
   std::string host_;
   uint16_t port_ = 0;
   std::unique_ptr<orvex::net::TcpListener> listener_;
-  std::unique_ptr<orvex::net::UdpSocket> udp_;
+  std::unique_ptr<orvex::net::UdpEndpoint> udp_;
   std::mutex sendMutex_;  // the UDP socket's writer side
   // Filled by the UDP delivery thread, drained by the test thread.
   std::mutex queueMutex_;

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "net/UdpEndpoint.h"
 #include "orvex/filesystem/Stream.h"
 #include "orvex/net/Socket.h"
 #include "protocol/Wire.h"
@@ -23,7 +24,7 @@ class UdpInbox {
  public:
   explicit UdpInbox(uint16_t port, const std::string& host = "127.0.0.1")
       : udp_(host, port, wire::kMaxDatagram) {
-    udp_.Receive([this](const orvex::net::UdpSocket&, orvex::filesystem::ReadOnlyStream&& d) {
+    udp_.Receive([this](const orvex::net::UdpEndpoint&, orvex::filesystem::ReadOnlyStream&& d) {
       Bytes bytes(d.GetBufferSize());
       d.Read(bytes.data(), bytes.size());
       std::lock_guard<std::mutex> lock(mutex_);
@@ -46,7 +47,7 @@ class UdpInbox {
   }
 
  private:
-  orvex::net::UdpSocket udp_;
+  orvex::net::UdpEndpoint udp_;
   std::mutex mutex_;
   std::condition_variable arrived_;
   std::vector<Bytes> received_;

@@ -12,6 +12,7 @@
 #include "Messages.h"
 #include "UdpInbox.h"
 #include "Wait.h"
+#include "net/TcpConnection.h"
 #include "orvex/net/Socket.h"
 
 namespace {
@@ -63,7 +64,7 @@ struct Player {
     EXPECT_HEX_EQ(wire::Join({first, Read(expected.size() - 1)}), expected);
     return info;
   }
-  orvex::net::TcpSocket tcp;
+  orvex::net::TcpConnection tcp;
 };
 
 gameserver::Options Still(size_t entities) {

@@ -12,6 +12,7 @@
 #include "client/Client.h"
 #include "client/Sandbox.h"
 #include "common/OutputFile.h"
+#include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
 #include "protocol/Hex.h"
 
@@ -111,7 +112,7 @@ void WriteDump(std::ostream& out, const Identity& identity) {
                      {"mode", Game::_mode},
                      {"mods", Game::_mods},
                      {"timestamp", Number(Game::timestamp.load())},
-                     {"config", Game::config.Text()},
+                     {"config", orvex::engine::ConfigText()},
                      {"entities", entities},
                      {"moduleMessages", messages},
                      {"moduleMessagesLeftOut", sandbox::ModuleMessagesLeftOut()}};

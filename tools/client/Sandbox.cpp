@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "GAME_Mod.h"
+#include "game/Host.h"
 #include "game/graphics/Renderer.h"
 
 namespace sandbox {
@@ -97,7 +98,7 @@ class Instance {
     if (!entity) return;
     orvex::filesystem::Stream action;
     action.Write(payload.data() + 1 + kIdSize, payload.size() - 1 - kIdSize);
-    entity->QueueAction(std::move(action));
+    orvex::engine::QueueAction(*entity, std::move(action));
   }
 
   const std::string module_;
@@ -208,9 +209,9 @@ std::shared_ptr<GAME_Mod> Load(const std::string& name) {
   mod->clientConnectHandler = &ConnectHandler;
   mod->clientSendHandler = kSendHandlers[slot];
   mod->clientMessageHandler = kMessageHandlers[slot];
-  mod->supplyInterface = &SupplyInterface;
+  orvex::engine::InterfaceSupplier modSupplier = &SupplyInterface;
   try {
-    GAME_Mod::Load(mod);
+    orvex::engine::LoadMod(mod, modSupplier);
   } catch (...) {
     Slots& slots = Table();
     std::lock_guard<std::mutex> lock(slots.mutex);
@@ -228,7 +229,7 @@ void UnloadAll() {
     unloaded.swap(slots.instances);
   }
   for (const std::shared_ptr<Instance>& instance : unloaded) {
-    if (instance) GAME_Mod::Unload(instance->Module());
+    if (instance) orvex::engine::UnloadMod(instance->Module());
   }
   MessageLog& log = Log();
   std::lock_guard<std::mutex> lock(log.mutex);

@@ -9,6 +9,7 @@
 
 #include "client/Client.h"
 #include "game/Networking.h"
+#include "net/UdpEndpoint.h"
 
 namespace gameclient {
 namespace {
@@ -143,7 +144,7 @@ nlohmann::ordered_json ToJson(const Second& s) {
 }
 
 void NetworkStats::Install(std::shared_ptr<NetworkStats> stats) {
-  orvex::net::UdpSocket::TapNewClientSockets(std::move(stats));
+  orvex::net::UdpEndpoint::TapNewClientSockets(std::move(stats));
 }
 
 void NetworkStats::Delivered(const unsigned char* data, unsigned long size, Clock::time_point at) {

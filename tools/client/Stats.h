@@ -11,6 +11,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include "net/UdpEndpoint.h"
 #include "orvex/net/Socket.h"
 
 namespace client {

@@ -13,6 +13,7 @@
 #include "Game.h"
 #include "client/Client.h"
 #include "common/Log.h"
+#include "game/Host.h"
 #include "game/Networking.h"
 #include "game/entity/ClientSideEntity.h"
 
@@ -53,7 +54,7 @@ Figures Measure(const client::Client& client) {
   f.droppedSender = Load(c.droppedSender);
   f.droppedStale = Load(c.droppedStale);
   f.droppedForeign = Load(c.droppedForeign);
-  f.passesDropped = Game::SynchronizeFigures().dropped;
+  f.passesDropped = orvex::engine::SynchronizeFigures().dropped;
   for (const std::atomic<uint64_t>& n : c.reliableByCode) f.reliable += Load(n);
   f.creates = Load(c.reliableByCode[0x40]);
   f.destroys = Load(c.reliableByCode[0x41]);

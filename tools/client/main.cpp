@@ -34,7 +34,9 @@
 #include "common/Log.h"
 #include "common/OutputFile.h"
 #include "common/Recording.h"
+#include "game/Host.h"
 #include "game/Networking.h"
+#include "net/UdpEndpoint.h"
 #include "orvex/net/Socket.h"
 
 namespace {
@@ -143,7 +145,8 @@ Ending Run(client::Client& client, const Options& options, gameclient::NetworkSt
     const auto begun = Clock::now();
     // State passes get half a frame; what is left waits for the next frame, so a burst
     // of state delays state, never the frame.
-    Game::RunSynchronized(frame / 2, [&stats](Clock::duration wait) { stats.Waited(wait); });
+    orvex::engine::RunSynchronized(frame / 2,
+                                   [&stats](Clock::duration wait) { stats.Waited(wait); });
     client.Send();
     monitor.Frame(client, begun);
     next += frame;
@@ -246,7 +249,7 @@ int main(int argc, char** argv) {
   }
   // The client module owns its UDP socket; the engine hands the settings to it at creation.
   try {
-    orvex::net::UdpSocket::SimulateNewClientSockets(options.simulate);
+    orvex::net::UdpEndpoint::SimulateNewClientSockets(options.simulate);
   } catch (const std::invalid_argument& e) {
     return Usage(e.what());
   }
@@ -339,7 +342,7 @@ int main(int argc, char** argv) {
   client.reset();
   if (!FinishRecording(recorder, "the run ended (" + ending.text + ")")) failed = true;
   try {
-    Game::RunSynchronized();
+    orvex::engine::RunSynchronized();
   } catch (const std::exception& e) {
     std::cerr << tools::LogHead("game-client", tools::Level::kError) << e.what() << std::endl;
     failed = true;

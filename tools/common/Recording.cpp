@@ -4,6 +4,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "net/TcpConnection.h"
+#include "net/UdpEndpoint.h"
 #include "protocol/Wire.h"
 
 namespace recording {
@@ -77,8 +79,8 @@ void Recorder::Note(const std::string& comment) {
   file_.CommentNextFrame(comment);
 }
 
-void Recorder::OnTcp(const orvex::net::TcpSocket& socket, bool received, const unsigned char* data,
-                     unsigned long size) {
+void Recorder::OnTcp(const orvex::net::TcpConnection& socket, bool received,
+                     const unsigned char* data, unsigned long size) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (tcpSocket_ == nullptr) {
     if (!Admit(3 * kFrameOverhead)) return;
@@ -106,7 +108,7 @@ void Recorder::OnTcp(const orvex::net::TcpSocket& socket, bool received, const u
   }
 }
 
-void Recorder::OnDatagram(const orvex::net::UdpSocket& socket, bool received, uint16_t peerPort,
+void Recorder::OnDatagram(const orvex::net::UdpEndpoint& socket, bool received, uint16_t peerPort,
                           const unsigned char* data, unsigned long size) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (udpSocket_ == nullptr) {

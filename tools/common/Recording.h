@@ -18,6 +18,8 @@
 
 #include "common/Pcapng.h"
 #include "net/Tap.h"
+#include "net/TcpConnection.h"
+#include "net/UdpEndpoint.h"
 
 namespace recording {
 
@@ -42,9 +44,9 @@ class Recorder : public orvex::net::Tap {
   // when a write failed. REQUIRES: the tap is no longer installed.
   void Close(const std::string& ending);
 
-  void OnTcp(const orvex::net::TcpSocket& socket, bool received, const unsigned char* data,
+  void OnTcp(const orvex::net::TcpConnection& socket, bool received, const unsigned char* data,
              unsigned long size) override;
-  void OnDatagram(const orvex::net::UdpSocket& socket, bool received, uint16_t peerPort,
+  void OnDatagram(const orvex::net::UdpEndpoint& socket, bool received, uint16_t peerPort,
                   const unsigned char* data, unsigned long size) override;
 
  private:
@@ -62,14 +64,14 @@ class Recorder : public orvex::net::Tap {
   bool full_ = false;
   const std::chrono::steady_clock::time_point start_;
   const uint64_t startMicroseconds_;
-  const orvex::net::TcpSocket* tcpSocket_ = nullptr;
+  const orvex::net::TcpConnection* tcpSocket_ = nullptr;
   std::unique_ptr<capture::TcpConnection> tcp_;
   bool helloSeen_ = false;
   // The reader takes a message field by field: what it took since the last other event goes
   // out as one segment, stamped with the moment its first byte was read.
   Bytes received_;
   uint64_t receivedTime_ = 0;
-  const orvex::net::UdpSocket* udpSocket_ = nullptr;
+  const orvex::net::UdpEndpoint* udpSocket_ = nullptr;
   uint16_t udpPort_ = 0;
 };
 

@@ -17,7 +17,10 @@
 
 #include "common/Log.h"
 #include "common/OutputFile.h"
+#include "filesystem/StreamValues.h"
 #include "game/Networking.h"
+#include "net/TcpConnection.h"
+#include "net/UdpEndpoint.h"
 #include "orvex/net/Socket.h"
 #include "protocol/Hex.h"
 #include "protocol/Ports.h"
@@ -93,7 +96,7 @@ struct GameServer::AtomicCounters {
 // mutex_; the outbox by outMutex; the socket's writer side by writeMutex. The connection's
 // own thread is the socket's only reader.
 struct GameServer::Client {
-  std::unique_ptr<orvex::net::TcpSocket> tcp;
+  std::unique_ptr<orvex::net::TcpConnection> tcp;
   std::thread thread;
   std::atomic<bool> finished{false};
   std::atomic<bool> leaving{false};  // told goodbye, connection half-closed
@@ -161,7 +164,7 @@ void GameServer::Start() {
   startMs_ = NowMs();
   lastStatusMs_ = startMs_;
   udp_->Receive(
-      [this](const orvex::net::UdpSocket& socket, orvex::filesystem::ReadOnlyStream&& datagram) {
+      [this](const orvex::net::UdpEndpoint& socket, orvex::filesystem::ReadOnlyStream&& datagram) {
         try {
           OnDatagram(socket, datagram.GetBuffer(), datagram.GetBufferSize());
         } catch (const std::exception& e) {
@@ -233,7 +236,7 @@ void GameServer::Stop() {
 void GameServer::AcceptLoop() {
   pthread_setname_np(pthread_self(), "server-accept");
   while (!stopping_) {
-    std::unique_ptr<orvex::net::TcpSocket> tcp;
+    std::unique_ptr<orvex::net::TcpConnection> tcp;
     try {
       tcp = listener_->Accept(kPollMs, kStallLimitMs);
     } catch (const std::exception& e) {
@@ -454,7 +457,8 @@ void GameServer::Broadcast(const wire::Bytes& bytes, uint64_t messages) {
 // ---------------------------------------------------------------------------------------
 // Datagrams.
 
-void GameServer::OnDatagram(const orvex::net::UdpSocket& socket, const uint8_t* data, size_t size) {
+void GameServer::OnDatagram(const orvex::net::UdpEndpoint& socket, const uint8_t* data,
+                            size_t size) {
   ++counters_->datagramsIn;
   std::optional<wire::ClientDatagram> datagram = wire::ParseClientDatagram(data, size);
   if (!datagram || datagram->lead != LEAD_BYTE ||

@@ -23,13 +23,14 @@
 #include <unordered_map>
 #include <vector>
 
+#include "net/UdpEndpoint.h"
 #include "protocol/Wire.h"
 #include "server/Scene.h"
 
 namespace orvex::net {
 class TcpListener;
-class TcpSocket;
-class UdpSocket;
+class TcpConnection;
+class UdpEndpoint;
 }  // namespace orvex::net
 
 namespace gameserver {
@@ -165,7 +166,7 @@ class GameServer {
   void ReadLoop(Client& client);
   void SimulationLoop();
   void Tick(uint64_t tick, double t);
-  void OnDatagram(const orvex::net::UdpSocket& socket, const uint8_t* data, size_t size);
+  void OnDatagram(const orvex::net::UdpEndpoint& socket, const uint8_t* data, size_t size);
   void Drop(Client& client, const std::string& reason);
   void Deliver(Client& client);
   // Shuts the connection down (its reader wakes with an error); safe after it was released.
@@ -181,7 +182,7 @@ class GameServer {
   std::vector<wire::ModuleID> modules_;
   uint16_t port_ = 0;
   std::unique_ptr<orvex::net::TcpListener> listener_;
-  std::unique_ptr<orvex::net::UdpSocket> udp_;
+  std::unique_ptr<orvex::net::UdpEndpoint> udp_;
   std::mutex udpMutex_;
 
   std::atomic<bool> started_{false};

@@ -4,8 +4,10 @@
 #include <cstdio>
 #include <thread>
 
+#include "filesystem/StreamValues.h"
 #include "game/Networking.h"
 #include "net/TcpListener.h"
+#include "net/UdpEndpoint.h"
 #include "protocol/Hex.h"
 #include "protocol/Ports.h"
 
@@ -45,9 +47,9 @@ std::string Describe(const wire::ClientMessage& m) {
 // the input's); a message cut short at the end is left out.
 std::vector<std::string> TcpMessages(const wire::Bytes& bytes) {
   std::vector<std::string> out;
-  auto in = orvex::filesystem::ReadOnlyStream::View(bytes.data(), bytes.size());
+  auto in = orvex::filesystem::ReadOnlyStream(bytes.data(), bytes.size());
   try {
-    while (in.GetPosition() < bytes.size()) {
+    while (orvex::filesystem::PositionOf(in) < bytes.size()) {
       const wire::ClientMessage m = wire::ReadClientMessage(in);
       if (m.code != networking::MSG_KEEPALIVE) out.push_back(Describe(m));
     }
@@ -129,7 +131,7 @@ ReplayResult Replayer::Run() {
     break;
   }
 
-  udp_->Receive([this, peer](const orvex::net::UdpSocket& socket,
+  udp_->Receive([this, peer](const orvex::net::UdpEndpoint& socket,
                              orvex::filesystem::ReadOnlyStream&& datagram) {
     if (socket.GetIncomingAddress() != peer) return;
     std::lock_guard<std::mutex> lock(mutex_);

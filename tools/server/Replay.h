@@ -16,12 +16,14 @@
 #include <string>
 
 #include "common/Recording.h"
+#include "net/TcpConnection.h"
+#include "net/UdpEndpoint.h"
 #include "protocol/Wire.h"
 
 namespace orvex::net {
 class TcpListener;
-class TcpSocket;
-class UdpSocket;
+class TcpConnection;
+class UdpEndpoint;
 }  // namespace orvex::net
 
 namespace gameserver {
@@ -61,8 +63,8 @@ class Replayer {
   ReplayOptions options_;
   uint16_t port_ = 0;
   std::unique_ptr<orvex::net::TcpListener> listener_;
-  std::unique_ptr<orvex::net::UdpSocket> udp_;
-  std::unique_ptr<orvex::net::TcpSocket> tcp_;
+  std::unique_ptr<orvex::net::UdpEndpoint> udp_;
+  std::unique_ptr<orvex::net::TcpConnection> tcp_;
   std::atomic<bool> stopping_{false};
 
   mutable std::mutex mutex_;

@@ -31,6 +31,8 @@
 #include "TestServer.h"
 #include "client/Client.h"
 #include "common/Pcapng.h"
+#include "filesystem/StreamValues.h"
+#include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
 #include "protocol/Wire.h"
 
@@ -116,9 +118,9 @@ std::unique_ptr<client::Client> Connect(testserver::TestServer& server,
 
 // Checks that recorded TCP bytes are whole client messages (none cut, none merged away).
 void ExpectMessages(const Bytes& bytes, size_t count, const char* what) {
-  auto in = orvex::filesystem::ReadOnlyStream::View(bytes.data(), bytes.size());
+  auto in = orvex::filesystem::ReadOnlyStream(bytes.data(), bytes.size());
   size_t n = 0;
-  for (; in.GetPosition() < bytes.size(); ++n) wire::ReadClientMessage(in);
+  for (; orvex::filesystem::PositionOf(in) < bytes.size(); ++n) wire::ReadClientMessage(in);
   if (n != count) {
     throw std::runtime_error(std::string(what) + ": expected " + std::to_string(count) +
                              " messages, recorded " + std::to_string(n));
@@ -138,7 +140,7 @@ ClientBytes RecordClient() {
   auto chat = std::make_shared<GAME_Mod>(kChatMod);
   chat->clientConnectHandler = &ChatConnect;
   chat->clientSendHandler = &ChatSend;
-  GAME_Mod::Load(chat);
+  orvex::engine::LoadMod(chat);
 
   ClientBytes out;
   testserver::TestServer server;
@@ -161,7 +163,7 @@ ClientBytes RecordClient() {
   for (const std::string& action : {std::string("fire"), std::string("thrust:0.75")}) {
     orvex::filesystem::Stream stream;
     stream.Write(reinterpret_cast<const unsigned char*>(action.data()), action.size());
-    ship->QueueAction(std::move(stream));
+    orvex::engine::QueueAction(*ship, std::move(stream));
   }
   client->Send();
   out.frame = connection->ReadAvailable(200);
