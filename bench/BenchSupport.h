@@ -23,13 +23,13 @@
 
 #include "GAME_Mod.h"
 #include "Game.h"
+#include "TestServer.h"
 #include "client/Client.h"
 #include "filesystem/StreamValues.h"
 #include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
 #include "net/TcpConnection.h"
-#include "server/TestServer.h"
-#include "server/Wire.h"
+#include "protocol/Wire.h"
 
 namespace benchsupport {
 

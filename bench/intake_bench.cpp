@@ -124,7 +124,7 @@ void IntakeClient(benchmark::State& state) {
 
 void IntakeMemcpy(benchmark::State& state) {
   Fixture& f = TheFixture();
-  std::array<unsigned char, 1400> copy;
+  std::array<unsigned char, wire::kMaxDatagram> copy;
   for (auto _ : state) {
     benchmark::DoNotOptimize(f.datagram.data());
     if (std::memcmp(f.datagram.data(), networking::MAGIC, sizeof networking::MAGIC) == 0) {
@@ -211,7 +211,8 @@ void LoopbackClient(benchmark::State& state) {
 // The engine's UDP socket (batched receive on its delivery thread) with a callback that
 // only counts: the client's socket without the client.
 void LoopbackEngineSocket(benchmark::State& state) {
-  orvex::net::UdpEndpoint socket(orvex::net::UdpEndpoint::BindTag{}, "127.0.0.1", 0, 1400);
+  orvex::net::UdpEndpoint socket(orvex::net::UdpEndpoint::BindTag{}, "127.0.0.1", 0,
+                                 wire::kMaxDatagram);
   std::atomic<uint64_t> received{0};
   socket.Receive([&](const orvex::net::UdpEndpoint&, ReadOnlyStream&&) {
     received.fetch_add(1, std::memory_order_relaxed);

@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <string>
 
+#include "TestServer.h"
 #include "client/Client.h"
-#include "server/TestServer.h"
 
 namespace fuzz {
 

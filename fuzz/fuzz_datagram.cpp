@@ -51,27 +51,27 @@ struct Parents {
 
   // Takes in a datagram that starts with the magic; false (and no change) if it closes a cycle.
   bool Admit(const uint8_t* data, size_t size) {
-    ReadOnlyStream in(data + kMagicSize, size - kMagicSize);
-    if (ReadValue<uint8_t>(in) != networking::MSG_TRANSFORMS) return true;
-    ReadValue<double>(in);
-    const auto sequence = ReadValue<uint64_t>(in);
-    const auto parentEnvironment = ReadValue<uint64_t>(in);
-    const auto relativeEnvironment = ReadValue<uint64_t>(in);
-    const Id parent = ReadValue<Id>(in);
-    if (ReadValue<int32_t>(in) == 1) {
-      if (sequence < lastSequence) return true;
-      lastSequence = sequence;
+    if (size <= kMagicSize || data[kMagicSize] != networking::MSG_TRANSFORMS) return true;
+    // The client reads a cut datagram as zeros past its end; so does this reader.
+    ReadOnlyStream in(data, size);
+    wire::Reader reader = wire::Reader::ZeroFilling(in);
+    wire::Transforms transforms;
+    Serialize(reader, transforms);
+    const wire::StateHeader& header = transforms.header;
+    if (header.divisor == 1) {
+      if (header.sequence < lastSequence) return true;
+      lastSequence = header.sequence;
     }
-    if (parentEnvironment != Game::parentEnvironmentId ||
-        relativeEnvironment != Game::relativeEnvironmentId) {
+    if (header.parentEnvironment != Game::parentEnvironmentId ||
+        header.relativeEnvironment != Game::relativeEnvironmentId) {
       return true;
     }
+    const Id parent = transforms.parent;
     std::unordered_map<Id, Id> next = links;
-    for (Id id; !(id = ReadValue<Id>(in)).IsNull();) {
-      double position[3];
-      float rotation[4];
-      in.Read(reinterpret_cast<unsigned char*>(position), sizeof position);
-      in.Read(reinterpret_cast<unsigned char*>(rotation), sizeof rotation);
+    for (const wire::TransformRecord& record : transforms.records) {
+      const Id id = record.id;
+      const double position[] = {record.position.x, record.position.y, record.position.z};
+      const float* rotation = record.orientation;
       if (std::any_of(position, position + 3, [](double v) { return std::isnan(v); }) ||
           std::any_of(rotation, rotation + 4, [](float v) { return std::isnan(v); })) {
         break;
@@ -99,7 +99,7 @@ bool StartsWithMagic(const uint8_t* data, size_t size) {
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
   theClient = &fuzz::ConnectedClient(testlib::Welcome());
-  stranger = new orvex::net::UdpSocket("127.0.0.1", 9, 1400);
+  stranger = new orvex::net::UdpSocket("127.0.0.1", 9, wire::kMaxDatagram);
   for (const auto& fixed : kFixed) {
     ClientSideEntity::Interface::Create(fixed.id, fixed.module, "fixed", fixed.parent,
                                         glm::dvec3(0.0), game::entity::Orientation(),

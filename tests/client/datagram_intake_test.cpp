@@ -194,7 +194,8 @@ TEST_F(StatePass, TransformSnapsTargetsOrReexpresses) {
     EXPECT_EQ(Id(ship->parentId), row.to);
     EXPECT_EQ(glm::dvec3(ship->targetPosition), sent);
     EXPECT_EQ(Orientation(ship->targetOrientation), turn);
-    EXPECT_TRUE(ship->hasTarget && !ship->stale);
+    EXPECT_TRUE(ship->hasTarget);
+    EXPECT_FALSE(ship->stale);
     if (row.outcome == kKeepPlace) {
       const glm::dmat4 now = ship->GetAbsoluteTransformInEnvironment();
       for (int i = 0; i < 16; ++i) EXPECT_NEAR(now[i / 4][i % 4], before[i / 4][i % 4], 1e-5);
@@ -358,8 +359,8 @@ TEST_F(DatagramIntake, DatagramsArrivingWhileTheClientIsDestroyedSeeItWhole) {
     std::atomic<bool> stop{false};
     std::thread flood([&, address = session->clientAddress, port = session->clientPort] {
       for (uint64_t n = 1; n <= 50000 && !stop; ++n) {
-        session->server.SendDatagram(address, port,
-                                     n % 2 ? Transforms(n, 1.0) : wire::ModuleDatagram(witness, {}));
+        session->server.SendDatagram(
+            address, port, n % 2 ? Transforms(n, 1.0) : wire::ModuleDatagram(witness, {}));
       }
     });
     ASSERT_TRUE(WaitUntil([&] { return witnessed > 10; }));

@@ -34,9 +34,12 @@ TEST_F(GameRuntime, ResetAfterQuitDropsQueuedWorkAndStartsAFreshRenderer) {
   Game::Synchronize([capture] { FAIL() << "work of the last game ran"; });
   capture.reset();
   std::thread([] { Game::Quit(); }).join();
-  EXPECT_TRUE(!Game::isActive && orvex::engine::QuitRequested());
+  EXPECT_FALSE(Game::isActive);
+  EXPECT_TRUE(orvex::engine::QuitRequested());
   orvex::engine::ResetGame();
-  EXPECT_TRUE(Game::isActive && !orvex::engine::QuitRequested() && captured.expired());
+  EXPECT_TRUE(Game::isActive);
+  EXPECT_FALSE(orvex::engine::QuitRequested());
+  EXPECT_TRUE(captured.expired());
   EXPECT_EQ(orvex::engine::RunSynchronized(), 0u);
   EXPECT_EQ(Game::renderer->AddAimReference("y", {}), 1u) << "a fresh renderer counts from 1";
   EXPECT_EQ(Loaded(), std::vector<std::string>{"CORE_ship"}) << "mods stay loaded";
@@ -85,8 +88,9 @@ TEST_F(GameRuntime, AQueuerWaitsAtTheCapForTheGameThreadAndNothingIsDropped) {
 TEST_F(GameRuntime, ModsAreKnownByCanonicalTextLoadedOnceAndVisitedOverASnapshot) {
   for (const char* name : {"core_A", "CORE_b", "CORE_c"})
     orvex::engine::LoadMod(std::make_shared<GAME_Mod>(name));
-  EXPECT_TRUE(GAME_Mod::GetModule("CORE_a") && !GAME_Mod::GetModule("core_A") &&
-              !GAME_Mod::GetModule(""));
+  EXPECT_TRUE(GAME_Mod::GetModule("CORE_a"));
+  EXPECT_FALSE(GAME_Mod::GetModule("core_A"));
+  EXPECT_FALSE(GAME_Mod::GetModule(""));
   for (const char* bad : {"CORE_A", "noseparator", ""}) {
     EXPECT_THROW(orvex::engine::LoadMod(*bad ? std::make_shared<GAME_Mod>(bad) : nullptr),
                  std::invalid_argument)

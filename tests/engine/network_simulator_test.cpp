@@ -67,11 +67,14 @@ TEST(SimulatedPath, FaultsAffectTheirShareWithinTheirTimesAndRepeatForASeed) {
     const auto [out, stats] = Drive(row.settings, row.count);
     EXPECT_EQ(stats.admitted, row.count);
     EXPECT_EQ(out.size(), row.count - stats.dropped + stats.duplicated);
-    EXPECT_TRUE(stats.*row.counted >= row.low && stats.*row.counted <= row.high);
+    EXPECT_GE(stats.*row.counted, row.low);
+    EXPECT_LE(stats.*row.counted, row.high);
     const auto [least, most] = std::minmax_element(
         out.begin(), out.end(), [](auto& a, auto& b) { return a.second < b.second; });
-    EXPECT_TRUE(least->second >= row.minMs && least->second <= row.minMs + 1) << least->second;
-    EXPECT_TRUE(most->second >= row.maxMs - 1 && most->second <= row.maxMs) << most->second;
+    EXPECT_GE(least->second, row.minMs);
+    EXPECT_LE(least->second, row.minMs + 1);
+    EXPECT_GE(most->second, row.maxMs - 1);
+    EXPECT_LE(most->second, row.maxMs);
     EXPECT_EQ(Drive(row.settings, row.count).first, out) << "the same seed, the same fates";
     std::vector<uint32_t> late, each;
     for (const auto& [index, ms] : out) {
@@ -88,8 +91,10 @@ TEST(SimulationSettings, KeysApplyToBothDirectionsOrToTheNamedOneAndBadTextIsRef
       "loss=10% , delay=40ms,jitter=1.5ms,out.loss=2.5%,in.delay=0ms,seed=7,for=2s");
   EXPECT_EQ(std::vector<double>({s.in.loss, s.out.loss}), std::vector<double>({0.10, 0.025}));
   EXPECT_EQ(s.in.delay.count() * 1000 + s.out.delay.count(), 40000);
-  EXPECT_TRUE(s.in.jitter == s.out.jitter && s.in.jitter.count() == 1500);
-  EXPECT_TRUE(s.seed == 7u && s.duration == std::chrono::seconds(2));
+  EXPECT_EQ(s.in.jitter, s.out.jitter);
+  EXPECT_EQ(s.in.jitter.count(), 1500);
+  EXPECT_EQ(s.seed, 7u);
+  EXPECT_EQ(s.duration, std::chrono::seconds(2));
   EXPECT_EQ(SimulationSettings::Parse(" ").seed, 1u);
   for (const char* text : {"loss=5", "loss=101%", "loss=-1%", "delay=10", "delay=10s",
                            "jitter=x ms", "foo=1%", "in.seed=3", "seed=-2", "seed=3x", "loss", ",",

@@ -100,9 +100,10 @@ TEST(Stream, ReadOnlyCopiesOwnTheirBytesAndSubStreamsOutliveTheirParent) {
   const Bytes nested = BytesOf(sub);
   EXPECT_EQ(std::string(nested.begin(), nested.end()), "nest");
   ReadOnlyStream moved(std::move(copy));
-  EXPECT_TRUE(moved.GetSize() == 9u && copy.GetSize() == 0u);
+  EXPECT_EQ(moved.GetSize(), 9u);
+  EXPECT_EQ(copy.GetSize(), 0u);
   EXPECT_THROW(WriteValue<uint8_t>(moved, 1), std::logic_error);
-  EXPECT_EQ((moved.Flush(), PositionOf(moved)), 9u) << "a flush skips the rest";
+  EXPECT_EQ((moved.Flush(), orvex::filesystem::PositionOf(moved)), 9u) << "a flush skips the rest";
 }
 
 TEST(Stream, WriteOnlyFlushRunsTheHandlerOnceThenEmptiesUnlessItThrows) {

@@ -77,12 +77,16 @@ TEST(UdpEndpoint, WritesFillADatagramAndBatchesArriveInOrderWithTheirSenderTillD
   const auto got = inbox.WaitFor(101);
   ASSERT_EQ(got.size(), 101u);
   for (uint32_t i = 0; i < 100; ++i) {
-    EXPECT_TRUE(got[i].number == i && got[i].size == 104u && got[i].port == client.GetLocalPort());
+    EXPECT_EQ(got[i].number, i);
+    EXPECT_EQ(got[i].size, 104u);
+    EXPECT_EQ(got[i].port, client.GetLocalPort());
   }
   EXPECT_EQ(got[100].port, other.GetLocalPort()) << "a new sender replaces the last one";
   server.StopReceiving(), server.StopReceiving();  // idempotent
-  EXPECT_TRUE(server.GetDatagramsIn() == 101u && server.GetBytesIn() == 100u * 104u + 4u);
-  EXPECT_TRUE(client.GetDatagramsOut() == 100u && client.GetBytesOut() == 100u * 104u);
+  EXPECT_EQ(server.GetDatagramsIn(), 101u);
+  EXPECT_EQ(server.GetBytesIn(), 100u * 104u + 4u);
+  EXPECT_EQ(client.GetDatagramsOut(), 100u);
+  EXPECT_EQ(client.GetBytesOut(), 100u * 104u);
   Send(client, 101, 1);
   server.Receive(inbox.Callback());  // delivery can start again
   EXPECT_EQ(inbox.WaitFor(102).size(), 102u);
@@ -131,7 +135,8 @@ TEST(UdpEndpoint, SendersPrintNormalisedAndRepliesReachThem) {
       server.Receive(atServer.Callback()), sender->Receive(atSender.Callback());
       Send(*sender, 1, 1);
       const auto seen = atServer.WaitFor(1).at(0);
-      EXPECT_TRUE(seen.address == row.sender && seen.port == sender->GetLocalPort());
+      EXPECT_EQ(seen.address, row.sender);
+      EXPECT_EQ(seen.port, sender->GetLocalPort());
       server.SetDestination(seen.address, seen.port);
       EXPECT_EQ(server.GetRemoteAddress(), row.sender);
       Send(server, 2, 1);

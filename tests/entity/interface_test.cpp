@@ -72,7 +72,8 @@ TEST_F(EntityInterface, ComesToLifeLinkedPlacedSyncedInitialisedThenReady) {
   });
   ClientSideEntity::Ptr entity = Create(kId, "test_Probe", 0xABCD);
   EXPECT_EQ(log, (std::vector<std::string>{"Sync placed aim 0 data 43981", "Init placed aim 1"}));
-  EXPECT_TRUE(entity->ready && entity->interface->ready);
+  EXPECT_TRUE(entity->ready);
+  EXPECT_TRUE(entity->interface->ready);
   for (const auto& r : entity->renderables) {
     EXPECT_TRUE(r->linked);
     EXPECT_EQ(orvex::engine::AimIdOf(*r).aimId, 1u);
@@ -81,15 +82,18 @@ TEST_F(EntityInterface, ComesToLifeLinkedPlacedSyncedInitialisedThenReady) {
   const auto aim = orvex::engine::AimReferences().at(0);
   EXPECT_EQ(aim.name, "TEST_probe") << "named by the module's canonical text";
   const auto* weak = std::any_cast<std::weak_ptr<Interface>>(&aim.reference);
-  ASSERT_TRUE(weak && weak->lock() == entity->interface);
+  ASSERT_TRUE(weak);
+  EXPECT_EQ(weak->lock(), entity->interface);
   EXPECT_THROW(Create(kId, "TEST_probe"), std::runtime_error) << "the id is taken";
-  EXPECT_TRUE(ClientSideEntity::Get<ClientSideEntity>(kId) == entity && log.size() == 2u);
+  EXPECT_EQ(ClientSideEntity::Get<ClientSideEntity>(kId), entity);
+  EXPECT_EQ(log.size(), 2u);
   entity.reset(), ClientSideEntity::Destroy(kId);
   EXPECT_TRUE(weak->expired()) << "the renderer kept the interface alive";
 
   EXPECT_THROW(Create(kId, "TEST_probe", 0xBAD), std::runtime_error);  // a failing Sync
   ASSERT_TRUE(entity = ClientSideEntity::Get<ClientSideEntity>(kId)) << "registered";
-  EXPECT_FALSE(entity->ready || entity->interface->ready);
+  EXPECT_FALSE(entity->ready);
+  EXPECT_FALSE(entity->interface->ready);
   EXPECT_EQ(log.back(), "Sync placed aim 0 data 2989") << "and no Init";
 }
 
@@ -109,16 +113,22 @@ TEST_F(EntityInterface, NoInterfaceRemovesTheEntityTheDefaultReadsNothingAnOwnIn
     entity.renderables = {std::make_shared<RenderableInstance>(), nullptr};
   });
   testlib::StderrCapture err;
-  EXPECT_TRUE(!Create(kId, "TEST_empty") && !Create(Id{5, 6}, "TEST_notloaded"));
-  EXPECT_FALSE(ClientSideEntity::Exists(kId) || ClientSideEntity::Exists(Id{5, 6}));
-  EXPECT_TRUE(renderable.expired() && err.Text().empty()) << "destroyed, silently";
+  EXPECT_FALSE(Create(kId, "TEST_empty"));
+  EXPECT_FALSE(Create(Id{5, 6}, "TEST_notloaded"));
+  EXPECT_FALSE(ClientSideEntity::Exists(kId));
+  EXPECT_FALSE(ClientSideEntity::Exists(Id{5, 6}));
+  EXPECT_TRUE(renderable.expired()) << "destroyed";
+  EXPECT_EQ(err.Text(), "") << "silently";
 
   orvex::filesystem::ReadOnlyStream data(std::vector<uint8_t>{7, 0, 0, 0});
   const auto ship = Interface::Create(kId, "core_Ship", "", {}, {}, {}, std::move(data));
   EXPECT_EQ(orvex::filesystem::PositionOf(data), 0u) << "the default Sync reads nothing";
-  EXPECT_TRUE(ship->ready && ship->interface->ready && ship->interface->aimId == 1u);
+  EXPECT_TRUE(ship->ready);
+  EXPECT_TRUE(ship->interface->ready);
+  EXPECT_EQ(ship->interface->aimId, 1u);
   const auto sparse = Create(Id{8, 8}, "TEST_sparse");
-  EXPECT_TRUE(sparse->ready && sparse->renderables[0]->linked);
+  EXPECT_TRUE(sparse->ready);
+  EXPECT_TRUE(sparse->renderables[0]->linked);
   EXPECT_EQ(orvex::engine::AimIdOf(*sparse->renderables[0]).calls, 0);
   // A long game: the renderer lets go of the references of interfaces that are gone.
   Game::renderer->AddAimReference("not an interface", 1);  // kept

@@ -43,7 +43,8 @@ glm::dmat4 ChainProduct(uint64_t n, double angle) {
   double x = 0, y = 0;
   for (uint64_t k = 0; k < n; ++k) x += std::cos(k * angle), y += std::sin(k * angle);
   const double c = std::cos(n * angle), s = std::sin(n * angle);
-  return glm::dmat4(Column(c, s, 0, 0), Column(-s, c, 0, 0), Column(0, 0, 1, 0), Column(x, y, 0, 1));
+  return glm::dmat4(Column(c, s, 0, 0), Column(-s, c, 0, 0), Column(0, 0, 1, 0),
+                    Column(x, y, 0, 1));
 }
 
 glm::dmat4 Translation(double x, double y, double z) {
@@ -84,7 +85,8 @@ TEST(EntityTransform, AbsoluteTransformsOfWorkedExamples) {
        Translation(1, 0, 1)},
       {"100 deep, every link turned: the whole chain's product", Chain(100, 0.05),
        ChainProduct(100, 0.05)},
-      {"20,000 deep: no depth limit and no stack exhausted", Chain(20000), Translation(20000, 0, 0)},
+      {"20,000 deep: no depth limit and no stack exhausted", Chain(20000),
+       Translation(20000, 0, 0)},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);

@@ -1,8 +1,12 @@
 // Support: the stopwatch, the per-thread profiler and the reader-writer lock.
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
+#include <fstream>
+#include <iterator>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -84,44 +88,65 @@ TEST_F(ProfilerTest, RecordsCountTotalMinimumAndMaximumUnderPathKeys) {
   EXPECT_TRUE(Profiler::profileStacks.empty());
 }
 
-// Holds the lock in one mode until released (blocking shows after a settle); released on the way
-// out.
+// Whether thread `tid` of this process is asleep (in a futex, a poll, ...), as the kernel has it.
+bool Asleep(pid_t tid) {
+  std::ifstream stat("/proc/self/task/" + std::to_string(tid) + "/stat");
+  const std::string line((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
+  const size_t end = line.rfind(')');  // the name in parentheses may hold anything
+  return end != std::string::npos && end + 2 < line.size() &&
+         (line[end + 2] == 'S' || line[end + 2] == 'D');
+}
+
+// Holds the lock in one mode until released; released on the way out. Entering and leaving are
+// stamped from one counter, so a test checks the order of events rather than sleeping on them.
 struct Holder {
   Holder(orvex::SharedMutex& mutex, bool shared)
       : thread([this, &mutex, shared] {
+          tid = static_cast<pid_t>(syscall(SYS_gettid));
           shared ? mutex.lock_shared() : mutex.lock();
+          entered = ++stamps;
           holding = true;
           WaitUntil([this] { return release.load(); }, 60000);
           holding = false;
+          left = ++stamps;
           shared ? mutex.unlock_shared() : mutex.unlock();
         }) {}
   ~Holder() { Finish(); }
   bool Holds() {
     return WaitUntil([this] { return holding.load(); });
   }
+  // Waits until the thread sleeps inside the lock: started, not in, and asleep.
+  bool Waits() {
+    return WaitUntil([this] { return tid != 0 && !holding && Asleep(tid); });
+  }
   void Finish() { release = true, thread.joinable() ? thread.join() : void(); }
+  static inline std::atomic<int> stamps = 0;
+  std::atomic<int> entered = 0, left = 0;
+  std::atomic<pid_t> tid = 0;
   std::atomic<bool> holding = false, release = false;
   std::thread thread;
 };
 
 TEST(SharedMutex, ReadersShareAWriterWaitsForTheLastOneAndItsReleaseWakesEveryone) {
-  const auto settle = [] { std::this_thread::sleep_for(std::chrono::milliseconds(50)); };
   orvex::SharedMutex mutex;
   Holder reader1(mutex, true);
   ASSERT_TRUE(reader1.Holds());
   Holder writer(mutex, false);
-  settle();
+  ASSERT_TRUE(writer.Waits());
   Holder reader2(mutex, true);
   EXPECT_TRUE(reader2.Holds()) << "a reader gets in while a writer waits";
-  reader1.Finish(), settle();
-  EXPECT_FALSE(writer.holding) << "the writer waits for the last reader";
+  reader1.Finish();
   reader2.Finish();
   ASSERT_TRUE(writer.Holds());
+  EXPECT_GT(writer.entered.load(), reader2.left.load()) << "the writer waits for the last reader";
   Holder reader3(mutex, true), reader4(mutex, true), writer2(mutex, false);
-  writer2.release = true, settle();  // writer2 lets go at once when it gets in
-  EXPECT_FALSE(reader3.holding || reader4.holding || writer2.holding);
+  writer2.release = true;  // writer2 lets go at once when it gets in
+  for (Holder* waiting : {&reader3, &reader4, &writer2}) ASSERT_TRUE(waiting->Waits());
   writer.Finish();
-  EXPECT_TRUE(reader3.Holds() && reader4.Holds()) << "the one release woke both readers";
+  EXPECT_TRUE(reader3.Holds()) << "the one release woke both readers";
+  EXPECT_TRUE(reader4.Holds());
+  EXPECT_GT(reader3.entered.load(), writer.left.load());
+  EXPECT_GT(reader4.entered.load(), writer.left.load());
   reader3.Finish(), reader4.Finish();  // before the writer that waits for them
 }
 

@@ -157,7 +157,7 @@ void Session::LearnDatagramAddress() {
   for (int attempt = 0; attempt < 20 && clientPort == 0; ++attempt) {
     client->Send();
     while (auto datagram = server.NextDatagram(600)) {
-      if (!datagram->bytes.empty() && datagram->bytes[0] == 0x07) {
+      if (!datagram->bytes.empty() && datagram->bytes[0] == LEAD_BYTE) {
         clientAddress = datagram->address, clientPort = datagram->port;
         break;
       }

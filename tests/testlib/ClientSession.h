@@ -10,10 +10,10 @@
 
 #include "FakeClock.h"
 #include "Messages.h"
+#include "TestServer.h"
 #include "client/Client.h"
 #include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
-#include "server/TestServer.h"
 
 namespace testlib {
 

@@ -1,10 +1,13 @@
 // Byte strings for comparisons: hex text that shows where two strings differ, and patterns.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "protocol/Hex.h"
 
 namespace testlib {
 
@@ -13,10 +16,11 @@ using Bytes = std::vector<uint8_t>;
 // Bytes as hex text, 16 to a line, so that a failed comparison shows where they differ.
 inline std::string Hex(const Bytes& bytes) {
   std::string text;
-  for (size_t i = 0; i < bytes.size(); ++i) {
-    text += "0123456789abcdef"[bytes[i] >> 4];
-    text += "0123456789abcdef"[bytes[i] & 0xF];
-    text += (i % 16 == 15 || i + 1 == bytes.size()) ? '\n' : ' ';
+  for (size_t i = 0; i < bytes.size(); i += 16) {
+    text += wire::Hex(Bytes(bytes.begin() + long(i),
+                            bytes.begin() + long(std::min(i + 16, bytes.size()))),
+                      SIZE_MAX, ' ') +
+            '\n';
   }
   return text;
 }

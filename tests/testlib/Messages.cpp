@@ -2,9 +2,7 @@
 
 namespace testlib {
 
-using orvex::filesystem::Stream;
-using wire::ByteWriter;
-using wire::Encode;
+using wire::ToBytes;
 
 wire::Welcome DefaultWelcome() {
   return {
@@ -15,49 +13,68 @@ game::entity::Id EntityId(uint64_t n) {
   return game::entity::Id{n, 0xE0000000u + n};
 }
 
-// Each server form runs the server's own writer on a fresh stream.
-#define SERVER_FORM(name, params, ...)              \
-  Bytes name params {                               \
-    return Encode([&](Stream& s) { __VA_ARGS__; }); \
-  }
-SERVER_FORM(Welcome, (const wire::Welcome& welcome), wire::WriteWelcome(s, welcome))
-SERVER_FORM(Refusal, (const std::string& reason), wire::WriteRefusal(s, reason))
-SERVER_FORM(Create, (const wire::EntityCreate& message), wire::WriteEntityCreate(s, message))
-SERVER_FORM(Update, (const wire::EntityUpdate& message), wire::WriteEntityUpdate(s, message))
-SERVER_FORM(Move, (const wire::EntityMove& message), wire::WriteEntityMove(s, message))
-SERVER_FORM(Destroy, (const game::entity::Id& id), wire::WriteEntityDestroy(s, id))
-SERVER_FORM(World, (const std::string& name), wire::WriteWorld(s, name))
-SERVER_FORM(Admin, (const std::string& privilege, uint8_t admin),
-            wire::WriteAdminStatus(s, privilege, admin))
-SERVER_FORM(ModuleMessage, (const std::string& module, const Bytes& payload),
-            wire::WriteModuleMessage(s, wire::ModuleID(module), payload))
-SERVER_FORM(Disconnect, (), wire::WriteDisconnect(s))
-#undef SERVER_FORM
+Bytes Welcome(const wire::Welcome& welcome) {
+  return ToBytes(welcome);
+}
+Bytes Refusal(const std::string& reason) {
+  return ToBytes(wire::Refusal{reason});
+}
+Bytes Create(const wire::EntityCreate& message) {
+  return ToBytes(message);
+}
+Bytes Update(const wire::EntityUpdate& message) {
+  return ToBytes(message);
+}
+Bytes Move(const wire::EntityMove& message) {
+  return ToBytes(message);
+}
+Bytes Destroy(const game::entity::Id& id) {
+  return ToBytes(wire::EntityDestroy{id});
+}
+Bytes World(const std::string& name) {
+  return ToBytes(wire::World{name});
+}
+Bytes Admin(const std::string& privilege, uint8_t admin) {
+  return ToBytes(wire::AdminStatus{privilege, admin});
+}
+Bytes ModuleMessage(const std::string& module, const Bytes& payload) {
+  return ToBytes(wire::ModuleMessage{wire::ModuleID(module), payload});
+}
+Bytes Disconnect() {
+  return ToBytes(wire::Disconnect{});
+}
 
 Bytes Hello(const std::string& token, const std::optional<std::string>& password) {
-  ByteWriter w = ByteWriter().U8(7).Chars("TOVRANE!").U32(1).Text(token);
-  if (password) w.U8(6).Text(*password);
-  return w;
+  wire::Hello hello;
+  hello.token = token;
+  hello.hasPassword = password.has_value();
+  hello.password = password.value_or("");
+  return ToBytes(hello);
 }
 
 Bytes ClientDatagramHeader(uint16_t version, uint16_t tag, uint64_t player) {
-  return ByteWriter().U8(0x07).U16(version).U16(tag).U64(player);
+  return ToBytes(wire::ClientDatagram{LEAD_BYTE, version, tag, player, {}});
 }
 
 Bytes KeepAliveDatagram() {
-  return ByteWriter().Append(ClientDatagramHeader()).U8(0x03);
+  return ToBytes(wire::ClientDatagram{LEAD_BYTE,
+                                      kNetworkingVersion,
+                                      kServerTag,
+                                      kPlayerId,
+                                      {{networking::MSG_KEEPALIVE, {}, {}, {}}}});
 }
 
 Bytes ModuleRecord(const std::string& module, const Bytes& payload) {
-  return ByteWriter().U8(0x7F).Module(wire::ModuleID(module)).Block(payload);
+  return ToBytes(
+      wire::ClientMessage{networking::MSG_FOR_MODULE, {}, wire::ModuleID(module), payload});
 }
 
 Bytes ClientModuleDatagram(const std::string& module, const Bytes& payload) {
-  return ByteWriter().Append(ClientDatagramHeader()).Append(ModuleRecord(module, payload));
+  return wire::Join({ClientDatagramHeader(), ModuleRecord(module, payload)});
 }
 
 Bytes ActionRecord(const game::entity::Id& id, const Bytes& payload) {
-  return ByteWriter().U8(0x43).Entity(id).Block(payload);
+  return ToBytes(wire::ClientMessage{networking::MSG_ENTITY_ACTION, id, {}, payload});
 }
 
 }  // namespace testlib

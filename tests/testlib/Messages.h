@@ -1,5 +1,5 @@
-// One builder per message and datagram, both directions: the server's forms from its own
-// writers (server/Wire.h), the client's forms, which the server only reads, here once.
+// One builder per message and datagram, both directions, each the codec's (protocol/Wire.h)
+// bytes for a message the test describes in a line.
 #pragma once
 
 #include <cstdint>
@@ -7,7 +7,7 @@
 #include <string>
 
 #include "game/entity/Id.h"
-#include "server/Wire.h"
+#include "protocol/Wire.h"
 
 namespace testlib {
 

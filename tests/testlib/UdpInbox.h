@@ -12,6 +12,7 @@
 #include "net/UdpEndpoint.h"
 #include "orvex/filesystem/Stream.h"
 #include "orvex/net/Socket.h"
+#include "protocol/Wire.h"
 
 namespace testlib {
 
@@ -21,7 +22,8 @@ using Bytes = std::vector<uint8_t>;
 // Datagrams arrive on the platform's delivery thread; the accessors take a lock.
 class UdpInbox {
  public:
-  explicit UdpInbox(uint16_t port, const std::string& host = "127.0.0.1") : udp_(host, port, 1400) {
+  explicit UdpInbox(uint16_t port, const std::string& host = "127.0.0.1")
+      : udp_(host, port, wire::kMaxDatagram) {
     udp_.Receive([this](const orvex::net::UdpEndpoint&, orvex::filesystem::ReadOnlyStream&& d) {
       Bytes bytes(d.GetBufferSize());
       d.Read(bytes.data(), bytes.size());

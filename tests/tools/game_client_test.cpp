@@ -20,9 +20,9 @@
 #include "Hex.h"
 #include "Messages.h"
 #include "ReplicaDiff.h"
+#include "TestServer.h"
 #include "Wait.h"
 #include "server/GameServer.h"
-#include "server/TestServer.h"
 
 namespace {
 
@@ -393,7 +393,8 @@ TEST_F(GameClientTest, ReplicaSvgPlacesRidersAlongTheirParentsRotation) {
   EXPECT_NEAR(at["ENTY2"].first, at["ENTY1"].first, 0.01);
   EXPECT_LT(at["ENTY2"].second, at["ENTY1"].second);
   EXPECT_LT(at["ENTY3"].first, at["ENTY1"].first);
-  EXPECT_TRUE(svg.find("<line ") != std::string::npos && svg.find("<line ") == svg.rfind("<line "));
+  EXPECT_NE(svg.find("<line "), std::string::npos);
+  EXPECT_EQ(svg.find("<line "), svg.rfind("<line "));
 }
 
 }  // namespace

@@ -92,7 +92,9 @@ TEST(GameServer, WelcomesEachClientThenEchoesAndStreamsStateToTheAddressLearnt) 
   EXPECT_NE(a.username, b.username);
   std::unordered_set<wire::Id> seen;
   for (const gameserver::EntityState& e : server.Snapshot()) {
-    EXPECT_TRUE(e.parent.IsNull() || seen.count(e.parent)) << "parent announced after its child";
+    if (!e.parent.IsNull()) {
+      EXPECT_EQ(seen.count(e.parent), 1u) << "parent announced after its child";
+    }
     seen.insert(e.id);
   }
   const wire::Id entity{0x1111, 0x2222};
@@ -104,7 +106,7 @@ TEST(GameServer, WelcomesEachClientThenEchoesAndStreamsStateToTheAddressLearnt) 
   const Bytes echo = testlib::ModuleMessage("TEST_echo", {1, 2, 3});
   EXPECT_HEX_EQ(first.Read(echo.size()), echo);
   const gameserver::ClientInfo logged = server.Clients().at(0);
-  EXPECT_EQ(logged.entityActions, 2u);
+  EXPECT_EQ(logged.figures[gameserver::kEntityActions], 2u);
   EXPECT_EQ(logged.lastActionEntity, entity);
   EXPECT_EQ(logged.lastActionPayload, (Bytes{7, 7}));
   EXPECT_EQ(server.GetCounters().tcpKeepAlives, 1u);

@@ -93,9 +93,14 @@ TEST(NetworkStats, EachIntervalCountsOnlyWhatArrivedInIt) {
   deliver(networking::MSG_TRANSFORMS, 2, 1000);
   deliver(networking::MSG_TRANSFORMS, 66, 1001);
   const gameclient::Second second = stats.Take(nullptr, t0 + std::chrono::milliseconds(1999));
-  EXPECT_TRUE(first.in.datagrams == 3 && first.in.bytes == 183 && first.out.bytes == 30);
-  EXPECT_TRUE(first.transforms == 2 && first.physics == 1 && first.transformTicks.late == 0);
-  EXPECT_TRUE(second.in.datagrams == 2 && second.out.datagrams == 0);
+  EXPECT_EQ(first.in.datagrams, 3u);
+  EXPECT_EQ(first.in.bytes, 183u);
+  EXPECT_EQ(first.out.bytes, 30u);
+  EXPECT_EQ(first.transforms, 2u);
+  EXPECT_EQ(first.physics, 1u);
+  EXPECT_EQ(first.transformTicks.late, 0u);
+  EXPECT_EQ(second.in.datagrams, 2u);
+  EXPECT_EQ(second.out.datagrams, 0u);
   EXPECT_EQ(second.transformTicks.late, 1u);
   EXPECT_EQ(second.transformTicks.missed, 0u) << "ticks 4 to 65 are still inside the window";
   EXPECT_EQ(stats.TransformTotals().missed, 62u);

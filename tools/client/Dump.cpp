@@ -17,6 +17,7 @@
 #include "client/Sandbox.h"
 #include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
+#include "protocol/Hex.h"
 
 namespace gameclient {
 namespace {
@@ -85,34 +86,14 @@ Json EntityJson(const ClientSideEntity& e) {
               {"aimId", interface ? interface->aimId : 0}};
 }
 
-// Writes `bytes` as a JSON string of lower-case hex, a piece at a time: a payload of 16 MiB
-// never becomes a 32 MiB text in memory.
+// Writes `bytes` as a JSON string of lower-case hex.
 void WriteHex(std::ostream& out, const std::vector<uint8_t>& bytes) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  char piece[8192];
   out << '"';
-  size_t used = 0;
-  for (uint8_t byte : bytes) {
-    piece[used++] = kDigits[byte >> 4];
-    piece[used++] = kDigits[byte & 15];
-    if (used == sizeof piece) out.write(piece, static_cast<std::streamsize>(used)), used = 0;
-  }
-  out.write(piece, static_cast<std::streamsize>(used));
+  wire::WriteHex(out, bytes);
   out << '"';
 }
 
 }  // namespace
-
-std::string Hex(const std::vector<uint8_t>& bytes) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  text.reserve(bytes.size() * 2);
-  for (uint8_t byte : bytes) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 15];
-  }
-  return text;
-}
 
 nlohmann::ordered_json Number(double value) {
   if (std::isnan(value)) return "nan";

@@ -35,9 +35,8 @@ void WriteDump(std::ostream& out, const Identity& identity);
 // Writes the dump to `path`; throws std::runtime_error when the file cannot be written.
 void WriteDumpFile(const std::string& path, const Identity& identity);
 
-// The pieces of the format, shared with the tools that read it.
-std::string Hex(const std::vector<uint8_t>& bytes);
-// A double as the dump writes it: a number, or a string when it is not finite.
+// A piece of the format, shared with the tools that read it: a double as the dump writes it: a
+// number, or a string when it is not finite.
 nlohmann::ordered_json Number(double value);
 
 }  // namespace gameclient

@@ -6,13 +6,16 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "net/TcpConnection.h"
+#include "net/UdpEndpoint.h"
+#include "protocol/Wire.h"
+
 namespace recording {
 namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr uint8_t kPasswordMarker = 0x06;
-constexpr size_t kHelloHeader = 13;  // lead byte, magic, u32 version
+constexpr size_t kHelloHeader = wire::kHelloHeaderSize;
 // What a frame costs beyond its payload: the block, its Ethernet, IPv4 and TCP headers.
 constexpr size_t kFrameOverhead = 96;
 // TCP payload per recorded segment: one IPv4 packet's worth, less its headers.
@@ -33,7 +36,9 @@ Bytes BlankHello(const uint8_t* data, size_t size) {
   uint32_t token;
   std::memcpy(&token, data + kHelloHeader, 4);
   const size_t marker = kHelloHeader + 4 + size_t{token};
-  if (marker < size && data[marker] == kPasswordMarker) out.insert(out.end(), {6, 0, 0, 0, 0});
+  if (marker < size && data[marker] == networking::MSG_PSWD) {
+    out.insert(out.end(), {networking::MSG_PSWD, 0, 0, 0, 0});  // an empty password
+  }
   return out;
 }
 

@@ -22,7 +22,8 @@
 #include "net/TcpConnection.h"
 #include "net/UdpEndpoint.h"
 #include "orvex/net/Socket.h"
-#include "server/Ports.h"
+#include "protocol/Hex.h"
+#include "protocol/Ports.h"
 
 namespace gameserver {
 namespace {
@@ -38,17 +39,6 @@ constexpr int kGoodbyeGraceMs = 2000;
 constexpr int kStallLimitMs = 5000;
 constexpr int64_t kStatusEveryMs = 5000;
 constexpr const char* kTimedOut = "timed out";
-
-std::string Hex(const wire::Bytes& bytes, size_t limit = 32) {
-  static constexpr char kDigits[] = "0123456789abcdef";
-  std::string text;
-  for (size_t i = 0; i < bytes.size() && i < limit; ++i) {
-    text += kDigits[bytes[i] >> 4];
-    text += kDigits[bytes[i] & 15];
-  }
-  if (bytes.size() > limit) text += "...";
-  return text;
-}
 
 Scene::Options SceneOptions(const Options& options, const std::vector<wire::ModuleID>& modules) {
   Scene::Options scene;
@@ -122,22 +112,20 @@ struct GameServer::Client {
   uint16_t datagramPort = 0;
   int64_t lastHeardMs = 0;
   std::string dropReason;
-  uint64_t entityActions = 0;
   wire::Id lastActionEntity;
   wire::Bytes lastActionPayload;
-  uint64_t moduleMessages = 0, moduleDatagrams = 0;
 
   std::mutex outMutex;
   wire::Bytes outbox;
   std::mutex writeMutex;
-  // Counted where the sending happens, outside mutex_.
-  std::atomic<uint64_t> datagramsSent{0}, datagramBytesSent{0}, reliableSent{0}, tcpBytesSent{0};
+  // Atomic: the sent figures are counted where the sending happens, outside mutex_.
+  std::array<std::atomic<uint64_t>, kClientFigureCount> figures{};
 
   // `bytes` holds `messages` whole messages.
   void Queue(const wire::Bytes& bytes, uint64_t messages = 1) {
     std::lock_guard<std::mutex> lock(outMutex);
     outbox.insert(outbox.end(), bytes.begin(), bytes.end());
-    reliableSent += messages;
+    figures[kReliableSent] += messages;
   }
 };
 
@@ -161,7 +149,7 @@ int64_t GameServer::NowMs() const {
 void GameServer::Start() {
   if (started_.exchange(true)) throw std::logic_error("the server was started already");
   try {
-    PortPair pair = BindSamePort(options_.host, options_.port, kUdpCapacity);
+    wire::PortPair pair = wire::BindSamePort(options_.host, options_.port, kUdpCapacity);
     listener_ = std::move(pair.tcp);
     udp_ = std::move(pair.udp);
     if (!options_.simulate.empty()) udp_->Simulate(options_.simulate);
@@ -397,13 +385,13 @@ void GameServer::ReadLoop(Client& c) {
         return;
       case networking::MSG_ENTITY_ACTION:
         ++counters_->entityActions;
-        ++c.entityActions;
+        ++c.figures[kEntityActions];
         c.lastActionEntity = message.entity;
         c.lastActionPayload = std::move(message.payload);
         break;
       case networking::MSG_FOR_MODULE: {
         ++counters_->moduleMessages;
-        ++c.moduleMessages;
+        ++c.figures[kModuleMessages];
         orvex::filesystem::Stream out;
         wire::WriteModuleMessage(out, message.module, message.payload);
         c.Queue(orvex::filesystem::BytesOf(out));
@@ -445,7 +433,7 @@ void GameServer::Close(Client& c) {
 void GameServer::Deliver(Client& c) {
   constexpr uint64_t kWaitingInSocket = 8ull << 20;
   std::lock_guard<std::mutex> write(c.writeMutex);
-  if (c.tcp && c.tcpBytesSent > c.tcp->GetBytesOut() + kWaitingInSocket) {
+  if (c.tcp && c.figures[kTcpBytesSent] > c.tcp->GetBytesOut() + kWaitingInSocket) {
     try {
       c.tcp->Flush();  // nothing new: reports a stalled peer
     } catch (const std::exception&) {
@@ -462,7 +450,7 @@ void GameServer::Deliver(Client& c) {
   try {
     c.tcp->Write(bytes.data(), bytes.size());
     c.tcp->Flush();
-    c.tcpBytesSent += bytes.size();
+    c.figures[kTcpBytesSent] += bytes.size();
   } catch (const std::exception&) {
     // The reader thread sees the shut connection and drops the client.
     c.tcp->Shutdown();
@@ -516,7 +504,7 @@ void GameServer::OnDatagram(const orvex::net::UdpEndpoint& socket, const uint8_t
         ++counters_->datagramKeepAlives;
       } else {
         ++counters_->moduleDatagrams;
-        ++c.moduleDatagrams;
+        ++c.figures[kModuleDatagrams];
         echoes.push_back(wire::ModuleDatagram(message.module, message.payload));
       }
     }
@@ -532,8 +520,8 @@ void GameServer::SendDatagram(Client& client, const std::string& address, uint16
     udp_->Write(bytes.data(), bytes.size());
     udp_->Flush();
     ++counters_->datagramsOut;
-    ++client.datagramsSent;
-    client.datagramBytesSent += bytes.size();
+    ++client.figures[kDatagramsSent];
+    client.figures[kDatagramBytesSent] += bytes.size();
   } catch (const std::exception& e) {
     Log("datagram to " + address + ": " + e.what());
   }
@@ -704,15 +692,9 @@ ClientInfo GameServer::InfoOf(const Client& c) const {
   info.datagramPort = c.datagramPort;
   info.connected = c.connected;
   info.dropReason = c.dropReason;
-  info.entityActions = c.entityActions;
   info.lastActionEntity = c.lastActionEntity;
   info.lastActionPayload = c.lastActionPayload;
-  info.moduleMessages = c.moduleMessages;
-  info.moduleDatagrams = c.moduleDatagrams;
-  info.datagramsSent = c.datagramsSent;
-  info.datagramBytesSent = c.datagramBytesSent;
-  info.reliableSent = c.reliableSent;
-  info.tcpBytesSent = c.tcpBytesSent;
+  for (size_t f = 0; f < kClientFigureCount; ++f) info.figures[f] = c.figures[f];
   return info;
 }
 
@@ -740,22 +722,17 @@ std::string GameServer::StateJson() const {
   }
   json clients = json::array();
   for (const ClientInfo& c : Clients()) {
-    clients.push_back({{"playerId", c.playerId},
-                       {"username", c.username},
-                       {"address", c.address},
-                       {"datagramAddress", c.datagramAddress},
-                       {"datagramPort", c.datagramPort},
-                       {"connected", c.connected},
-                       {"dropReason", c.dropReason},
-                       {"entityActions", c.entityActions},
-                       {"lastActionEntity", c.lastActionEntity.ToString()},
-                       {"lastActionPayload", Hex(c.lastActionPayload, SIZE_MAX)},
-                       {"moduleMessages", c.moduleMessages},
-                       {"moduleDatagrams", c.moduleDatagrams},
-                       {"datagramsSent", c.datagramsSent},
-                       {"datagramBytesSent", c.datagramBytesSent},
-                       {"reliableSent", c.reliableSent},
-                       {"tcpBytesSent", c.tcpBytesSent}});
+    json client = {{"playerId", c.playerId},
+                   {"username", c.username},
+                   {"address", c.address},
+                   {"datagramAddress", c.datagramAddress},
+                   {"datagramPort", c.datagramPort},
+                   {"connected", c.connected},
+                   {"dropReason", c.dropReason},
+                   {"lastActionEntity", c.lastActionEntity.ToString()},
+                   {"lastActionPayload", wire::Hex(c.lastActionPayload)}};
+    for (size_t f = 0; f < kClientFigureCount; ++f) client[kClientFigures[f].state] = c.figures[f];
+    clients.push_back(client);
   }
   const Counters n = GetCounters();
   json counters = {{"clientsAccepted", n.clientsAccepted},
@@ -807,11 +784,13 @@ void GameServer::LogStatus() {
       std::to_string(n.datagramsOut) + " datagrams out, " + std::to_string(n.datagramsIn) + " in");
   for (const ClientInfo& c : clients) {
     if (!c.connected) continue;
-    Log("  " + c.username + ": " + std::to_string(c.entityActions) + " entity actions (last " +
-        Hex(c.lastActionPayload) + "), " + std::to_string(c.moduleMessages) + " module messages, " +
-        std::to_string(c.moduleDatagrams) + " module datagrams; sent " +
-        std::to_string(c.datagramsSent) + " datagrams, " + std::to_string(c.reliableSent) +
-        " reliable messages");
+    std::string line = "  " + c.username + ":";
+    for (size_t f = 0; f < kClientFigureCount; ++f) {
+      line += (f == 0 ? " " : ", ") + std::to_string(c.figures[f]) + " " + kClientFigures[f].status;
+    }
+    if (c.figures[kEntityActions] != 0)
+      line += "; last action " + wire::Hex(c.lastActionPayload, 32);
+    Log(line);
   }
 }
 

@@ -12,6 +12,7 @@
 // Messages for one client are appended to its outbox under mutex_ and leave in that order.
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -24,8 +25,8 @@
 
 #include "net/TcpConnection.h"
 #include "net/UdpEndpoint.h"
+#include "protocol/Wire.h"
 #include "server/Scene.h"
-#include "server/Wire.h"
 
 namespace orvex::net {
 class TcpListener;
@@ -82,6 +83,35 @@ struct EntityState {
   uint32_t serial = 0, revision = 0;
 };
 
+// What the server counts for each client, listed once: the status line, --stats and the
+// final state take their fields from kClientFigures, in this order.
+enum ClientFigure : size_t {
+  kEntityActions,
+  kModuleMessages,
+  kModuleDatagrams,
+  // What the server sent it: datagrams and their bytes, reliable messages and TCP bytes.
+  kDatagramsSent,
+  kDatagramBytesSent,
+  kReliableSent,
+  kTcpBytesSent,
+  kClientFigureCount
+};
+struct ClientFigureName {
+  const char* state;   // the key in the final state (StateJson)
+  const char* stats;   // the key in a --stats line
+  const char* status;  // the words on the status line
+};
+inline constexpr ClientFigureName kClientFigures[kClientFigureCount] = {
+    {"entityActions", "entityActions", "entity actions"},
+    {"moduleMessages", "moduleMessages", "module messages"},
+    {"moduleDatagrams", "moduleDatagrams", "module datagrams"},
+    {"datagramsSent", "datagrams", "datagrams sent"},
+    {"datagramBytesSent", "bytes", "datagram bytes sent"},
+    {"reliableSent", "reliable", "reliable messages sent"},
+    {"tcpBytesSent", "tcpBytes", "TCP bytes sent"},
+};
+using ClientFigures = std::array<uint64_t, kClientFigureCount>;
+
 struct ClientInfo {
   uint64_t playerId = 0;
   std::string username;
@@ -91,12 +121,9 @@ struct ClientInfo {
   uint16_t datagramPort = 0;
   bool connected = false;
   std::string dropReason;  // why a client that is gone went
-  uint64_t entityActions = 0;
   wire::Id lastActionEntity;
   wire::Bytes lastActionPayload;
-  uint64_t moduleMessages = 0, moduleDatagrams = 0;
-  // What the server sent it: datagrams and their bytes, reliable messages and TCP bytes.
-  uint64_t datagramsSent = 0, datagramBytesSent = 0, reliableSent = 0, tcpBytesSent = 0;
+  ClientFigures figures{};
 };
 
 class GameServer {

@@ -8,7 +8,8 @@
 #include "game/Networking.h"
 #include "net/TcpListener.h"
 #include "net/UdpEndpoint.h"
-#include "server/Ports.h"
+#include "protocol/Hex.h"
+#include "protocol/Ports.h"
 
 namespace gameserver {
 namespace {
@@ -24,25 +25,19 @@ constexpr auto kDatagramAddressWait = std::chrono::seconds(5);
 // the goodbye, then for it to say its own and leave.
 constexpr auto kGrace = std::chrono::milliseconds(300);
 constexpr int kLeaveWaitMs = 10000;
-
-std::string Hex(const wire::Bytes& bytes, size_t limit = 24) {
-  std::string text;
-  char two[3];
-  for (size_t i = 0; i < bytes.size() && i < limit; ++i) {
-    std::snprintf(two, sizeof two, "%02x", bytes[i]);
-    text += two;
-  }
-  return bytes.size() > limit ? text + "..." : text;
-}
+// How much of a payload a difference shows.
+constexpr size_t kShownBytes = 24;
 
 std::string Describe(const wire::ClientMessage& m) {
   switch (m.code) {
     case networking::MSG_DISCONNECT:
       return "disconnect";
     case networking::MSG_ENTITY_ACTION:
-      return "entity action on " + m.entity.ToString() + " [" + Hex(m.payload) + "]";
+      return "entity action on " + m.entity.ToString() + " [" + wire::Hex(m.payload, kShownBytes) +
+             "]";
     case networking::MSG_FOR_MODULE:
-      return "module message for " + m.module.String() + " [" + Hex(m.payload) + "]";
+      return "module message for " + m.module.String() + " [" + wire::Hex(m.payload, kShownBytes) +
+             "]";
     default:
       return "code " + std::to_string(m.code);
   }
@@ -70,7 +65,7 @@ std::vector<std::string> DatagramMessages(const std::vector<wire::Bytes>& datagr
   for (const wire::Bytes& d : datagrams) {
     const auto datagram = wire::ParseClientDatagram(d.data(), d.size());
     if (!datagram) {
-      out.push_back("malformed datagram [" + Hex(d) + "]");
+      out.push_back("malformed datagram [" + wire::Hex(d, kShownBytes) + "]");
       continue;
     }
     const std::string header = "player " + std::to_string(datagram->playerId) + " tag " +
@@ -108,7 +103,7 @@ Replayer::~Replayer() {
 }
 
 void Replayer::Start() {
-  PortPair pair = BindSamePort(options_.host, options_.port, kUdpCapacity);
+  wire::PortPair pair = wire::BindSamePort(options_.host, options_.port, kUdpCapacity);
   listener_ = std::move(pair.tcp);
   udp_ = std::move(pair.udp);
   port_ = listener_->GetPort();

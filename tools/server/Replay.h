@@ -18,7 +18,7 @@
 #include "common/Recording.h"
 #include "net/TcpConnection.h"
 #include "net/UdpEndpoint.h"
-#include "server/Wire.h"
+#include "protocol/Wire.h"
 
 namespace orvex::net {
 class TcpListener;

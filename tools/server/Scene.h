@@ -13,7 +13,7 @@
 #include <string>
 #include <vector>
 
-#include "server/Wire.h"
+#include "protocol/Wire.h"
 
 namespace gameserver {
 

@@ -13,18 +13,16 @@ void StatsWriter::Write(const GameServer& server) {
   json clients = json::array();
   for (const ClientInfo& c : server.Clients()) {
     const ClientInfo& b = before_[c.playerId];
-    clients.push_back({{"playerId", std::to_string(c.playerId)},
-                       {"username", c.username},
-                       {"connected", c.connected},
-                       {"datagrams", c.datagramsSent - b.datagramsSent},
-                       {"bytes", c.datagramBytesSent - b.datagramBytesSent},
-                       {"reliable", c.reliableSent - b.reliableSent},
-                       {"tcpBytes", c.tcpBytesSent - b.tcpBytesSent},
-                       {"total",
-                        {{"datagrams", c.datagramsSent},
-                         {"bytes", c.datagramBytesSent},
-                         {"reliable", c.reliableSent},
-                         {"tcpBytes", c.tcpBytesSent}}}});
+    json client = {{"playerId", std::to_string(c.playerId)},
+                   {"username", c.username},
+                   {"connected", c.connected}};
+    json total = json::object();
+    for (size_t f = 0; f < kClientFigureCount; ++f) {
+      client[kClientFigures[f].stats] = c.figures[f] - b.figures[f];
+      total[kClientFigures[f].stats] = c.figures[f];
+    }
+    client["total"] = total;
+    clients.push_back(client);
     before_[c.playerId] = c;
   }
   const json line = {{"t", std::chrono::duration<double>(now - start_).count()},

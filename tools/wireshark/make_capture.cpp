@@ -28,14 +28,14 @@
 #include <CLI/CLI.hpp>
 
 #include "GAME_Mod.h"
+#include "TestServer.h"
 #include "client/Client.h"
 #include "common/Pcapng.h"
 #include "filesystem/StreamValues.h"
 #include "game/Host.h"
 #include "game/entity/ClientSideEntity.h"
 #include "net/TcpConnection.h"
-#include "server/TestServer.h"
-#include "server/Wire.h"
+#include "protocol/Wire.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "net/TcpListener.h"
 #include "net/UdpEndpoint.h"
 #include "orvex/net/Socket.h"
-#include "server/Wire.h"
+#include "protocol/Wire.h"
 
 namespace testserver {
 

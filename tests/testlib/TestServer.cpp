@@ -1,4 +1,4 @@
-#include "server/TestServer.h"
+#include "TestServer.h"
 
 #include <algorithm>
 #include <chrono>
@@ -8,7 +8,7 @@
 #include "filesystem/StreamValues.h"
 #include "net/TcpConnection.h"
 #include "net/UdpEndpoint.h"
-#include "server/Ports.h"
+#include "protocol/Ports.h"
 
 namespace testserver {
 namespace {
@@ -142,7 +142,7 @@ bool TestConnection::WaitClosed(int timeoutMs) {
 // ---------------------------------------------------------------------------------------
 
 TestServer::TestServer(const std::string& host) : host_(host) {
-  gameserver::PortPair pair = gameserver::BindSamePort(host, 0, kUdpCapacity);
+  wire::PortPair pair = wire::BindSamePort(host, 0, kUdpCapacity);
   listener_ = std::move(pair.tcp);
   udp_ = std::move(pair.udp);
   port_ = listener_->GetPort();

@@ -1,4 +1,4 @@
-// Binding a server's TCP listener and UDP socket to one port.
+// A server answers datagrams from the port its TCP listener took: binding the two to one port.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 #include "net/UdpEndpoint.h"
 #include "orvex/net/Socket.h"
 
-namespace gameserver {
+namespace wire {
 
 struct PortPair {
   std::unique_ptr<orvex::net::TcpListener> tcp;
@@ -21,4 +21,4 @@ struct PortPair {
 // datagram the UDP socket sends. Throws std::runtime_error when no pair could be bound.
 PortPair BindSamePort(const std::string& host, uint16_t port, unsigned long udpCapacity);
 
-}  // namespace gameserver
+}  // namespace wire

@@ -1,9 +1,9 @@
-#include "server/Ports.h"
+#include "protocol/Ports.h"
 #include "net/UdpEndpoint.h"
 
 #include <stdexcept>
 
-namespace gameserver {
+namespace wire {
 
 PortPair BindSamePort(const std::string& host, uint16_t port, unsigned long udpCapacity) {
   std::string lastError;
@@ -21,4 +21,4 @@ PortPair BindSamePort(const std::string& host, uint16_t port, unsigned long udpC
   throw std::runtime_error("cannot bind TCP and UDP to one port of " + host + ": " + lastError);
 }
 
-}  // namespace gameserver
+}  // namespace wire
