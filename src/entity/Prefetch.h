@@ -15,11 +15,16 @@ inline void Prefetch(const void* address) {
   __builtin_prefetch(address, static_cast<int>(intent), 3);
 }
 
-// A node of the registry's map (see MapLayout.h). It may straddle two lines; both are
-// fetched.
+// What a walk reads of a node of the registry's map (see MapLayout.h): its link and its
+// value, not the cached hash after them. The second line is fetched only when they
+// straddle one.
 inline void PrefetchNode(const void* node) {
   Prefetch<Intent::kRead>(node);
-  Prefetch<Intent::kRead>(static_cast<const char*>(node) + layout::kNodeBytes - 1);
+  const char* end = static_cast<const char*>(node) + layout::kHashOffset - 1;
+  if (((reinterpret_cast<uintptr_t>(node) ^ reinterpret_cast<uintptr_t>(end)) & ~uintptr_t{63}) !=
+      0) {
+    Prefetch<Intent::kRead>(end);
+  }
 }
 
 // What a state pass touches of an entity: the pointer's count block (copying the pointer

@@ -25,7 +25,9 @@ void RegistryWalk::ForEach(Flag flag, const Visit& visit) {
     Stretch& s = stretches_[count++];
     s.at = start;
     s.tested = nullptr;
-    s.steps = 0;
+    // A mark every `stride` steps, from the stretch's first node on (the list's head is
+    // found without one).
+    s.untilMark = count == 1 ? stride : 0;
     s.done = false;
     s.found.clear();
     s.marks.clear();
@@ -63,14 +65,17 @@ void RegistryWalk::ForEach(Flag flag, const Visit& visit) {
         ordered = false;  // the stretch ran past where its successor starts
         break;
       }
-      if (s.steps % stride == 0 && (j > 0 || s.steps > 0)) s.marks.push_back(s.at->first);
+      if (s.untilMark == 0) {
+        s.marks.push_back(s.at->first);
+        s.untilMark = stride;
+      }
+      --s.untilMark;
       // The flag of the entity stepped over is fetched now and tested next round.
       if (const ClientSideEntity::Ptr& entity = s.at->second) {
         Prefetch<Intent::kRead>(&((*entity).*flag));
         s.tested = &entity;
       }
       ++s.at;
-      ++s.steps;
       if (s.at != s.stop && s.at != map.end()) {
         PrefetchNode(layout::NodeOf(*s.at));
       }

@@ -36,7 +36,7 @@ class RegistryWalk {
   struct Stretch {
     Map::const_iterator at, stop;
     const ClientSideEntity::Ptr* tested = nullptr;  // stepped over, its flag fetched
-    size_t steps = 0;
+    size_t untilMark = 0;                           // steps to the next mark
     bool done = false;
     std::vector<const ClientSideEntity::Ptr*> found;  // wanted entities, in order
     std::vector<Id> marks;                            // for the next walk, in order
