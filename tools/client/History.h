@@ -3,11 +3,12 @@
 // keeps for its dump grows neither with the length of a run nor with the size of a payload.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <utility>
+#include <vector>
 
 namespace sandbox {
 
@@ -40,7 +41,9 @@ class KeptBytes {
 // What an item costs beyond its payload: the container's slot and the allocator's header.
 inline constexpr uint64_t kItemOverhead = 64;
 
-// Not thread-safe; the owner locks.
+// The items live in a ring that grows one slot at a time up to the count cap, so that a
+// record of one item costs one slot (every entity keeps one: a deque would allocate half
+// a kilobyte for it). Not thread-safe; the owner locks.
 template <typename T>
 class History {
  public:
@@ -54,38 +57,51 @@ class History {
   // itself: the budget is held by other records.
   void Add(T item, uint64_t bytes) {
     bytes += kItemOverhead;
-    while (items_.size() >= cap_) DropOldest();
+    while (count_ >= cap_) DropOldest();
     while (!KeptBytes::Process().Take(bytes)) {
-      if (items_.empty()) {
+      if (count_ == 0) {
         ++leftOut_;
         return;
       }
       DropOldest();
     }
-    items_.emplace_back(std::move(item), bytes);
+    if (count_ == items_.size()) {
+      // Full as allocated: grow by a slot, with the oldest first.
+      std::rotate(items_.begin(), items_.begin() + static_cast<long>(head_), items_.end());
+      head_ = 0;
+      items_.emplace_back(std::move(item), bytes);
+    } else {
+      items_[(head_ + count_) % items_.size()] = {std::move(item), bytes};
+    }
+    ++count_;
   }
   void Clear() {
-    while (!items_.empty()) DropOldest();
+    while (count_ != 0) DropOldest();
     leftOut_ = 0;
   }
   // Calls `visit` with each kept item, oldest first.
   template <typename Visit>
   void ForEach(Visit&& visit) const {
-    for (const auto& [item, bytes] : items_) visit(item);
+    for (size_t i = 0; i < count_; ++i) visit(items_[(head_ + i) % items_.size()].first);
   }
-  size_t Size() const { return items_.size(); }
+  size_t Size() const { return count_; }
   // How many items were let go.
   uint64_t LeftOut() const { return leftOut_; }
 
  private:
   void DropOldest() {
-    KeptBytes::Process().Give(items_.front().second);
-    items_.pop_front();
+    auto& oldest = items_[head_];
+    KeptBytes::Process().Give(oldest.second);
+    oldest = {};  // the item's memory goes now, not when its slot is reused
+    head_ = (head_ + 1) % items_.size();
+    --count_;
     ++leftOut_;
   }
 
   size_t cap_;
-  std::deque<std::pair<T, uint64_t>> items_;
+  std::vector<std::pair<T, uint64_t>> items_;  // items_[head_] is the oldest of count_
+  size_t head_ = 0;
+  size_t count_ = 0;
   uint64_t leftOut_ = 0;
 };
 
