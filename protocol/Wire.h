@@ -32,6 +32,7 @@
 
 #include <glm/vec3.hpp>
 
+#include "client/Limits.h"
 #include "filesystem/StreamValues.h"
 #include "game/Networking.h"
 #include "game/entity/Id.h"
@@ -51,21 +52,20 @@ using game::entity::Orientation;
 using orvex::filesystem::Stream;
 using orvex::modular::ModuleID;
 
-// The largest datagram either side sends.
-inline constexpr size_t kMaxDatagram = 1400;
+// The sizes the module shares (client/Limits.h), under the codec's names.
+inline constexpr size_t kMaxDatagram = client::limits::kDatagramCapacity;
 // The hello up to its token: lead byte, 8 bytes magic, u32 version.
 inline constexpr size_t kHelloHeaderSize = 1 + 8 + 4;
-// The client's datagram header: lead byte, u16 networking version, u16 server tag, u64 player id.
-inline constexpr size_t kClientHeaderSize = 13;
+inline constexpr size_t kClientHeaderSize = client::limits::kDatagramHeaderSize;
 // Magic, code, f64 time, u64 sequence, u64 parent environment, u64 relative environment,
 // [Id parent,] i32 divisor.
 inline constexpr size_t kTransformsHeaderSize = 8 + 1 + 8 + 8 + 8 + 8 + 16 + 4;
 inline constexpr size_t kPhysicsHeaderSize = 8 + 1 + 8 + 8 + 8 + 8 + 4;
-inline constexpr size_t kTransformRecordSize = 56;
-inline constexpr size_t kPhysicsRecordSize = 64;
+inline constexpr size_t kTransformRecordSize = client::limits::kTransformRecordSize;
+inline constexpr size_t kPhysicsRecordSize = client::limits::kPhysicsRecordSize;
 inline constexpr size_t kEndMarkerSize = 16;
 // Caps on what a client may send: the hello's token and password, and any embedded payload.
-inline constexpr uint32_t kMaxTokenSize = 64;
+inline constexpr uint32_t kMaxTokenSize = client::limits::kTokenLimit;
 inline constexpr uint32_t kMaxPasswordSize = 1024;
 inline constexpr uint32_t kMaxPayloadSize = orvex::filesystem::kMaxBlockSize;
 

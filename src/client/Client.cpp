@@ -11,6 +11,7 @@
 #include "Game.h"
 #include "Timer.h"
 #include "client/Assert.h"
+#include "client/Limits.h"
 #include "client/StatePasses.h"
 #include "client/Values.h"
 #include "entity/RegistryWalk.h"
@@ -39,8 +40,8 @@ constexpr int kLineMoveEntity = 362;
 constexpr int kWelcomeWaitMs = 5000;
 constexpr int kConnectTimeoutMs = 5000;
 constexpr int kReceivePollMs = 500;
-constexpr unsigned long kDatagramCapacity = 1400;
-constexpr unsigned long kTokenLimit = 64;
+using limits::kDatagramCapacity;
+using limits::kTokenLimit;
 constexpr unsigned long kTextLimit = 65535;
 // The most the welcome's mod list (names with their 4-byte counts) and its configuration
 // text may hold: the same 16 MiB that the engine's sockets allow one string or stream.
@@ -51,8 +52,8 @@ constexpr double kTcpKeepAliveMs = 5000.0;
 constexpr double kDatagramKeepAliveMs = 500.0;
 // A datagram is the 13-byte header plus records; a module record costs 21 bytes more than
 // its payload (code, ModuleID, embedded-stream count).
-constexpr unsigned long kDatagramHeaderSize = 13;
-constexpr unsigned long kModuleRecordOverhead = 21;
+using limits::kDatagramHeaderSize;
+using limits::kModuleRecordOverhead;
 constexpr unsigned long kMaxModulePayload =
     kDatagramCapacity - kDatagramHeaderSize - kModuleRecordOverhead;  // 1366
 

@@ -12,6 +12,7 @@
 #include <utility>
 #include <vector>
 
+#include "client/Limits.h"
 #include "entity/Lookahead.h"
 #include "game/entity/ClientSideEntity.h"
 
@@ -238,7 +239,7 @@ TransformPass::TransformPass(orvex::filesystem::ReadOnlyStream records, int32_t 
     : records_(std::move(records)), divisor_(divisor), parent_(parent), foreign_(foreign) {}
 
 void TransformPass::operator()() {
-  RecordChunks<56> records(records_);
+  RecordChunks<limits::kTransformRecordSize> records(records_);
   ParentTransforms parents;
   while (const unsigned char* record = records.Next()) {
     const glm::dvec3 position = Field<glm::dvec3>(record, 16);
@@ -293,7 +294,7 @@ PhysicsPass::PhysicsPass(orvex::filesystem::ReadOnlyStream records)
     : records_(std::move(records)) {}
 
 void PhysicsPass::operator()() {
-  RecordChunks<64> records(records_);
+  RecordChunks<limits::kPhysicsRecordSize> records(records_);
   while (const unsigned char* record = records.Next()) {
     const glm::dvec3 velocity = Field<glm::dvec3>(record, 16);
     const glm::dvec3 extra = Field<glm::dvec3>(record, 40);
