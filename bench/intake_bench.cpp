@@ -62,12 +62,40 @@ wire::Bytes TransformDatagram(uint64_t sequence) {
   return wire::TransformsDatagram(header, game::entity::Id{}, records);
 }
 
+// A platform socket whose last datagram came from `host` (a loopback address), so that
+// its GetIncomingAddress() is what the datagram callback sees of that sender. Throws when
+// no datagram arrives within 10 s.
+std::unique_ptr<orvex::net::UdpSocket> SocketThatHeardFrom(const std::string& host) {
+  orvex::net::UdpEndpoint peer(orvex::net::UdpEndpoint::BindTag{}, host, 0, 16);
+  auto heard = std::make_shared<std::atomic<bool>>(false);
+  auto socket = std::make_unique<orvex::net::UdpSocket>(host, peer.GetLocalPort(), 16);
+  socket->Receive([heard](const orvex::net::UdpSocket&, orvex::filesystem::ReadOnlyStream&&) {
+    heard->store(true);
+  });
+  auto replied = std::make_shared<std::atomic<bool>>(false);
+  peer.Receive(
+      [&peer, replied](const orvex::net::UdpEndpoint& from, orvex::filesystem::ReadOnlyStream&&) {
+        if (replied->exchange(true)) return;
+        peer.SetDestination(from.GetIncomingAddress(), from.GetIncomingPort());
+        orvex::filesystem::WriteValue(peer, uint8_t{1});
+        peer.Flush();
+      });
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!heard->load() && std::chrono::steady_clock::now() < deadline) {
+    orvex::filesystem::WriteValue(*socket, uint8_t{1});
+    socket->Flush();
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  peer.StopReceiving();
+  if (!heard->load()) throw std::runtime_error("no loopback datagram arrived from " + host);
+  return socket;
+}
+
 // The client and, for the direct case, a socket whose last sender was 127.0.0.1, which is
 // what the client's sender check compares with the server's address.
 struct Fixture {
   benchsupport::ConnectedClient connected;
-  std::unique_ptr<orvex::net::UdpSocket> loopbackSender =
-      client::ClientTestPeer::SocketThatHeardFrom("127.0.0.1");
+  std::unique_ptr<orvex::net::UdpSocket> loopbackSender = SocketThatHeardFrom("127.0.0.1");
   wire::Bytes datagram = TransformDatagram(1);
   uint16_t clientPort = 0;
 
