@@ -121,9 +121,20 @@ size_t RunSynchronized() {
   return RunSynchronized(Clock::duration::max());
 }
 
+namespace {
+
+QueueGate* queueGate = nullptr;  // game thread only
+
+}  // namespace
+
+void SetQueueGate(QueueGate* gate) {
+  queueGate = gate;
+}
+
 size_t RunSynchronized(Clock::duration budget, const std::function<void(Clock::duration)>& waited) {
   const auto start = Clock::now();
   WorkQueue& queue = Queue();
+  QueueGate* const gate = queueGate;
   uint64_t end;
   {
     std::lock_guard<std::mutex> lock(queue.mutex);
@@ -138,11 +149,24 @@ size_t RunSynchronized(Clock::duration budget, const std::function<void(Clock::d
     {
       std::lock_guard<std::mutex> lock(queue.mutex);
       if (queue.count == 0 || queue.At(0).ticket >= end) break;
+      // Only this thread takes from the queue: the front stays while the gate decides.
+      if (gate != nullptr) {
+        queue.mutex.unlock();
+        const bool go = gate->WorkBegins();
+        queue.mutex.lock();
+        if (!go) break;
+      }
       queue.PopFront(work, queued);
     }
     queue.taken.notify_all();
     ++ran;
     if (waited) waited(Clock::now() - queued);
+    struct End {
+      QueueGate* gate;
+      ~End() {
+        if (gate != nullptr) gate->WorkEnds();
+      }
+    } end{gate};
     work();
     if (Clock::now() - start >= budget) break;
   }
@@ -180,6 +204,7 @@ void ResetGame() {
     queue.hold = kDefaultSynchronizeHold;
     queue.counts = SynchronizeCounts{};
   }
+  queueGate = nullptr;
   Queue().taken.notify_all();
   dropped.clear();
 

@@ -33,6 +33,21 @@ size_t RunSynchronized(
     std::chrono::steady_clock::duration budget,
     const std::function<void(std::chrono::steady_clock::duration)>& waited = nullptr);
 
+// What a host may put around each function RunSynchronized runs (game-client records and,
+// in a replay, imposes the order of the game thread's work against the other threads').
+// Begins is called on the game thread once a function is waiting to run; false leaves it
+// (and the rest) queued and ends the run. Ends follows each function that ran, on every
+// way out.
+class QueueGate {
+ public:
+  virtual ~QueueGate() = default;
+  virtual bool WorkBegins() = 0;
+  virtual void WorkEnds() = 0;
+};
+// Installs `gate` (null: none). REQUIRES: no RunSynchronized runs meanwhile; the gate
+// outlives its installation.
+void SetQueueGate(QueueGate* gate);
+
 // The queue bounds itself: a thread that queues while `cap` functions wait is held back
 // until the game thread takes some, for at most `hold`, and then queues all the same. A
 // datagram delivery thread held back leaves datagrams in its socket, whose buffer then

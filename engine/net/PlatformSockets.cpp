@@ -1,14 +1,27 @@
 // The platform's sockets, made of the engine's own: a TcpSocket is a client-form
 // TcpConnection, a UdpSocket a client-form UdpEndpoint (which picks up the process-wide
 // simulator settings and tap that hosts set for sockets they cannot reach into). Every
-// declared operation is the engine socket's, unchanged.
+// declared operation is the engine socket's, unchanged; a host's delivery gate, when one is
+// installed, is called around each reliable message and datagram.
+#include <atomic>
 #include <utility>
+
+#include "net/DeliveryGate.h"
 
 #include "net/TcpConnection.h"
 #include "net/UdpEndpoint.h"
 #include "orvex/net/Socket.h"
 
 namespace orvex::net {
+namespace {
+
+std::atomic<DeliveryGate*> installedGate{nullptr};
+
+}  // namespace
+
+void SetDeliveryGate(DeliveryGate* gate) {
+  installedGate.store(gate);
+}
 
 struct TcpSocket::Connection : TcpConnection {
   using TcpConnection::TcpConnection;
@@ -23,7 +36,11 @@ TcpSocket::TcpSocket(const std::string& host, uint16_t port, unsigned long buffe
 TcpSocket::~TcpSocket() = default;
 
 int TcpSocket::Poll(int timeoutMs) {
-  return connection_->Poll(timeoutMs);
+  DeliveryGate* const gate = installedGate.load();
+  if (gate != nullptr) gate->MessageEnds();
+  const int ready = connection_->Poll(timeoutMs);
+  if (gate != nullptr && ready == 1) gate->MessageBegins();
+  return ready;
 }
 
 void TcpSocket::Write(const unsigned char* data, unsigned long size) {
@@ -64,6 +81,14 @@ void UdpSocket::Receive(
     std::function<void(const UdpSocket&, filesystem::ReadOnlyStream&&)> callback) {
   endpoint_->Receive([this, callback = std::move(callback)](const UdpEndpoint&,
                                                             filesystem::ReadOnlyStream&& datagram) {
+    DeliveryGate* const gate = installedGate.load();
+    if (gate == nullptr) return callback(*this, std::move(datagram));
+    gate->DatagramBegins();
+    // Ends on every way out, so that a throwing callback does not hold the other threads.
+    struct End {
+      DeliveryGate* gate;
+      ~End() { gate->DatagramEnds(); }
+    } end{gate};
     callback(*this, std::move(datagram));
   });
 }

@@ -35,6 +35,7 @@
 #include "common/Log.h"
 #include "common/OutputFile.h"
 #include "common/Recording.h"
+#include "common/ThreadOrder.h"
 #include "game/Host.h"
 #include "game/Networking.h"
 #include "net/UdpEndpoint.h"
@@ -45,6 +46,9 @@ namespace {
 constexpr int kUsageError = 64;
 constexpr int kFailed = 1;
 constexpr int kConstructorFailed = 2;
+// How long a replay waits for the event its recorded order expects before it gives the
+// order up: a recording's frames are never this far apart.
+constexpr auto kOrderStall = std::chrono::seconds(5);
 
 // Written by the signal handler, which may run on any of the process's threads; lock-free,
 // so touching them is async-signal-safe.
@@ -82,6 +86,7 @@ struct Options {
   std::string simulate;  // network conditions on the client's UDP socket
   std::string record;    // the recording's path; empty: none
   double recordLimitMb = 256;
+  std::string replayOrder;  // a recording whose thread order this run follows
   double dumpKeepMib = 64;  // what the dump keeps of module payloads and syncs together
 };
 
@@ -127,7 +132,8 @@ Ending QuitEnding(const client::Client& client) {
 // The game's main loop, from the receiving thread's start to its join. Returns how the run
 // ended. `receiverDone` is set when ReceivingThread() has returned.
 Ending Run(client::Client& client, const Options& options, gameclient::NetworkStats& stats,
-           gameclient::Monitor& monitor, const std::atomic<bool>& receiverDone) {
+           gameclient::Monitor& monitor, const std::atomic<bool>& receiverDone,
+           order::ThreadOrder* threadOrder) {
   using Clock = std::chrono::steady_clock;
   const auto start = Clock::now();
   const bool limited = options.seconds > 0;
@@ -145,12 +151,23 @@ Ending Run(client::Client& client, const Options& options, gameclient::NetworkSt
       return {"lost connection: the receiving thread ended", kFailed};
     }
     const auto begun = Clock::now();
+    const auto waited = [&stats](Clock::duration wait) { stats.Waited(wait); };
     // State passes get half a frame; what is left waits for the next frame, so a burst
-    // of state delays state, never the frame.
-    orvex::engine::RunSynchronized(frame / 2,
-                                   [&stats](Clock::duration wait) { stats.Waited(wait); });
+    // of state delays state, never the frame. A replay that follows its recorded order
+    // runs each frame's recorded work instead, and runs frames as fast as that work comes.
+    bool ordered = false;
+    if (threadOrder != nullptr) {
+      ordered = threadOrder->Enforcing();
+      threadOrder->RunFrame(frame / 2, frame, waited, nullptr);
+    } else {
+      orvex::engine::RunSynchronized(frame / 2, waited);
+    }
     client.Send();
     monitor.Frame(client, begun);
+    if (ordered) {
+      next = Clock::now();
+      continue;
+    }
     next += frame;
     const auto now = Clock::now();
     // A late frame does not make the following ones rush to catch up.
@@ -229,6 +246,10 @@ int main(int argc, char** argv) {
   app.add_option("--record", options.record,
                  "record the session (what the server sent, what the client sent, with their "
                  "times) as a pcapng capture to this file; never the token or the password");
+  app.add_option("--replay-order", options.replayOrder,
+                 "follow the thread order recorded in this recording (made with --record), "
+                 "for a replay of it by game-server --replay: the replica comes out as "
+                 "recorded");
   app.add_option("--record-limit", options.recordLimitMb,
                  "stop recording when the file reaches this many MB (the session goes on)")
       ->capture_default_str()
@@ -289,6 +310,36 @@ int main(int argc, char** argv) {
     orvex::net::SetTap(recorder.get());
   }
 
+  // The thread order: recorded with the session, or imposed from a recording.
+  std::unique_ptr<order::ThreadOrder> threadOrder;
+  if (!options.replayOrder.empty()) {
+    recording::Recording recorded;
+    try {
+      recorded = recording::LoadRecording(options.replayOrder);
+    } catch (const std::runtime_error& e) {
+      return Usage(e.what());
+    }
+    if (!recorded.ordered) {
+      std::cerr << "game-client: " << options.replayOrder
+                << " holds no thread order (it was recorded before orders were): the order "
+                   "is unknown, so this run follows none"
+                << std::endl;
+    } else {
+      threadOrder = std::make_unique<order::ThreadOrder>(
+          std::move(recorded.order), kOrderStall,
+          [](const std::string& line) { std::cerr << "game-client: " << line << std::endl; });
+    }
+  } else if (recorder) {
+    threadOrder = std::make_unique<order::ThreadOrder>(
+        [&recorder](order::Event event) { recorder->Heard(event); });
+  }
+  if (threadOrder) {
+    // An event that queues work waits for none: the game thread may be waiting for it.
+    orvex::engine::SetSynchronizeBound(orvex::engine::kDefaultSynchronizeCap,
+                                       std::chrono::milliseconds(0));
+    threadOrder->Install();
+  }
+
   InstallSignalHandlers();
   Game::parentEnvironmentId = options.parentEnvironment;
   Game::relativeEnvironmentId = options.relativeEnvironment;
@@ -326,14 +377,15 @@ int main(int argc, char** argv) {
   Ending ending;
   bool failed = false;
   std::atomic<bool> receiverDone{false};
-  std::thread receiver([&client, &receiverDone] {
+  std::thread receiver([&client, &receiverDone, &threadOrder] {
     pthread_setname_np(pthread_self(), "receiving");
     client->ReceivingThread();
+    if (threadOrder) threadOrder->ReceiverFinished();
     receiverDone.store(true);
   });
   try {
     client->Connected();
-    ending = Run(*client, options, *stats, monitor, receiverDone);
+    ending = Run(*client, options, *stats, monitor, receiverDone, threadOrder.get());
   } catch (const std::exception& e) {
     monitor.Close();
     std::cerr << tools::LogHead("game-client", tools::Level::kError) << e.what() << std::endl;
@@ -342,6 +394,9 @@ int main(int argc, char** argv) {
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   Game::isActive.store(false);
+  // A replay's threads stop waiting for their turns; a recording's order goes on until
+  // the sockets close.
+  if (threadOrder && threadOrder->Enforcing()) threadOrder->Stop();
   receiver.join();
 
   gameclient::Identity identity;
@@ -352,6 +407,10 @@ int main(int argc, char** argv) {
   gameclient::Figures figures = gameclient::Measure(*client);
   monitor.Finish(*client);
   client.reset();
+  if (threadOrder) {
+    threadOrder->Remove();
+    threadOrder->Stop();
+  }
   if (!FinishRecording(recorder, "the run ended (" + ending.text + ")")) failed = true;
   try {
     orvex::engine::RunSynchronized();

@@ -9,7 +9,8 @@
 namespace capture {
 namespace {
 
-constexpr uint32_t kSectionHeader = 0x0A0D0D0A, kInterface = 1, kStatistics = 5, kPacket = 6;
+constexpr uint32_t kSectionHeader = 0x0A0D0D0A, kInterface = 1, kStatistics = 5, kPacket = 6,
+                   kCustom = 0x00000BAD;
 constexpr uint32_t kByteOrderMagic = 0x1A2B3C4D;
 constexpr uint16_t kLinkTypeEthernet = 1, kOptionComment = 1;
 constexpr uint32_t kSnapLength = 65535 + 14;
@@ -125,6 +126,15 @@ void CaptureFile::Block(uint32_t type, const Bytes& body, const std::string& com
   if (!options.empty()) std::fwrite(options.data(), 1, options.size(), file_);
   std::fwrite(&total, 4, 1, file_);
   size_ += total;
+}
+
+void CaptureFile::Custom(const Bytes& data) {
+  Bytes body;
+  PutHost<uint32_t>(body, kEnterprise);
+  PutHost<uint32_t>(body, static_cast<uint32_t>(data.size()));
+  body.insert(body.end(), data.begin(), data.end());
+  Pad(body);
+  Block(kCustom, body, "");
 }
 
 void CaptureFile::Udp(uint16_t sourcePort, uint16_t destinationPort, const Bytes& payload) {
@@ -297,6 +307,10 @@ Capture ReadCapture(const std::string& path) {
         frame.comment = CommentIn(block + 28 + (captured + 3u) / 4 * 4, end);
         capture.frames.push_back(std::move(frame));
       }
+    } else if (type == kCustom && total >= 20 && GetHost<uint32_t>(block + 8) == kEnterprise) {
+      const uint32_t length = GetHost<uint32_t>(block + 12);
+      if (length > total - 20) fail(at, "a custom block longer than itself");
+      capture.custom.emplace_back(block + 16, block + 16 + length);
     } else if (type == kStatistics) {
       capture.closed = true;
       if (total >= 24) capture.closingComment = CommentIn(block + 20, end);

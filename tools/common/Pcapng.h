@@ -6,7 +6,9 @@
 //
 // Blocks written: the section header (with an optional comment), one interface (Ethernet,
 // microsecond timestamps), one enhanced packet block per frame (with an optional comment),
-// and at the end, optionally, an interface statistics block whose comment closes the file.
+// custom blocks of this project's own (copyable, enterprise number kEnterprise: a length,
+// then that many bytes), and at the end, optionally, an interface statistics block whose
+// comment closes the file.
 // Numbers are in the writer's byte order, which readers tell from the section header.
 #pragma once
 
@@ -18,6 +20,10 @@
 namespace capture {
 
 using Bytes = std::vector<uint8_t>;
+
+// The private enterprise number in this project's custom blocks: the one set aside for
+// documentation, as the project has none of its own.
+inline constexpr uint32_t kEnterprise = 32473;
 
 class CaptureFile {
  public:
@@ -41,6 +47,8 @@ class CaptureFile {
   // One TCP segment; `flags` are the TCP header's flag bits.
   void Tcp(uint16_t sourcePort, uint16_t destinationPort, uint32_t sequence,
            uint32_t acknowledgement, uint8_t flags, const Bytes& payload);
+  // One custom block holding `data`.
+  void Custom(const Bytes& data);
   // Bytes written so far.
   uint64_t Size() const { return size_; }
   // Writes the closing statistics block with `comment` (none when empty), then closes.
@@ -90,7 +98,8 @@ struct Frame {
 struct Capture {
   std::string comment;  // the section header's
   std::vector<Frame> frames;
-  bool closed = false;  // the closing statistics block is there
+  std::vector<Bytes> custom;  // the data of this project's custom blocks, in file order
+  bool closed = false;        // the closing statistics block is there
   std::string closingComment;
 };
 

@@ -21,6 +21,8 @@ constexpr size_t kFrameOverhead = 96;
 // TCP payload per recorded segment: one IPv4 packet's worth, less its headers.
 constexpr size_t kSegment = 65000;
 constexpr const char* kCut = "recording cut at its size limit";
+// The thread order goes to the file in blocks of about this size.
+constexpr size_t kOrderBlock = 1 << 16;
 
 uint64_t Microseconds(std::chrono::system_clock::time_point t) {
   return static_cast<uint64_t>(
@@ -81,6 +83,17 @@ void Recorder::Note(const std::string& comment) {
   file_.CommentNextFrame(comment);
 }
 
+void Recorder::Heard(order::Event event) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  order_.Add(event);
+  if (order_.Size() >= kOrderBlock) FlushOrder();
+}
+
+void Recorder::FlushOrder() {
+  const Bytes runs = order_.Take();
+  if (!runs.empty() && Admit(runs.size())) file_.Custom(runs);
+}
+
 void Recorder::OnTcp(const orvex::net::TcpConnection& socket, bool received,
                      const unsigned char* data, unsigned long size) {
   std::lock_guard<std::mutex> lock(mutex_);
@@ -127,6 +140,7 @@ void Recorder::OnDatagram(const orvex::net::UdpEndpoint& socket, bool received, 
 void Recorder::Close(const std::string& ending) {
   std::lock_guard<std::mutex> lock(mutex_);
   if (tcp_) FlushReceived();
+  FlushOrder();
   file_.SetTime(Now());
   file_.Close((full_ ? std::string(kCut) + "; " : std::string("recording complete; ")) + ending);
 }
@@ -146,6 +160,15 @@ Recording LoadRecording(const std::string& path) {
   }
   const uint16_t server = syn->destinationPort, client = syn->sourcePort;
   recording.serverPort = server;
+  recording.ordered = !capture.custom.empty();
+  for (const Bytes& runs : capture.custom) {
+    recording.order.insert(recording.order.end(), runs.begin(), runs.end());
+  }
+  try {
+    order::CountEvents(recording.order);
+  } catch (const std::runtime_error& e) {
+    throw std::runtime_error(path + ": " + e.what());
+  }
   for (capture::Frame& frame : capture.frames) {
     Item::Kind kind;
     if (frame.tcp && frame.sourcePort == server && frame.destinationPort == client) {

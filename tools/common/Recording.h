@@ -6,6 +6,8 @@
 // the moment the engine's socket took it in or sent it. The section header's comment holds
 // the session's parameters, the closing block's comment how the session and the recording
 // ended. The hello's token and password are never written: their counts become zero.
+// Custom blocks hold the order of the client's thread events (common/ThreadOrder.h), in
+// pieces as the session goes; a replay that imposes it reproduces the replica.
 #pragma once
 
 #include <chrono>
@@ -17,6 +19,7 @@
 #include <vector>
 
 #include "common/Pcapng.h"
+#include "common/ThreadOrder.h"
 #include "net/Tap.h"
 #include "net/TcpConnection.h"
 #include "net/UdpEndpoint.h"
@@ -40,6 +43,8 @@ class Recorder : public orvex::net::Tap {
 
   // A comment for the next frame that is recorded.
   void Note(const std::string& comment);
+  // One event of the thread order, as the order hears it (common/ThreadOrder.h).
+  void Heard(order::Event event);
   // Writes the closing block with `ending` and closes the file; throws std::runtime_error
   // when a write failed. REQUIRES: the tap is no longer installed.
   void Close(const std::string& ending);
@@ -55,6 +60,8 @@ class Recorder : public orvex::net::Tap {
   bool Admit(size_t bytes, uint64_t time = 0);
   // REQUIRES: mutex_. Writes the bytes read so far as segments from the server.
   void FlushReceived();
+  // REQUIRES: mutex_. Writes the thread order heard so far as a custom block.
+  void FlushOrder();
   uint64_t Now() const;
 
   std::mutex mutex_;
@@ -73,6 +80,7 @@ class Recorder : public orvex::net::Tap {
   uint64_t receivedTime_ = 0;
   const orvex::net::UdpEndpoint* udpSocket_ = nullptr;
   uint16_t udpPort_ = 0;
+  order::Encoder order_;
 };
 
 // The hello with its token and password counts set to zero and their bytes left out (the
@@ -93,6 +101,10 @@ struct Recording {
   bool complete = false;   // closed, and not cut at the size limit
   uint16_t serverPort = 0;
   std::vector<Item> items;
+  // The thread order in its recorded form (checked); `ordered` is false for a recording
+  // made before orders were recorded.
+  bool ordered = false;
+  order::Bytes order;
 };
 
 // Reads a recording. A file that is not one, or is damaged, throws std::runtime_error with

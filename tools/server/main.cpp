@@ -68,6 +68,13 @@ int Replay(const std::string& path, const gameserver::ReplayOptions& options, bo
               << (recording.ending.empty() ? "not closed" : recording.ending)
               << "); the client's traffic is compared up to its end" << std::endl;
   }
+  if (!recording.ordered && !quiet) {
+    std::cerr << "game-server: " << path
+              << " holds no thread order (it was recorded before orders were): the thread "
+                 "order is unknown, so a client replays it unordered and its replica may "
+                 "differ by thread timing"
+              << std::endl;
+  }
   gameserver::Replayer replayer(std::move(recording), options);
   try {
     replayer.Start();
