@@ -28,7 +28,7 @@ install(FILES ${CMAKE_BINARY_DIR}/orvex-client.pc DESTINATION ${CMAKE_INSTALL_LI
 
 install(FILES ${CMAKE_SOURCE_DIR}/LICENSE DESTINATION ${CMAKE_INSTALL_DOCDIR})
 
-foreach(_tool game-server game-client replica-svg)
+foreach(_tool game-server game-client replica-svg replica-diff)
   if(TARGET ${_tool})
     install(TARGETS ${_tool} RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
   endif()

@@ -28,6 +28,7 @@
 
 #include "Game.h"
 #include "client/Client.h"
+#include "client/Digest.h"
 #include "client/Dump.h"
 #include "client/Sandbox.h"
 #include "client/Stats.h"
@@ -87,6 +88,7 @@ struct Options {
   std::string record;    // the recording's path; empty: none
   double recordLimitMb = 256;
   std::string replayOrder;  // a recording whose thread order this run follows
+  std::string digest;       // the replica's digest once a frame, as JSON Lines
   double dumpKeepMib = 64;  // what the dump keeps of module payloads and syncs together
 };
 
@@ -133,7 +135,7 @@ Ending QuitEnding(const client::Client& client) {
 // ended. `receiverDone` is set when ReceivingThread() has returned.
 Ending Run(client::Client& client, const Options& options, gameclient::NetworkStats& stats,
            gameclient::Monitor& monitor, const std::atomic<bool>& receiverDone,
-           order::ThreadOrder* threadOrder) {
+           order::ThreadOrder* threadOrder, gameclient::ReplicaDigest* digest) {
   using Clock = std::chrono::steady_clock;
   const auto start = Clock::now();
   const bool limited = options.seconds > 0;
@@ -158,7 +160,9 @@ Ending Run(client::Client& client, const Options& options, gameclient::NetworkSt
     bool ordered = false;
     if (threadOrder != nullptr) {
       ordered = threadOrder->Enforcing();
-      threadOrder->RunFrame(frame / 2, frame, waited, nullptr);
+      threadOrder->RunFrame(frame / 2, frame, waited, [digest, threadOrder] {
+        if (digest != nullptr) digest->Frame(threadOrder->Events());
+      });
     } else {
       orvex::engine::RunSynchronized(frame / 2, waited);
     }
@@ -250,6 +254,9 @@ int main(int argc, char** argv) {
                  "follow the thread order recorded in this recording (made with --record), "
                  "for a replay of it by game-server --replay: the replica comes out as "
                  "recorded");
+  app.add_option("--digest", options.digest,
+                 "write a digest of the replica at every frame's end to this file, as JSON "
+                 "Lines, for replica-diff to compare two runs over one recording");
   app.add_option("--record-limit", options.recordLimitMb,
                  "stop recording when the file reaches this many MB (the session goes on)")
       ->capture_default_str()
@@ -267,7 +274,7 @@ int main(int argc, char** argv) {
                         options.relativeEnvironment)) {
     return Usage("--environment takes PARENT,RELATIVE: two unsigned decimal numbers");
   }
-  for (const std::string& path : {options.dump, options.stats}) {
+  for (const std::string& path : {options.dump, options.stats, options.digest}) {
     if (path.empty()) continue;
     try {
       tools::CheckWritable(path);
@@ -329,9 +336,17 @@ int main(int argc, char** argv) {
           std::move(recorded.order), kOrderStall,
           [](const std::string& line) { std::cerr << "game-client: " << line << std::endl; });
     }
-  } else if (recorder) {
-    threadOrder = std::make_unique<order::ThreadOrder>(
-        [&recorder](order::Event event) { recorder->Heard(event); });
+  } else if (recorder || !options.digest.empty()) {
+    // A digest, too, needs the frame's end alone with the replica.
+    threadOrder = std::make_unique<order::ThreadOrder>([&recorder](order::Event event) {
+      if (recorder) recorder->Heard(event);
+    });
+  }
+  std::ofstream digestFile;
+  std::unique_ptr<gameclient::ReplicaDigest> digest;
+  if (!options.digest.empty()) {
+    digestFile.open(options.digest, std::ios::trunc);
+    digest = std::make_unique<gameclient::ReplicaDigest>(digestFile);
   }
   if (threadOrder) {
     // An event that queues work waits for none: the game thread may be waiting for it.
@@ -385,7 +400,7 @@ int main(int argc, char** argv) {
   });
   try {
     client->Connected();
-    ending = Run(*client, options, *stats, monitor, receiverDone, threadOrder.get());
+    ending = Run(*client, options, *stats, monitor, receiverDone, threadOrder.get(), digest.get());
   } catch (const std::exception& e) {
     monitor.Close();
     std::cerr << tools::LogHead("game-client", tools::Level::kError) << e.what() << std::endl;

@@ -74,8 +74,7 @@ bool Decoder::Next(Event& event, uint64_t& count) {
   event = static_cast<Event>(value & 3);
   count = value >> 2;
   if (count == 0) {
-    throw std::runtime_error("the thread order has an empty run at byte " +
-                             std::to_string(start));
+    throw std::runtime_error("the thread order has an empty run at byte " + std::to_string(start));
   }
   return true;
 }
@@ -134,9 +133,20 @@ void ThreadOrder::NextRun() {
   if (decoder_.Next(next_, count)) {
     left_ = count;
   } else {
-    mode_ = Mode::kOver;
-    changed_.notify_all();
+    Unordered();
   }
+}
+
+void ThreadOrder::Unordered() {
+  if (mode_ == Mode::kEnforcing) {
+    // At most one event was granted by the order; it now holds the others back as a
+    // recording's would.
+    busy_ = false;
+    for (bool granted : granted_) busy_ = busy_ || granted;
+  }
+  mode_ = Mode::kRecording;
+  heard_ = nullptr;
+  changed_.notify_all();
 }
 
 void ThreadOrder::WaitSlice(std::unique_lock<std::mutex>& lock) {
@@ -144,8 +154,7 @@ void ThreadOrder::WaitSlice(std::unique_lock<std::mutex>& lock) {
   changed_.wait_for(lock, kSlice);
   if (mode_ != Mode::kEnforcing || events_ != before) return;
   if (Clock::now() - lastEvent_ < stall_) return;
-  mode_ = Mode::kOver;
-  changed_.notify_all();
+  Unordered();
   if (lost_) {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(stall_).count();
     lost_("the replay lost the recorded thread order after event " + std::to_string(events_) +
@@ -160,7 +169,7 @@ void ThreadOrder::Begin(std::unique_lock<std::mutex>& lock, Event event) {
     if (mode_ != Mode::kRecording) return;
     busy_ = true;
     granted_[Index(event)] = true;
-    heard_(event);
+    if (heard_) heard_(event);
     return;
   }
   while (mode_ == Mode::kEnforcing && next_ != event) WaitSlice(lock);
@@ -175,7 +184,7 @@ void ThreadOrder::End(Event event) {
   lastEvent_ = Clock::now();
   if (mode_ == Mode::kRecording) {
     busy_ = false;
-  } else if (mode_ == Mode::kEnforcing && --left_ == 0) {
+  } else if (--left_ == 0) {
     NextRun();
   }
   changed_.notify_all();
@@ -222,9 +231,9 @@ void ThreadOrder::WorkEnds() {
   End(Event::kWork);
 }
 
-bool ThreadOrder::OverFrame(Clock::duration budget,
-                            const std::function<void(Clock::duration)>& waited,
-                            const std::function<void()>& atEnd) {
+bool ThreadOrder::SerialFrame(Clock::duration budget,
+                              const std::function<void(Clock::duration)>& waited,
+                              const std::function<void()>& atEnd) {
   orvex::engine::RunSynchronized(budget, waited);
   {
     std::unique_lock<std::mutex> lock(mutex_);
@@ -248,7 +257,7 @@ bool ThreadOrder::RunFrame(Clock::duration budget, Clock::duration wait,
       }
       if (mode_ != Mode::kEnforcing) {
         lock.unlock();
-        return OverFrame(budget, waited, atEnd);
+        return SerialFrame(budget, waited, atEnd);
       }
       if (next_ == Event::kFrame) {
         granted_[Index(Event::kFrame)] = true;
@@ -270,9 +279,7 @@ bool ThreadOrder::RunFrame(Clock::duration budget, Clock::duration wait,
 
 void ThreadOrder::Stop() {
   std::lock_guard<std::mutex> lock(mutex_);
-  mode_ = Mode::kOver;
-  busy_ = false;
-  changed_.notify_all();
+  Unordered();
 }
 
 }  // namespace order

@@ -72,7 +72,8 @@ class ThreadOrder final : public orvex::net::DeliveryGate, public orvex::engine:
   explicit ThreadOrder(std::function<void(Event)> heard);
   // Enforcing `recorded` (checked: Decoder's errors throw here). When a thread has waited
   // `stall` for its turn with no event happening, `lost` is told once, with one line, and
-  // from then on the threads run unordered; likewise, silently, once the order is used up.
+  // from then on the events run alone in whatever order they come, as when recording;
+  // likewise, silently, once the order is used up.
   ThreadOrder(Bytes recorded, Clock::duration stall, std::function<void(const std::string&)> lost);
   ~ThreadOrder() override;
 
@@ -88,14 +89,14 @@ class ThreadOrder final : public orvex::net::DeliveryGate, public orvex::engine:
   // Game thread, once a frame: the frame's queued work, then `atEnd` as the frame's end
   // event (alone). Enforcing: the work recorded for this frame, waiting for the other
   // threads for at most `wait`; false when the wait ran out before the frame's end (call
-  // again). Otherwise, and once the order is over: RunSynchronized within `budget`.
+  // again). Otherwise: RunSynchronized within `budget`.
   bool RunFrame(Clock::duration budget, Clock::duration wait,
                 const std::function<void(Clock::duration)>& waited,
                 const std::function<void()>& atEnd);
 
   // The receiving thread, after Client::ReceivingThread returned: ends its open message.
   void ReceiverFinished();
-  // Any thread: the order is over; waiting threads go on, nothing more is heard.
+  // Any thread: no more is enforced or heard; events still run alone.
   void Stop();
 
   void MessageBegins() override;
@@ -106,7 +107,8 @@ class ThreadOrder final : public orvex::net::DeliveryGate, public orvex::engine:
   void WorkEnds() override;
 
  private:
-  enum class Mode { kRecording, kEnforcing, kOver };
+  // kRecording: events run alone, in the order they come (heard_, when set, hears them).
+  enum class Mode { kRecording, kEnforcing };
 
   // REQUIRES: mutex_ held through `lock`. Blocks until `event` may begin (and begins it) or
   // the order is over.
@@ -115,10 +117,12 @@ class ThreadOrder final : public orvex::net::DeliveryGate, public orvex::engine:
   // REQUIRES: mutex_, kEnforcing. Waits one slice for a change; declares the order lost
   // once no event happened for stall_.
   void WaitSlice(std::unique_lock<std::mutex>& lock);
-  // REQUIRES: mutex_, kEnforcing. Moves to the next recorded run (over at the end).
+  // REQUIRES: mutex_, kEnforcing. Moves to the next recorded run (unordered at the end).
   void NextRun();
-  bool OverFrame(Clock::duration budget, const std::function<void(Clock::duration)>& waited,
-                 const std::function<void()>& atEnd);
+  // REQUIRES: mutex_. From now on as recording, without hearing.
+  void Unordered();
+  bool SerialFrame(Clock::duration budget, const std::function<void(Clock::duration)>& waited,
+                   const std::function<void()>& atEnd);
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
