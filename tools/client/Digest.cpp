@@ -129,7 +129,7 @@ void ReplicaDigest::Frame(uint64_t events) {
   previous_.swap(current);
   char hash[17];
   std::snprintf(hash, sizeof hash, "%016llx", static_cast<unsigned long long>(total));
-  const Json line = {{"frame", ++frame_},      {"events", events},   {"hash", hash},
+  const Json line = {{"frame", ++frame_},           {"events", events},   {"hash", hash},
                      {"entities", entities.size()}, {"changed", changed}, {"gone", gone}};
   out_ << line.dump(-1, ' ', false, Json::error_handler_t::replace) << '\n';
 }

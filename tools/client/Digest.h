@@ -24,10 +24,13 @@
 namespace gameclient {
 
 inline constexpr std::array<std::string_view, 19> kDigestFields = {
-    "parent",      "module",        "text",      "position",     "targetPosition",
-    "velocity",    "physicsExtra",  "orientation", "targetOrientation", "updateRate",
-    "smooth",      "forceSnap",     "serverDriven", "hasTarget",  "velocityReset",
-    "stale",       "ready",         "aimId",     "sync"};
+    "parent",       "module",         "text",
+    "position",     "targetPosition", "velocity",
+    "physicsExtra", "orientation",    "targetOrientation",
+    "updateRate",   "smooth",         "forceSnap",
+    "serverDriven", "hasTarget",      "velocityReset",
+    "stale",        "ready",          "aimId",
+    "sync"};
 
 class ReplicaDigest {
  public:

@@ -115,7 +115,7 @@ class Run {
 
 // The last message that touched an entity, from the recording.
 struct Touch {
-  std::string kind;  // "reliable message" or "datagram"
+  std::string kind;    // "reliable message" or "datagram"
   uint64_t index = 0;  // counted from 1 in its kind
   std::string what;
   double seconds = 0;  // since the recording's first frame
@@ -142,8 +142,8 @@ const Touch* LastWriter(const Touches& t, const Json& fields) {
   bool physics = fields.empty(), other = fields.empty();
   for (const Json& f : fields) (PhysicsField(f.get<std::string>()) ? physics : other) = true;
   const Touch* last = nullptr;
-  for (const Touch* c : {&t.reliable, other ? &t.transforms : nullptr,
-                         physics ? &t.physics : nullptr}) {
+  for (const Touch* c :
+       {&t.reliable, other ? &t.transforms : nullptr, physics ? &t.physics : nullptr}) {
     if (c != nullptr && !c->kind.empty() && (last == nullptr || c->event > last->event)) last = c;
   }
   return last;
@@ -249,7 +249,8 @@ std::map<Words, Touches> LastTouches(const recording::Recording& recorded, uint6
 
 std::string FieldsThatDiffer(const Run& a, const Run::Entity* x, const Run::Entity* y,
                              Json& names) {
-  if (x == nullptr || y == nullptr) return x == nullptr ? "only in the second run" : "only in the first run";
+  if (x == nullptr || y == nullptr)
+    return x == nullptr ? "only in the second run" : "only in the first run";
   std::string text;
   for (size_t i = 0; i < a.Fields().size(); ++i) {
     if (x->fields.compare(4 * i, 4, y->fields, 4 * i, 4) == 0) continue;
@@ -300,8 +301,10 @@ int Compare(Run& a, Run& b, const std::optional<recording::Recording>& recorded,
       const Touch* writer = touched == touches.end() ? nullptr : LastWriter(touched->second, names);
       if (writer != nullptr) {
         const Touch& t = *writer;
-        entity["lastTouch"] = {{"kind", t.kind},       {"index", t.index},
-                               {"what", t.what},       {"seconds", t.seconds},
+        entity["lastTouch"] = {{"kind", t.kind},
+                               {"index", t.index},
+                               {"what", t.what},
+                               {"seconds", t.seconds},
                                {"event", t.event + 1}};
       }
       entities.push_back(std::move(entity));
@@ -323,9 +326,9 @@ int Compare(Run& a, Run& b, const std::optional<recording::Recording>& recorded,
       if (e.contains("lastTouch")) {
         const Json& t = e["lastTouch"];
         std::cout << "    last touched by " << t["kind"].get<std::string>() << " "
-                  << t["index"].get<uint64_t>() << " (" << t["what"].get<std::string>()
-                  << ", at " << t["seconds"].get<double>() << " s, event "
-                  << t["event"].get<uint64_t>() << ")" << std::endl;
+                  << t["index"].get<uint64_t>() << " (" << t["what"].get<std::string>() << ", at "
+                  << t["seconds"].get<double>() << " s, event " << t["event"].get<uint64_t>() << ")"
+                  << std::endl;
       } else if (recorded) {
         std::cout << "    touched by no message of the recording up to this frame" << std::endl;
       }
