@@ -24,13 +24,14 @@ mkdir -p "$OUT"
 DUMP=$OUT/replica.json
 PICTURE=$OUT/replica.svg
 RECORDING=$OUT/session.pcapng
+DIGEST=$OUT/digest.jsonl
 SERVER_OUT=$OUT/server.out
 SERVER_LOG=$OUT/server.log
 SERVER_STATS=$OUT/server-stats.jsonl
 CLIENT_STATS=$OUT/client-stats.jsonl
 PLOTS=$OUT/network.svg
 SERVER_STATE=$OUT/server-state.json
-rm -f "$DUMP" "$PICTURE" "$RECORDING" "$SERVER_OUT" "$SERVER_LOG" "$SERVER_STATS" "$CLIENT_STATS" "$PLOTS" "$SERVER_STATE"
+rm -f "$DUMP" "$PICTURE" "$RECORDING" "$DIGEST" "$SERVER_OUT" "$SERVER_LOG" "$SERVER_STATS" "$CLIENT_STATS" "$PLOTS" "$SERVER_STATE"
 
 server_pid=""
 stop_server() {
@@ -70,7 +71,7 @@ echo "demo: game-server with $ENTITIES entities on 127.0.0.1 port $port;" \
 client_status=0
 "$BIN/game-client" --host 127.0.0.1 --port "$port" --seconds "$SECONDS_TO_RUN" \
   --dump "$DUMP" --stats "$CLIENT_STATS" --simulate "$SIMULATE" \
-  --record "$RECORDING" || client_status=$?
+  --record "$RECORDING" --digest "$DIGEST" || client_status=$?
 stop_server
 
 echo "demo: server: $(grep ' game-server: ' "$SERVER_LOG" | tail -n 1 | sed 's/^.* game-server: //')"
@@ -128,4 +129,5 @@ unset multiplot
 PLOT
 echo "demo: per-second figures: $CLIENT_STATS, $SERVER_STATS"
 echo "demo: plots of throughput, loss, jitter, apply wait and frame time: $PLOTS"
-echo "demo: session recording: $RECORDING (to replay it: docs/replay.md)"
+echo "demo: session recording: $RECORDING, the replica's digest: $DIGEST (to replay it" \
+  "and compare: docs/replay.md)"

@@ -11,17 +11,20 @@ namespace orvex::net {
 // Called by the platform's TcpSocket and UdpSocket (the sockets a host cannot reach into),
 // on the thread named. A reliable message is what the socket's reader does between a Poll
 // that found bytes and its next Poll: the module reads one message per such turn. A call
-// may block; each Begins is followed by its Ends on the same thread, except that a reader
-// that never polls again (its thread ended) leaves its message open: the host ends it.
+// may block. A Begins that returns false holds the delivery back for good: Poll reports no
+// bytes (as at its time-out), the datagram is dropped before the callback (the socket's
+// taps have seen it). Each Begins that returned true is followed by its Ends on the same
+// thread, except that a reader that never polls again (its thread ended) leaves its message
+// open: the host ends it.
 class DeliveryGate {
  public:
   virtual ~DeliveryGate() = default;
   // Receiving thread: Poll found bytes and is about to say so.
-  virtual void MessageBegins() = 0;
+  virtual bool MessageBegins() = 0;
   // Receiving thread: Poll was called again (the message before it, if any, is done).
   virtual void MessageEnds() = 0;
   // Delivery thread: around the receive callback, for each datagram.
-  virtual void DatagramBegins() = 0;
+  virtual bool DatagramBegins() = 0;
   virtual void DatagramEnds() = 0;
 };
 

@@ -39,7 +39,7 @@ int TcpSocket::Poll(int timeoutMs) {
   DeliveryGate* const gate = installedGate.load();
   if (gate != nullptr) gate->MessageEnds();
   const int ready = connection_->Poll(timeoutMs);
-  if (gate != nullptr && ready == 1) gate->MessageBegins();
+  if (gate != nullptr && ready == 1 && !gate->MessageBegins()) return 0;
   return ready;
 }
 
@@ -83,7 +83,7 @@ void UdpSocket::Receive(
                                                             filesystem::ReadOnlyStream&& datagram) {
     DeliveryGate* const gate = installedGate.load();
     if (gate == nullptr) return callback(*this, std::move(datagram));
-    gate->DatagramBegins();
+    if (!gate->DatagramBegins()) return;
     // Ends on every way out, so that a throwing callback does not hold the other threads.
     struct End {
       DeliveryGate* gate;

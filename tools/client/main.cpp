@@ -160,9 +160,11 @@ Ending Run(client::Client& client, const Options& options, gameclient::NetworkSt
     bool ordered = false;
     if (threadOrder != nullptr) {
       ordered = threadOrder->Enforcing();
-      threadOrder->RunFrame(frame / 2, frame, waited, [digest, threadOrder] {
+      const auto result = threadOrder->RunFrame(frame / 2, frame, waited, [digest, threadOrder] {
         if (digest != nullptr) digest->Frame(threadOrder->Events());
       });
+      // Only a replay's order closes by itself: it was used up.
+      if (result == order::ThreadOrder::Frame::kClosed) return {"the recorded order ended", 0};
     } else {
       orvex::engine::RunSynchronized(frame / 2, waited);
     }
@@ -408,10 +410,10 @@ int main(int argc, char** argv) {
   }
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  // The recording ends, or the replay stops, on an event's edge: nothing the threads take in
+  // from here on changes the replica, in the recorded run as in its replays.
+  if (threadOrder) threadOrder->Close(std::chrono::seconds(1));
   Game::isActive.store(false);
-  // A replay's threads stop waiting for their turns; a recording's order goes on until
-  // the sockets close.
-  if (threadOrder && threadOrder->Enforcing()) threadOrder->Stop();
   receiver.join();
 
   gameclient::Identity identity;
@@ -422,10 +424,7 @@ int main(int argc, char** argv) {
   gameclient::Figures figures = gameclient::Measure(*client);
   monitor.Finish(*client);
   client.reset();
-  if (threadOrder) {
-    threadOrder->Remove();
-    threadOrder->Stop();
-  }
+  if (threadOrder) threadOrder->Remove();
   if (!FinishRecording(recorder, "the run ended (" + ending.text + ")")) failed = true;
   try {
     orvex::engine::RunSynchronized();

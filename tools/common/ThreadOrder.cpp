@@ -133,28 +133,22 @@ void ThreadOrder::NextRun() {
   if (decoder_.Next(next_, count)) {
     left_ = count;
   } else {
-    Unordered();
+    closed_ = true;
+    changed_.notify_all();
   }
-}
-
-void ThreadOrder::Unordered() {
-  if (mode_ == Mode::kEnforcing) {
-    // At most one event was granted by the order; it now holds the others back as a
-    // recording's would.
-    busy_ = false;
-    for (bool granted : granted_) busy_ = busy_ || granted;
-  }
-  mode_ = Mode::kRecording;
-  heard_ = nullptr;
-  changed_.notify_all();
 }
 
 void ThreadOrder::WaitSlice(std::unique_lock<std::mutex>& lock) {
   const uint64_t before = events_;
   changed_.wait_for(lock, kSlice);
-  if (mode_ != Mode::kEnforcing || events_ != before) return;
+  if (mode_ != Mode::kEnforcing || closed_ || events_ != before) return;
   if (Clock::now() - lastEvent_ < stall_) return;
-  Unordered();
+  // At most one event was begun by the order; it now holds the others back as a
+  // recording's would.
+  mode_ = Mode::kRecording;
+  busy_ = false;
+  for (bool granted : granted_) busy_ = busy_ || granted;
+  changed_.notify_all();
   if (lost_) {
     const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(stall_).count();
     lost_("the replay lost the recorded thread order after event " + std::to_string(events_) +
@@ -163,17 +157,24 @@ void ThreadOrder::WaitSlice(std::unique_lock<std::mutex>& lock) {
   }
 }
 
-void ThreadOrder::Begin(std::unique_lock<std::mutex>& lock, Event event) {
-  if (mode_ == Mode::kRecording) {
-    changed_.wait(lock, [this] { return !busy_ || mode_ != Mode::kRecording; });
-    if (mode_ != Mode::kRecording) return;
-    busy_ = true;
-    granted_[Index(event)] = true;
-    if (heard_) heard_(event);
-    return;
+bool ThreadOrder::Begin(std::unique_lock<std::mutex>& lock, Event event) {
+  for (;;) {
+    if (closed_) return false;
+    if (mode_ == Mode::kRecording) {
+      if (!busy_) {
+        busy_ = true;
+        granted_[Index(event)] = true;
+        if (heard_) heard_(event);
+        return true;
+      }
+      changed_.wait(lock);
+    } else if (next_ == event) {
+      granted_[Index(event)] = true;
+      return true;
+    } else {
+      WaitSlice(lock);
+    }
   }
-  while (mode_ == Mode::kEnforcing && next_ != event) WaitSlice(lock);
-  if (mode_ == Mode::kEnforcing) granted_[Index(event)] = true;
 }
 
 void ThreadOrder::End(Event event) {
@@ -190,10 +191,15 @@ void ThreadOrder::End(Event event) {
   changed_.notify_all();
 }
 
-void ThreadOrder::MessageBegins() {
+bool ThreadOrder::MessageBegins() {
   std::unique_lock<std::mutex> lock(mutex_);
-  Begin(lock, Event::kMessage);
-  messageOpen_ = true;
+  if (Begin(lock, Event::kMessage)) {
+    messageOpen_ = true;
+    return true;
+  }
+  // Closed: the reader would poll again at once; it waits for the game's end instead.
+  while (Game::isActive.load()) changed_.wait_for(lock, kSlice);
+  return false;
 }
 
 void ThreadOrder::MessageEnds() {
@@ -206,9 +212,9 @@ void ThreadOrder::ReceiverFinished() {
   MessageEnds();
 }
 
-void ThreadOrder::DatagramBegins() {
+bool ThreadOrder::DatagramBegins() {
   std::unique_lock<std::mutex> lock(mutex_);
-  Begin(lock, Event::kDatagram);
+  return Begin(lock, Event::kDatagram);
 }
 
 void ThreadOrder::DatagramEnds() {
@@ -219,43 +225,44 @@ void ThreadOrder::DatagramEnds() {
 bool ThreadOrder::WorkBegins() {
   std::unique_lock<std::mutex> lock(mutex_);
   if (mode_ == Mode::kEnforcing) {
-    if (next_ != Event::kWork) return false;
+    if (closed_ || next_ != Event::kWork) return false;
     granted_[Index(Event::kWork)] = true;
     return true;
   }
-  Begin(lock, Event::kWork);
-  return true;
+  return Begin(lock, Event::kWork);
 }
 
 void ThreadOrder::WorkEnds() {
   End(Event::kWork);
 }
 
-bool ThreadOrder::SerialFrame(Clock::duration budget,
-                              const std::function<void(Clock::duration)>& waited,
-                              const std::function<void()>& atEnd) {
+ThreadOrder::Frame ThreadOrder::SerialFrame(Clock::duration budget,
+                                            const std::function<void(Clock::duration)>& waited,
+                                            const std::function<void()>& atEnd) {
   orvex::engine::RunSynchronized(budget, waited);
   {
     std::unique_lock<std::mutex> lock(mutex_);
-    Begin(lock, Event::kFrame);
+    if (!Begin(lock, Event::kFrame)) return Frame::kClosed;
   }
   if (atEnd) atEnd();
   End(Event::kFrame);
-  return true;
+  return Frame::kDone;
 }
 
-bool ThreadOrder::RunFrame(Clock::duration budget, Clock::duration wait,
-                           const std::function<void(Clock::duration)>& waited,
-                           const std::function<void()>& atEnd) {
+ThreadOrder::Frame ThreadOrder::RunFrame(Clock::duration budget, Clock::duration wait,
+                                         const std::function<void(Clock::duration)>& waited,
+                                         const std::function<void()>& atEnd) {
   const Clock::time_point until = Clock::now() + wait;
   for (;;) {
     {
       std::unique_lock<std::mutex> lock(mutex_);
-      while (mode_ == Mode::kEnforcing && next_ != Event::kWork && next_ != Event::kFrame) {
-        if (Clock::now() >= until) return false;
+      while (mode_ == Mode::kEnforcing && !closed_ && next_ != Event::kWork &&
+             next_ != Event::kFrame) {
+        if (Clock::now() >= until) return Frame::kWaiting;
         WaitSlice(lock);
       }
-      if (mode_ != Mode::kEnforcing) {
+      if (closed_) return Frame::kClosed;
+      if (mode_ == Mode::kRecording) {
         lock.unlock();
         return SerialFrame(budget, waited, atEnd);
       }
@@ -264,22 +271,25 @@ bool ThreadOrder::RunFrame(Clock::duration budget, Clock::duration wait,
         lock.unlock();
         if (atEnd) atEnd();
         End(Event::kFrame);
-        return true;
+        return Frame::kDone;
       }
     }
     // The work the order expects next was queued by an event before it, so it is waiting;
-    // when it is not (a recording that does not match its replay), the stall rule ends the
-    // order.
+    // when it is not (a recording that does not match its replay), the stall rule gives
+    // the order up.
     if (orvex::engine::RunSynchronized(Clock::duration::max(), waited) == 0) {
       std::unique_lock<std::mutex> lock(mutex_);
-      if (mode_ == Mode::kEnforcing) WaitSlice(lock);
+      if (mode_ == Mode::kEnforcing && !closed_) WaitSlice(lock);
     }
   }
 }
 
-void ThreadOrder::Stop() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  Unordered();
+void ThreadOrder::Close(Clock::duration wait) {
+  std::unique_lock<std::mutex> lock(mutex_);
+  changed_.wait_for(lock, wait, [this] { return !busy_; });
+  closed_ = true;
+  heard_ = nullptr;
+  changed_.notify_all();
 }
 
 }  // namespace order

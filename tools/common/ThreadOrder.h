@@ -70,10 +70,10 @@ class ThreadOrder final : public orvex::net::DeliveryGate, public orvex::engine:
   // Recording: `heard` is told each event as it begins, alone, under the order's lock (it
   // must not call back into the order).
   explicit ThreadOrder(std::function<void(Event)> heard);
-  // Enforcing `recorded` (checked: Decoder's errors throw here). When a thread has waited
-  // `stall` for its turn with no event happening, `lost` is told once, with one line, and
-  // from then on the events run alone in whatever order they come, as when recording;
-  // likewise, silently, once the order is used up.
+  // Enforcing `recorded` (checked: Decoder's errors throw here). Once the order is used up
+  // it closes, as the recording did at its end. When a thread has waited `stall` for its
+  // turn with no event happening, `lost` is told once, with one line, and from then on the
+  // events run alone in whatever order they come, as when recording.
   ThreadOrder(Bytes recorded, Clock::duration stall, std::function<void(const std::string&)> lost);
   ~ThreadOrder() override;
 
@@ -86,22 +86,27 @@ class ThreadOrder final : public orvex::net::DeliveryGate, public orvex::engine:
   // Events that happened in order so far.
   uint64_t Events() const;
 
+  enum class Frame { kDone, kWaiting, kClosed };
   // Game thread, once a frame: the frame's queued work, then `atEnd` as the frame's end
   // event (alone). Enforcing: the work recorded for this frame, waiting for the other
-  // threads for at most `wait`; false when the wait ran out before the frame's end (call
-  // again). Otherwise: RunSynchronized within `budget`.
-  bool RunFrame(Clock::duration budget, Clock::duration wait,
-                const std::function<void(Clock::duration)>& waited,
-                const std::function<void()>& atEnd);
+  // threads for at most `wait` (kWaiting when the wait ran out first: call again);
+  // otherwise RunSynchronized within `budget`. kClosed, having run nothing, once the
+  // order is closed (a replay's order used up: the recorded run ended here).
+  Frame RunFrame(Clock::duration budget, Clock::duration wait,
+                 const std::function<void(Clock::duration)>& waited,
+                 const std::function<void()>& atEnd);
 
+  // The game thread, when the run ends: no event begins any more (the module's sockets
+  // hold their deliveries back; the receiving thread's Poll reports nothing once the game
+  // is no longer active). Waits at most `wait` for a running event to end, so that the
+  // recording ends on an event's edge.
+  void Close(Clock::duration wait);
   // The receiving thread, after Client::ReceivingThread returned: ends its open message.
   void ReceiverFinished();
-  // Any thread: no more is enforced or heard; events still run alone.
-  void Stop();
 
-  void MessageBegins() override;
+  bool MessageBegins() override;
   void MessageEnds() override;
-  void DatagramBegins() override;
+  bool DatagramBegins() override;
   void DatagramEnds() override;
   bool WorkBegins() override;
   void WorkEnds() override;
@@ -110,25 +115,24 @@ class ThreadOrder final : public orvex::net::DeliveryGate, public orvex::engine:
   // kRecording: events run alone, in the order they come (heard_, when set, hears them).
   enum class Mode { kRecording, kEnforcing };
 
-  // REQUIRES: mutex_ held through `lock`. Blocks until `event` may begin (and begins it) or
-  // the order is over.
-  void Begin(std::unique_lock<std::mutex>& lock, Event event);
+  // REQUIRES: mutex_ held through `lock`. Blocks until `event` may begin, and begins it;
+  // false once the order is closed.
+  bool Begin(std::unique_lock<std::mutex>& lock, Event event);
   void End(Event event);
-  // REQUIRES: mutex_, kEnforcing. Waits one slice for a change; declares the order lost
-  // once no event happened for stall_.
+  // REQUIRES: mutex_, kEnforcing. Waits one slice for a change; gives the order up once no
+  // event happened for stall_.
   void WaitSlice(std::unique_lock<std::mutex>& lock);
-  // REQUIRES: mutex_, kEnforcing. Moves to the next recorded run (unordered at the end).
+  // REQUIRES: mutex_, kEnforcing. Moves to the next recorded run; closes at the end.
   void NextRun();
-  // REQUIRES: mutex_. From now on as recording, without hearing.
-  void Unordered();
-  bool SerialFrame(Clock::duration budget, const std::function<void(Clock::duration)>& waited,
-                   const std::function<void()>& atEnd);
+  Frame SerialFrame(Clock::duration budget, const std::function<void(Clock::duration)>& waited,
+                    const std::function<void()>& atEnd);
 
   mutable std::mutex mutex_;
   std::condition_variable changed_;
   Mode mode_;
+  bool closed_ = false;
   bool installed_ = false;
-  bool granted_[4] = {};  // whether the event of each kind now running began in order
+  bool granted_[4] = {};  // whether an event of each kind runs, begun by the order
   uint64_t events_ = 0;
   // Recording.
   std::function<void(Event)> heard_;
