@@ -168,12 +168,12 @@ Recording LoadRecording(const Bytes& file, const std::string& path) {
       const uint64_t before = recording.items.back().time;
       if (frame.time < before) {
         throw std::runtime_error(path + ": frame " + std::to_string(recording.items.size()) +
-                                 " of the session" + " is stamped before the one before it");
+                                 " of the session is stamped before the one before it");
       }
       if (frame.time - before > kLongestGapMicroseconds) {
-        throw std::runtime_error(path + ": frame " + std::to_string(recording.items.size()) +
-                                 " of the session" +
-                                 " comes more than a minute after the one before it");
+        throw std::runtime_error(
+            path + ": frame " + std::to_string(recording.items.size()) +
+            " of the session comes more than a minute after the one before it");
       }
     }
     recording.items.push_back({kind, frame.time, std::move(frame.payload)});
