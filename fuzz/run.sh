@@ -23,7 +23,7 @@ seconds=$2
 shift 2
 [[ $seconds =~ ^[0-9]+$ && $seconds -gt 0 ]] || usage
 targets=("$@")
-((${#targets[@]})) || targets=(fuzz_welcome fuzz_reliable fuzz_datagram fuzz_streams)
+((${#targets[@]})) || targets=(fuzz_welcome fuzz_reliable fuzz_datagram fuzz_streams fuzz_recording)
 
 scratch=$(mktemp -d "${TMPDIR:-/tmp}/orvex-fuzz.XXXXXX")
 trap 'rm -rf "$scratch"' EXIT
@@ -66,6 +66,6 @@ for target in "${targets[@]}"; do
     "${inputs:-?}" "${rss:-?}" "$result")")
 done
 
-echo "fuzz/run.sh: results (cov: edges covered in client.so, OrvexFileSystem.so and game.so)"
+echo "fuzz/run.sh: results (cov: edges covered in client.so, OrvexFileSystem.so and game.so; for fuzz_recording, in the recording reader)"
 printf '%s\n' "${summary[@]}"
 exit $status

@@ -2,7 +2,8 @@
 # The demo: game-server with a few thousand moving entities on a free loopback port, and
 # game-client joined to it for about 15 s with its live status line, its socket under
 # simulated network faults; then both stop, the client prints its summary, the replica is
-# drawn as an SVG top view and the two tools' per-second figures are plotted with gnuplot.
+# drawn as an SVG top view and the two tools' per-second figures (the client's freshness
+# among them) are plotted with gnuplot.
 #   tools/demo.sh BUILD_DIR
 # Environment: DEMO_ENTITIES (default 3000), DEMO_SECONDS (default 15), DEMO_SIMULATE (the
 # client's faults, default below; empty: none), DEMO_OUT (default BUILD_DIR/demo), where the
@@ -91,17 +92,19 @@ if ((sent > 0)); then
     "($(jq -n "(1 - $taken / $sent) * 1000 | round / 10")% lost on the way, duplicates counted as taken in)"
 fi
 
-# The figures as columns, then one picture of five plots over the run.
+# The figures as columns, then one picture of six plots over the run.
 jq -r '[.t, (.in.datagrams / .seconds), ((.simulator.in.dropped // 0) / .seconds),
         ((.ticks.transforms.missed + .ticks.physics.missed) / .seconds), (.stale / .seconds),
         .jitterMs, .lateMs.median, .lateMs.p99, .applyWaitMs.median, .applyWaitMs.p99,
-        .frameMs.median, .frameMs.p99] | @tsv' "$CLIENT_STATS" >"$OUT/client-stats.tsv"
+        .frameMs.median, .frameMs.p99, (.freshness.ageMs.median / 1000),
+        (.freshness.ageMs.p99 / 1000), (.freshness.ageMs.max / 1000)] | @tsv' \
+  "$CLIENT_STATS" >"$OUT/client-stats.tsv"
 jq -r '[.t, (([.clients[].datagrams] | add // 0) / .seconds)] | @tsv' "$SERVER_STATS" \
   >"$OUT/server-stats.tsv"
 gnuplot <<PLOT
-set terminal svg size 900,1400 dynamic font "sans,11"
+set terminal svg size 900,1650 dynamic font "sans,11"
 set output "$PLOTS"
-set multiplot layout 5,1 title "What the network did (client: ${SIMULATE:-no simulated faults})"
+set multiplot layout 6,1 title "What the network did (client: ${SIMULATE:-no simulated faults})"
 set grid
 set key outside right
 set xlabel "seconds"
@@ -125,9 +128,14 @@ plot "$OUT/client-stats.tsv" using 1:9 with lines lw 2 title "median", \
 set title "Frame time (work, sleep excluded)"
 plot "$OUT/client-stats.tsv" using 1:11 with lines lw 2 title "median", \
      "" using 1:12 with lines lw 2 title "p99"
+set title "Freshness: age of each entity's newest state (seen once a second)"
+set ylabel "s"
+plot "$OUT/client-stats.tsv" using 1:13 with lines lw 2 title "median", \
+     "" using 1:14 with lines lw 2 title "p99", \
+     "" using 1:15 with lines lw 2 title "max"
 unset multiplot
 PLOT
 echo "demo: per-second figures: $CLIENT_STATS, $SERVER_STATS"
-echo "demo: plots of throughput, loss, jitter, apply wait and frame time: $PLOTS"
+echo "demo: plots of throughput, loss, jitter, apply wait, frame time and freshness: $PLOTS"
 echo "demo: session recording: $RECORDING, the replica's digest: $DIGEST (to replay it" \
   "and compare: docs/replay.md)"

@@ -24,6 +24,7 @@
 #include "ReplicaDiff.h"
 #include "TestServer.h"
 #include "Wait.h"
+#include "common/Recording.h"
 #include "server/GameServer.h"
 
 namespace {
@@ -226,13 +227,29 @@ TEST_F(GameClientTest, RecordedSessionReplaysToTheSameReplicaAndKeepsNoSecrets) 
   EXPECT_EQ(found["entities"][0]["fields"], json::array({"position"}));
   EXPECT_LE(found["entities"][0]["lastTouch"]["event"], found["events"]) << found;
 
-  // A damaged recording is one line and its own status, never a crash.
+  // A damaged recording is one line and its own status, never a crash; nor a replay that
+  // waits for ever: frames go forward in time, at most a minute apart.
   const std::string cut = bytes.substr(0, bytes.size() / 2), garbage = "not a capture";
   std::string lengths = bytes;
   lengths[lengths.size() - 2] ^= 0x40;
+  const auto timed = [&](uint64_t secondFrame) {
+    {
+      capture::CaptureFile made(dir / "timed.pcapng");
+      made.SetTime(1'000'000);
+      capture::TcpConnection tcp(made, 5000, 7777);
+      tcp.FromServer({1});
+      made.SetTime(secondFrame);
+      tcp.FromServer({2});
+    }
+    return testlib::ReadFile(dir / "timed.pcapng");
+  };
+  const std::string minute = timed(61'000'000);
+  EXPECT_EQ(recording::LoadRecording({minute.begin(), minute.end()}, "at").items.size(), 2u);
   for (const auto& [content, says] : {std::pair{cut, "cut short inside a block"},
                                       {lengths, "lengths disagree"},
-                                      {garbage, "not a pcapng capture"}}) {
+                                      {garbage, "not a pcapng capture"},
+                                      {timed(61'000'001), "more than a minute after"},
+                                      {timed(999'999), "stamped before the one before"}}) {
     std::ofstream(dir / "bad.pcapng", std::ios::binary) << content;
     ChildProcess bad(testlib::ToolPath("game-server"), {"--replay", dir / "bad.pcapng"}, dir);
     EXPECT_EQ(bad.Wait(), 65) << says;

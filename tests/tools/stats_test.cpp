@@ -1,12 +1,15 @@
 // game-client's network figures: missed, late and repeated ticks, jitter, interval edges,
-// the status line's fit.
+// the status line's fit, the replica's freshness.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <vector>
 
+#include "client/Freshness.h"
+#include "client/Sandbox.h"
 #include "client/Stats.h"
 #include "client/Status.h"
+#include "game/Host.h"
 #include "game/Networking.h"
 
 namespace {
@@ -105,6 +108,45 @@ TEST(NetworkStats, EachIntervalCountsOnlyWhatArrivedInIt) {
   EXPECT_EQ(second.transformTicks.missed, 0u) << "ticks 4 to 65 are still inside the window";
   EXPECT_EQ(stats.TransformTotals().missed, 62u);
   EXPECT_FALSE(second.simulated);
+}
+
+// The server stops updating one entity: it becomes the stalest, with the server time of the
+// scan that saw its last change, and ages scan by scan. The same values sent again are no
+// news, a Sync alone is; a destroyed entity is forgotten.
+TEST(Freshness, AnEntityLeftAloneBecomesTheStalestWithTheTickItLastHeardOf) {
+  using game::entity::ClientSideEntity;
+  sandbox::Load("TEST_fresh");
+  std::vector<ClientSideEntity::Ptr> e;
+  for (uint64_t i = 1; i <= 3; ++i) {
+    e.push_back(ClientSideEntity::Create<ClientSideEntity>({i, i}, "TEST_fresh", "ship"));
+  }
+  gameclient::Freshness freshness;
+  gameclient::FreshnessFigures f = freshness.Scan(1.0, 0.5);
+  for (int t = 2; t <= 4; ++t) {
+    e[0]->targetPosition = glm::dvec3(t, 0, 0);
+    e[2]->velocity = glm::dvec3(0, t, 0);
+    f = freshness.Scan(t, t - 0.5);
+    ASSERT_EQ(f.stalest.size(), 3u);
+    EXPECT_EQ(f.stalest[0].id, e[1]->id.ToString());
+    EXPECT_EQ(f.stalest[0].ageMs, 1000.0 * (t - 1));
+    EXPECT_EQ(f.stalest[0].serverTime, 0.5);
+    EXPECT_EQ(f.stalest[1].ageMs, 0.0);
+    EXPECT_EQ(f.stalest[1].serverTime, t - 0.5);
+  }
+  EXPECT_EQ(f.ageMs.median, 0.0);
+  EXPECT_EQ(f.ageMs.p99, 3000.0);
+  e[0]->targetPosition = glm::dvec3(4, 0, 0);
+  orvex::filesystem::ReadOnlyStream none;
+  e[1]->interface->Sync(none);
+  const game::entity::Id gone = e[2]->id;
+  e.pop_back(), ClientSideEntity::Destroy(gone);
+  f = freshness.Scan(5, 4.5);
+  ASSERT_EQ(f.stalest.size(), 2u);
+  EXPECT_EQ(f.stalest[0].id, e[0]->id.ToString());
+  EXPECT_EQ(f.stalest[0].ageMs, 1000.0);
+  EXPECT_EQ(f.stalest[0].serverTime, 3.5);
+  EXPECT_EQ(f.stalest[1].serverTime, 4.5);
+  e.clear(), orvex::engine::ResetEntities(), sandbox::UnloadAll();
 }
 
 }  // namespace

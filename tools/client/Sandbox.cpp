@@ -176,6 +176,7 @@ void SupplyInterface(ClientSideEntity& entity) {
 void SandboxInterface::Sync(ReadOnlyStream& data) {
   Bytes bytes = Remaining(data);
   const size_t size = bytes.size();
+  syncCalls_.fetch_add(1, std::memory_order_relaxed);
   std::lock_guard<std::mutex> lock(mutex_);
   syncs_.Add(std::move(bytes), size);
 }

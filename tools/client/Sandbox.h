@@ -21,6 +21,7 @@
 // the game thread. Every piece of recorded or waiting state has its own lock.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -56,8 +57,11 @@ class SandboxInterface : public game::entity::ClientSideEntity::Interface {
   // interface's lock), and says how many were let go.
   void ForEachSync(const std::function<void(const Bytes&)>& visit) const;
   uint64_t SyncsLeftOut() const;
+  // Sync calls so far (any thread).
+  uint64_t SyncCalls() const { return syncCalls_.load(std::memory_order_relaxed); }
 
  private:
+  std::atomic<uint64_t> syncCalls_{0};
   mutable std::mutex mutex_;
   History<Bytes> syncs_{kKeptSyncs};
 };

@@ -96,13 +96,16 @@ double Jitter::Add(double arrival, double serverTime) {
 Spread Spread::Of(std::vector<double> samples) {
   Spread s;
   if (samples.empty()) return s;
-  std::sort(samples.begin(), samples.end());
-  const auto at = [&samples](double q) {
-    return samples[static_cast<size_t>(std::ceil(q * static_cast<double>(samples.size()))) - 1];
+  // Selection, not a sort: the samples may be one per entity of a large replica.
+  const auto rank = [n = static_cast<double>(samples.size())](double q) {
+    return static_cast<long>(std::ceil(q * n)) - 1;
   };
-  s.median = at(0.5);
-  s.p99 = at(0.99);
-  s.max = samples.back();
+  const auto median = samples.begin() + rank(0.5), p99 = samples.begin() + rank(0.99);
+  std::nth_element(samples.begin(), median, samples.end());
+  std::nth_element(median, p99, samples.end());
+  s.median = *median;
+  s.p99 = *p99;
+  s.max = *std::max_element(p99, samples.end());
   return s;
 }
 
@@ -137,7 +140,15 @@ nlohmann::ordered_json ToJson(const Second& s) {
       {"frames", s.frames},
       {"entities", s.entities},
       {"silentMs", s.silentMs},
+      {"freshness",
+       {{"ageMs", spread(s.freshness.ageMs)},
+        {"stalest", json::array()},
+        {"scanMs", s.freshness.scanMs}}},
   };
+  for (const FreshnessFigures::Stale& e : s.freshness.stalest) {
+    line["freshness"]["stalest"].push_back(
+        {{"id", e.id}, {"ageMs", e.ageMs}, {"serverTime", e.serverTime}});
+  }
   if (s.simulated) {
     line["simulator"] = {{"in", fates(s.simulatorIn)}, {"out", fates(s.simulatorOut)}};
   }

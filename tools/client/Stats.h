@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include <nlohmann/json_fwd.hpp>
@@ -64,6 +65,19 @@ struct Spread {
   static Spread Of(std::vector<double> samples);
 };
 
+// How fresh the replica was at an interval's end (client/Freshness.h finds it): the age of
+// each entity's newest state, and the entities that went longest without news.
+struct FreshnessFigures {
+  struct Stale {
+    std::string id;         // the id's text form
+    double ageMs = 0;       // since the scan that saw its last change
+    double serverTime = 0;  // Game::timestamp at that scan: the tick the client last heard of
+  };
+  Spread ageMs;                // over every entity in the replica
+  std::vector<Stale> stalest;  // the few oldest changes, oldest first (ties by id)
+  double scanMs = 0;           // what finding these cost the game thread
+};
+
 // One interval's figures (about a second). Counts are of the interval, not totals.
 struct Second {
   double at = 0;       // seconds since the start, at the interval's end
@@ -84,6 +98,7 @@ struct Second {
   Spread lateMs, applyWaitMs, frameMs;
   uint64_t frames = 0, entities = 0;
   double silentMs = 0;  // since the last datagram, at the interval's end
+  FreshnessFigures freshness;
   bool simulated = false;
   orvex::net::DatagramTap::Simulated simulatorIn, simulatorOut;
 };

@@ -38,6 +38,19 @@ std::string Size(uint64_t bytes) {
   return text;
 }
 
+// The summary's line on the replica's freshness at the last scan.
+std::string FreshnessLine(const FreshnessFigures& f) {
+  char text[160];
+  std::snprintf(text, sizeof text, "  freshness:  state age median %.0f s, p99 %.0f s, max %.0f s",
+                f.ageMs.median / 1e3, f.ageMs.p99 / 1e3, f.ageMs.max / 1e3);
+  std::string line = text;
+  if (!f.stalest.empty()) {
+    std::snprintf(text, sizeof text, "%.2f", f.stalest.front().serverTime);
+    line += "; stalest " + f.stalest.front().id + ", last heard of at server time " + text + " s";
+  }
+  return line + "\n";
+}
+
 }  // namespace
 
 uint64_t ReplicaSize() {
@@ -72,7 +85,7 @@ Figures Measure(const client::Client& client) {
 }
 
 std::string SummaryText(const Figures& f, double seconds, const std::string& ending,
-                        const NetworkStats& stats) {
+                        const NetworkStats& stats, const FreshnessFigures& freshness) {
   char rate[32];
   std::snprintf(rate, sizeof rate, "%.1f",
                 seconds > 0 ? static_cast<double>(f.accepted) / seconds : 0.0);
@@ -97,7 +110,8 @@ std::string SummaryText(const Figures& f, double seconds, const std::string& end
          std::to_string(f.creates) + ", update " + std::to_string(f.updates) + ", move " +
          std::to_string(f.moves) + ", destroy " + std::to_string(f.destroys) + ", module " +
          std::to_string(f.moduleMessages) + ", other " + std::to_string(other) + ")\n" +
-         "  bytes:      in " + Size(f.bytesIn) + ", out " + Size(f.bytesOut) + "\n";
+         "  bytes:      in " + Size(f.bytesIn) + ", out " + Size(f.bytesOut) + "\n" +
+         FreshnessLine(freshness);
 }
 
 std::string StatusText(const Second& s, size_t width, const std::string& head) {
@@ -120,6 +134,7 @@ std::string StatusText(const Second& s, size_t width, const std::string& head) {
                     rate(s.transformTicks.late + s.physicsTicks.late), rate(s.stale)));
   add(std::snprintf(text, sizeof text, "jitter %.1f ms", s.jitterMs));
   add(std::snprintf(text, sizeof text, "lag p99 %.0f ms", s.lateMs.p99));
+  add(std::snprintf(text, sizeof text, "state age p99 %.0f s", s.freshness.ageMs.p99 / 1e3));
   add(std::snprintf(text, sizeof text, "wait p99 %.1f ms", s.applyWaitMs.p99));
   add(std::snprintf(text, sizeof text, "frame %.1f/%.1f ms", s.frameMs.median, s.frameMs.p99));
   add(std::snprintf(text, sizeof text, "out %.0f/s %s/s", rate(s.out.datagrams),
@@ -169,6 +184,7 @@ void Monitor::Finish(const client::Client& client) {
 void Monitor::Record(const client::Client* client, Clock::time_point now) {
   last_ = stats_->Take(client, now);
   last_.entities = ReplicaSize();
+  last_.freshness = freshness_.Scan(last_.at, Game::timestamp.load());
   if (jsonLines_ != nullptr) *jsonLines_ << ToJson(last_).dump() << '\n' << std::flush;
 }
 

@@ -8,6 +8,7 @@
 #include <ostream>
 #include <string>
 
+#include "client/Freshness.h"
 #include "client/Stats.h"
 
 namespace client {
@@ -35,15 +36,17 @@ Figures Measure(const client::Client& client);
 uint64_t ReplicaSize();
 
 // A few lines: how the run ended and after how long, the figures with the datagram rate
-// over `seconds`, and the network's whole-run figures from `stats`.
+// over `seconds`, the network's whole-run figures from `stats` and the replica's last
+// `freshness`.
 std::string SummaryText(const Figures& figures, double seconds, const std::string& ending,
-                        const NetworkStats& stats);
+                        const NetworkStats& stats, const FreshnessFigures& freshness);
 
 // The status line of one interval after `head`, cut to `width` columns (whole items only):
 // rates, not totals, and a warning first when nothing arrived for more than a second.
 std::string StatusText(const Second& second, size_t width, const std::string& head);
 
-// The game thread's view of the figures: takes an interval's figures every second, writes
+// The game thread's view of the figures: takes an interval's figures every second (and scans
+// the replica's freshness), writes
 // them as one JSON line to the stats stream (if any) and shows the status line (if any): on
 // a terminal redrawn in place every 500 ms at the terminal's width, otherwise a plain line
 // every 5 s. Game thread only.
@@ -61,6 +64,8 @@ class Monitor {
   void Finish(const client::Client& client);
   // Ends a status line left open on a terminal.
   void Close();
+  // The last interval's figures.
+  const Second& Last() const { return last_; }
 
  private:
   void Record(const client::Client* client, Clock::time_point now);
@@ -72,6 +77,7 @@ class Monitor {
   const bool terminal_;
   Clock::time_point nextRecord_, nextShow_;
   Second last_;
+  Freshness freshness_;
   bool open_ = false;
 };
 

@@ -443,7 +443,9 @@ int main(int argc, char** argv) {
     }
   }
   if (!options.quiet) {
-    std::cerr << gameclient::SummaryText(figures, seconds, ending.text, *stats) << std::flush;
+    std::cerr << gameclient::SummaryText(figures, seconds, ending.text, *stats,
+                                         monitor.Last().freshness)
+              << std::flush;
   }
   return failed || ending.status != 0 ? kFailed : 0;
 }

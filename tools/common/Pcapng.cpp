@@ -268,10 +268,13 @@ bool ParseFrame(const uint8_t* p, size_t size, Frame& frame) {
 
 }  // namespace
 
-Capture ReadCapture(const std::string& path) {
+Bytes ReadFile(const std::string& path) {
   std::ifstream in(path, std::ios::binary);
   if (!in) throw std::runtime_error("cannot open " + path);
-  const Bytes file((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  return Bytes((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+}
+
+Capture ReadCapture(const Bytes& file, const std::string& path) {
   const auto fail = [&](size_t at, const std::string& what) {
     throw std::runtime_error(path + ": " + what + " at byte " + std::to_string(at));
   };

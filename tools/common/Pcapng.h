@@ -103,10 +103,14 @@ struct Capture {
   std::string closingComment;
 };
 
-// Reads a file this writer wrote (one section, Ethernet, IPv4 TCP and UDP; other frames and
-// blocks are skipped). Trust boundary: every length is checked against the bytes present;
-// a file that is not pcapng, is cut inside a block or has a block whose lengths disagree
-// throws std::runtime_error with one line that says where.
-Capture ReadCapture(const std::string& path);
+// The bytes of the file at `path`; throws std::runtime_error when it cannot be read.
+Bytes ReadFile(const std::string& path);
+
+// Reads the bytes of a file this writer wrote, named `path` in errors (one section,
+// Ethernet, IPv4 TCP and UDP; other frames and blocks are skipped). Trust boundary: every
+// length is checked against the bytes present before it is used, so what is kept is never
+// more than the file holds; a file that is not pcapng, is cut inside a block or has a block
+// whose lengths disagree throws std::runtime_error with one line that says where.
+Capture ReadCapture(const Bytes& file, const std::string& path);
 
 }  // namespace capture

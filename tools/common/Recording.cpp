@@ -146,7 +146,11 @@ void Recorder::Close(const std::string& ending) {
 }
 
 Recording LoadRecording(const std::string& path) {
-  capture::Capture capture = capture::ReadCapture(path);
+  return LoadRecording(capture::ReadFile(path), path);
+}
+
+Recording LoadRecording(const Bytes& file, const std::string& path) {
+  capture::Capture capture = capture::ReadCapture(file, path);
   Recording recording;
   recording.parameters = capture.comment;
   recording.ending = capture.closingComment;
@@ -183,6 +187,18 @@ Recording LoadRecording(const std::string& path) {
       continue;
     }
     if (frame.tcp && frame.payload.empty()) continue;
+    if (!recording.items.empty()) {
+      const uint64_t before = recording.items.back().time;
+      if (frame.time < before) {
+        throw std::runtime_error(path + ": frame " + std::to_string(recording.items.size()) +
+                                 " of the session is stamped before the one before it");
+      }
+      if (frame.time - before > kLongestGapMicroseconds) {
+        throw std::runtime_error(
+            path + ": frame " + std::to_string(recording.items.size()) +
+            " of the session comes more than a minute after the one before it");
+      }
+    }
     recording.items.push_back({kind, frame.time, std::move(frame.payload)});
   }
   return recording;

@@ -108,7 +108,15 @@ struct Recording {
 };
 
 // Reads a recording. A file that is not one, or is damaged, throws std::runtime_error with
-// one line naming the file and what is wrong.
+// one line naming the file and what is wrong. Trust boundary: a player's file is input from
+// outside; what is read back never holds more bytes than the file, and its frames are in
+// time order without a gap longer than kLongestGapMicroseconds, so that a replay of it ends.
 Recording LoadRecording(const std::string& path);
+// The same, from the file's bytes; `path` names it in errors.
+Recording LoadRecording(const Bytes& file, const std::string& path);
+
+// No session survives this much silence (the module ends one after 15 s without a byte),
+// so a longer gap between two frames is damage, not a recording.
+inline constexpr uint64_t kLongestGapMicroseconds = 60'000'000;
 
 }  // namespace recording
