@@ -3,9 +3,11 @@
 // table; the platform's declarations keep the default visibility. They are the engine's and
 // the game's, which the module imports, and the parts of them that the module defines for
 // the game (the entity registry and interface, the identifiers' text forms, the lock, the
-// stopwatch, the profiler), which it exports. A class takes its visibility from its first
-// declaration, so declaring them all here, before any source includes them, holds it
-// everywhere. src/client.map picks the exports out of what stays visible.
+// stopwatch, the profiler), which it exports. All of them, not only the defined parts: a
+// platform type's identity (its typeinfo, which dynamic_cast and catch compare) must be one
+// on both sides. A class takes its visibility from its first declaration, so declaring them
+// here, before any source includes them, holds it everywhere. src/client.map picks the
+// exports out of what stays visible.
 #pragma once
 
 #pragma GCC visibility push(default)
