@@ -3,7 +3,7 @@
 // the in-process test server on loopback, and an allocation counter.
 //
 // Every executable that includes this header replaces the global operator new and delete
-// (one translation unit per executable), so allocations made inside client.so and the
+// (one translation unit per executable), so allocations made inside the module and the
 // engine libraries are counted too.
 #pragma once
 

@@ -66,6 +66,6 @@ for target in "${targets[@]}"; do
     "${inputs:-?}" "${rss:-?}" "$result")")
 done
 
-echo "fuzz/run.sh: results (cov: edges covered in client.so, OrvexFileSystem.so and game.so; for fuzz_recording, in the recording reader)"
+echo "fuzz/run.sh: results (cov: edges covered in the module, OrvexFileSystem.so and game.so; for fuzz_recording, in the recording reader)"
 printf '%s\n' "${summary[@]}"
 exit $status

@@ -18,6 +18,10 @@ class ClientSideEntity;
 class RegistryWalk;
 }  // namespace game::entity
 
+// client.so exports client::Client's public members and hides the rest of the module (it is
+// compiled with hidden visibility; src/client.map is the export list).
+#define CLIENT_EXPORT __attribute__((visibility("default")))
+
 namespace client {
 
 struct StateHeader;
@@ -61,33 +65,33 @@ class Client {
   // std::runtime_error on every failure: "Bad Token Length", "Connection attempt failed:
   // Timed out", "Networking version mismatch", "Handshake with server has failed", the
   // server's own refusal text, or the platform's error.
-  Client(std::string host, uint16_t port, std::string token, std::string password);
-  ~Client();
+  CLIENT_EXPORT Client(std::string host, uint16_t port, std::string token, std::string password);
+  CLIENT_EXPORT ~Client();
   Client(const Client&) = delete;
   Client& operator=(const Client&) = delete;
 
   // Lets each mod send its first message (one TCP flush for all).
-  void Connected();
+  CLIENT_EXPORT void Connected();
   // The body of the game's receiving thread: polls tcp every 500 ms and carries out each
   // waiting message while Game::isActive holds. A std::runtime_error ends it with one line
   // "ERROR: <text>" on std::cerr.
-  void ReceivingThread();
+  CLIENT_EXPORT void ReceivingThread();
   // The per-frame outbound step: liveness, entity actions, module messages, one TCP
   // flush, keep-alives on silent channels.
-  void Send();
+  CLIENT_EXPORT void Send();
 
   // The live client's user name, player id and admin flag. Abort with an assertion line
   // when no client is live.
-  static std::string GetUsername();
-  static uint64_t GetPlayerID();
-  static bool IsAdmin();
+  CLIENT_EXPORT static std::string GetUsername();
+  CLIENT_EXPORT static uint64_t GetPlayerID();
+  CLIENT_EXPORT static bool IsAdmin();
 
   // The live client, or null. Set during construction (after the token check) and cleared
   // first thing by the destructor; a failed construction leaves it pointing at the failed
   // object, so the accessors stay unusable until a new client is built.
-  static Client* _instance;
+  CLIENT_EXPORT static Client* _instance;
   // Why the connection was lost ("Disconnected from server"), for the game to show.
-  static std::string error;
+  CLIENT_EXPORT static std::string error;
 
   const Counters& GetCounters() const { return counters; }
 
