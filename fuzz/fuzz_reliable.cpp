@@ -29,36 +29,25 @@ std::unordered_set<Id> Foresee(const uint8_t* data, size_t& send) {
     const size_t start = orvex::filesystem::PositionOf(in);
     bool asserts = false;
     try {
-      switch (data[start]) {
+      const wire::ServerMessage m = wire::ReadServerMessage(in);
+      switch (m.code) {
         case networking::MSG_DISCONNECT:
           return live;
-        case networking::MSG_WORLD:
-          wire::Read<wire::World>(in);
-          break;
-        case networking::MSG_ADMIN_STATUS:
-          wire::Read<wire::AdminStatus>(in);
-          break;
         case networking::MSG_ENTITY_CREATE: {
-          const auto create = wire::Read<wire::EntityCreate>(in);
-          asserts = live.count(create.id) != 0;
-          const std::string name = create.module.String();
-          if (!asserts && (name == ship || name == fixed)) live.insert(create.id);
+          asserts = live.count(m.entity) != 0;
+          const std::string name = m.module.String();
+          if (!asserts && (name == ship || name == fixed)) live.insert(m.entity);
           break;
         }
         case networking::MSG_ENTITY_DESTROY:
-          live.erase(wire::Read<wire::EntityDestroy>(in).id);
+          live.erase(m.entity);
           break;
         case networking::MSG_ENTITY_UPDATE:
-          asserts = live.count(wire::Read<wire::EntityUpdate>(in).id) == 0;
-          break;
         case networking::MSG_ENTITY_MOVE:
-          asserts = live.count(wire::Read<wire::EntityMove>(in).id) == 0;
+          asserts = live.count(m.entity) == 0;
           break;
-        case networking::MSG_FOR_MODULE:
-          wire::Read<wire::ModuleMessage>(in);
+        default:
           break;
-        default:  // every other code is one byte
-          ReadValue<uint8_t>(in);
       }
     } catch (const std::runtime_error&) {
       return live;  // a message cut short is sent as it is: the client's read fails before its

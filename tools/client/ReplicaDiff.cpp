@@ -209,37 +209,13 @@ std::map<Words, Touches> LastTouches(const recording::Recording& recorded, uint6
     for (size_t m = 0; m < messageEvents.size() && in.GetBufferSize() > 0; ++m) {
       const size_t begins = offset();
       Touch t{"reliable message", m + 1, "", seconds(begins), messageEvents[m]};
-      switch (tcp[begins]) {
-        case networking::MSG_ENTITY_CREATE:
-          t.what = "entity create";
-          touch(wire::Read<wire::EntityCreate>(in).id, t);
-          break;
-        case networking::MSG_ENTITY_UPDATE:
-          t.what = "entity update";
-          touch(wire::Read<wire::EntityUpdate>(in).id, t);
-          break;
-        case networking::MSG_ENTITY_MOVE:
-          t.what = "entity move";
-          touch(wire::Read<wire::EntityMove>(in).id, t);
-          break;
-        case networking::MSG_ENTITY_DESTROY:
-          t.what = "entity destroy";
-          touch(wire::Read<wire::EntityDestroy>(in).id, t);
-          break;
-        case networking::MSG_WORLD:
-          wire::Read<wire::World>(in);
-          break;
-        case networking::MSG_ADMIN_STATUS:
-          wire::Read<wire::AdminStatus>(in);
-          break;
-        case networking::MSG_FOR_MODULE:
-          wire::Read<wire::ModuleMessage>(in);
-          break;
-        default: {  // the code alone, as the client reads it
-          uint8_t code;
-          in.Read(&code, 1);
-        }
-      }
+      const wire::ServerMessage message = wire::ReadServerMessage(in);
+      if (message.entity.IsNull()) continue;
+      t.what = message.code == networking::MSG_ENTITY_CREATE    ? "entity create"
+               : message.code == networking::MSG_ENTITY_DESTROY ? "entity destroy"
+               : message.code == networking::MSG_ENTITY_UPDATE  ? "entity update"
+                                                                : "entity move";
+      touch(message.entity, t);
     }
   } catch (const std::runtime_error&) {
     // The stream ends inside a message: what came before stands.

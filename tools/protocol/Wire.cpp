@@ -107,6 +107,44 @@ std::vector<char> ConfigText(const std::string& text) {
   return bytes;
 }
 
+ServerMessage ReadServerMessage(ReadOnlyStream& in) {
+  ServerMessage m;
+  {
+    // The code, peeked at: each message's own reader reads it again.
+    ReadOnlyStream peek(in);
+    Reader(peek).Value(m.code, "message code");
+  }
+  switch (m.code) {
+    case networking::MSG_WORLD:
+      Read<World>(in);
+      break;
+    case networking::MSG_ADMIN_STATUS:
+      Read<AdminStatus>(in);
+      break;
+    case networking::MSG_ENTITY_CREATE: {
+      const EntityCreate create = Read<EntityCreate>(in);
+      m.entity = create.id;
+      m.module = create.module;
+      break;
+    }
+    case networking::MSG_ENTITY_DESTROY:
+      m.entity = Read<EntityDestroy>(in).id;
+      break;
+    case networking::MSG_ENTITY_UPDATE:
+      m.entity = Read<EntityUpdate>(in).id;
+      break;
+    case networking::MSG_ENTITY_MOVE:
+      m.entity = Read<EntityMove>(in).id;
+      break;
+    case networking::MSG_FOR_MODULE:
+      Read<ModuleMessage>(in);
+      break;
+    default:
+      ReadValue<uint8_t>(in);
+  }
+  return m;
+}
+
 size_t MaxRecordsPerDatagram(uint8_t code, size_t limit) {
   size_t header = 0, record = 0;
   if (code == networking::MSG_TRANSFORMS) {

@@ -367,6 +367,17 @@ void Serialize(S& s, Disconnect&) {
   Code(s, networking::MSG_DISCONNECT);
 }
 
+// One server-to-client TCP message after the welcome, read as the client reads it: the code,
+// then the fields that code prescribes; any code the client does not know is the code
+// alone. `entity` is the message's entity for a create, destroy, update or move (null
+// otherwise), `module` the created entity's module. Throws as the Reader does.
+struct ServerMessage {
+  uint8_t code = 0;
+  Id entity;
+  ModuleID module;
+};
+ServerMessage ReadServerMessage(orvex::filesystem::ReadOnlyStream& in);
+
 // ---------------------------------------------------------------------------------------
 // Server to client, datagrams.
 
