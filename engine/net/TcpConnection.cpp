@@ -15,6 +15,8 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <mutex>
+#include <set>
 #include <stdexcept>
 
 #include "net/Address.h"
@@ -81,6 +83,26 @@ int ConnectOne(const Endpoint& endpoint, std::chrono::steady_clock::time_point d
 
 }  // namespace
 
+namespace {
+
+// The live connections this process opened, for ShutdownClientConnections.
+struct OpenedConnections {
+  std::mutex mutex;
+  std::set<TcpConnection*> live;
+};
+OpenedConnections& Opened() {
+  static OpenedConnections opened;
+  return opened;
+}
+
+}  // namespace
+
+void TcpConnection::ShutdownClientConnections() {
+  OpenedConnections& opened = Opened();
+  std::lock_guard<std::mutex> lock(opened.mutex);
+  for (TcpConnection* connection : opened.live) connection->Shutdown();
+}
+
 TcpConnection::TcpConnection(const std::string& host, uint16_t port, unsigned long bufferSize,
                              int timeoutMs)
     : stallLimitMs_(timeoutMs), connected_(true) {
@@ -99,6 +121,8 @@ TcpConnection::TcpConnection(const std::string& host, uint16_t port, unsigned lo
   }
   if (fd_ < 0) throw std::runtime_error(failure + reason);
   Setup(bufferSize);
+  std::lock_guard<std::mutex> lock(Opened().mutex);
+  Opened().live.insert(this);
 }
 
 TcpConnection::TcpConnection(int connectedFd, int timeoutMs) : stallLimitMs_(timeoutMs) {
@@ -124,6 +148,10 @@ void TcpConnection::Setup(unsigned long bufferSize) {
 // What is still queued gets a short while to leave (a goodbye after a burst), as long as the
 // peer keeps taking it; a stalled peer does not hold the owner.
 TcpConnection::~TcpConnection() {
+  if (connected_) {
+    std::lock_guard<std::mutex> lock(Opened().mutex);
+    Opened().live.erase(this);
+  }
   std::unique_lock<std::mutex> lock(sendMutex_);
   if (!sender_.joinable()) return;
   constexpr auto kLinger = std::chrono::milliseconds(300);

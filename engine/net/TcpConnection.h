@@ -60,6 +60,11 @@ class TcpConnection : public EngineSocket, public filesystem::Stream {
   // Bytes received and sent by every connection this process opened (not those it
   // accepted), such as a module's own: for a host that cannot reach into the module.
   static ByteCounts ClientBytes();
+  // Shuts down every connection this process opened and has not destroyed: a host that ends
+  // its run while a module's reader waits for the rest of a message (a server that stopped
+  // halfway) wakes that reader at once, with an error, instead of after the stall limit.
+  // Any thread.
+  static void ShutdownClientConnections();
 
   using Stream::Read;
   using Stream::Write;

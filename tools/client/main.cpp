@@ -39,6 +39,7 @@
 #include "common/ThreadOrder.h"
 #include "game/Host.h"
 #include "game/Networking.h"
+#include "net/TcpConnection.h"
 #include "net/UdpEndpoint.h"
 #include "orvex/net/Socket.h"
 
@@ -181,6 +182,16 @@ Ending Run(client::Client& client, const Options& options, gameclient::NetworkSt
     std::this_thread::sleep_until(next);
   }
   return QuitEnding(client);
+}
+
+// Whether `done` holds within `bound` (looked at every few milliseconds).
+bool Within(const std::atomic<bool>& done, std::chrono::milliseconds bound) {
+  const auto until = std::chrono::steady_clock::now() + bound;
+  while (!done.load()) {
+    if (std::chrono::steady_clock::now() >= until) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  return true;
 }
 
 // The session's parameters for the recording's comment: never the token or the password.
@@ -414,6 +425,11 @@ int main(int argc, char** argv) {
   // from here on changes the replica, in the recorded run as in its replays.
   if (threadOrder) threadOrder->Close(std::chrono::seconds(1));
   Game::isActive.store(false);
+  // The receiving thread sees the end at its next poll, within half a second, unless it
+  // waits for the rest of a message from a server that stopped halfway: that wait ends now.
+  if (!Within(receiverDone, std::chrono::milliseconds(600))) {
+    orvex::net::TcpConnection::ShutdownClientConnections();
+  }
   receiver.join();
 
   gameclient::Identity identity;
