@@ -107,7 +107,8 @@ TEST(SocketObservation, EndsAfterTheCallUnderWayAndStartsNoOther) {
     std::atomic<bool> entered{false}, release{false}, ended{false}, endedDuringCall{false};
   } observer;
   UdpEndpoint sink(UdpEndpoint::BindTag{}, "127.0.0.1", 0, 0);
-  UdpEndpoint writer("127.0.0.1", sink.GetLocalPort(), 64), probe("127.0.0.1", sink.GetLocalPort(), 64);
+  UdpEndpoint writer("127.0.0.1", sink.GetLocalPort(), 64),
+      probe("127.0.0.1", sink.GetLocalPort(), 64);
   observer.held = &writer;
   auto observation = std::make_unique<SocketObservation>(observer);
   std::jthread writing([&] {
