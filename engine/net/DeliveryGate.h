@@ -13,7 +13,7 @@ namespace orvex::net {
 // that found bytes and its next Poll: the module reads one message per such turn. A call
 // may block. A Begins that returns false holds the delivery back for good: Poll reports no
 // bytes (as at its time-out), the datagram is dropped before the callback (the socket's
-// taps have seen it). Each Begins that returned true is followed by its Ends on the same
+// observers have seen it). Each Begins that returned true is followed by its Ends on the same
 // thread, except that a reader that never polls again (its thread ended) leaves its message
 // open: the host ends it.
 class DeliveryGate {

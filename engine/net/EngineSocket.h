@@ -20,9 +20,14 @@ class EngineSocket : public Socket {
   // The local port the socket is bound to, or 0.
   uint16_t GetLocalPort() const;
   int GetDescriptor() const { return fd_; }
+  // Whether this process opened the socket towards a peer: a TCP connection it connected
+  // (not one a listener accepted), a UDP endpoint of the client form (not a bound one).
+  // A module's own sockets are of this form.
+  bool IsClientForm() const { return clientForm_; }
 
  protected:
   uint16_t remotePort_ = 0;
+  bool clientForm_ = false;  // set by the constructor only
 };
 
 }  // namespace orvex::net

@@ -1,6 +1,6 @@
 // The platform's sockets, made of the engine's own: a TcpSocket is a client-form
 // TcpConnection, a UdpSocket a client-form UdpEndpoint (which picks up the process-wide
-// simulator settings and tap that hosts set for sockets they cannot reach into). Every
+// simulator settings that hosts set for sockets they cannot reach into). Every
 // declared operation is the engine socket's, unchanged; a host's delivery gate, when one is
 // installed, is called around each reliable message and datagram.
 #include <atomic>

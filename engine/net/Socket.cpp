@@ -2,29 +2,13 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 
 #include "net/Address.h"
 #include "net/EngineSocket.h"
 #include "net/Poll.h"
-#include "net/Tap.h"
 
 namespace orvex::net {
-namespace {
-
-std::atomic<Tap*> installedTap{nullptr};
-
-}  // namespace
-
-void SetTap(Tap* tap) {
-  installedTap.store(tap, std::memory_order_release);
-}
-
-Tap* CurrentTap() {
-  return installedTap.load(std::memory_order_acquire);
-}
-
 Socket::~Socket() {
   if (fd_ >= 0) close(fd_);
 }

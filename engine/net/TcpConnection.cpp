@@ -21,7 +21,7 @@
 
 #include "net/Address.h"
 #include "net/Poll.h"
-#include "net/Tap.h"
+#include "net/SocketObserver.h"
 #include "net/TcpConnection.h"
 
 namespace orvex::net {
@@ -105,7 +105,8 @@ void TcpConnection::ShutdownClientConnections() {
 
 TcpConnection::TcpConnection(const std::string& host, uint16_t port, unsigned long bufferSize,
                              int timeoutMs)
-    : stallLimitMs_(timeoutMs), connected_(true) {
+    : stallLimitMs_(timeoutMs) {
+  clientForm_ = true;
   const std::string failure = "Connection to " + HostPortText(host, port) + " failed: ";
   std::vector<Endpoint> endpoints;
   try {
@@ -192,7 +193,7 @@ unsigned long TcpConnection::Receive(unsigned char* data, unsigned long size, bo
     ssize_t n = recv(fd_, data, size, dontWait ? MSG_DONTWAIT : 0);
     if (n > 0) {
       bytesIn_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
-      if (connected_) clientBytesIn.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
+      if (clientForm_) clientBytesIn.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
       return static_cast<unsigned long>(n);
     }
     if (n == 0) ThrowReadError(0);
@@ -227,7 +228,7 @@ void TcpConnection::Read(unsigned char* data, unsigned long size) {
     data += n;
     size -= n;
   }
-  if (Tap* tap = CurrentTap(); tap != nullptr && asked > 0) tap->OnTcp(*this, true, start, asked);
+  if (asked > 0) Observe(true, start, asked);
 }
 
 unsigned long TcpConnection::ReadSome(unsigned char* data, unsigned long size) {
@@ -240,8 +241,14 @@ unsigned long TcpConnection::ReadSome(unsigned char* data, unsigned long size) {
     std::memcpy(data, in_.data() + inPos_, n);
     inPos_ += n;
   }
-  if (Tap* tap = CurrentTap(); tap != nullptr && n > 0) tap->OnTcp(*this, true, data, n);
+  if (n > 0) Observe(true, data, n);
   return n;
+}
+
+void TcpConnection::Observe(bool read, const unsigned char* data, unsigned long size) const {
+  if (!detail::Observed()) return;
+  detail::Notify({read ? SocketEvent::Kind::kTcpRead : SocketEvent::Kind::kTcpFlushed, read, *this,
+                  remotePort_, data, size, std::chrono::steady_clock::now()});
 }
 
 filesystem::ReadOnlyStream TcpConnection::ReadStream() {
@@ -264,7 +271,7 @@ void TcpConnection::Flush() {
     throw std::runtime_error(writeError_);
   }
   if (out_.empty()) return;
-  if (Tap* tap = CurrentTap(); tap != nullptr) tap->OnTcp(*this, false, out_.data(), out_.size());
+  Observe(false, out_.data(), out_.size());
   // The cap counts what earlier flushes left waiting: one large flush (a joining client's
   // whole scene) is taken, a peer that does not keep up frame after frame is not.
   if (queued_ > kSendQueueCap) {
@@ -323,7 +330,8 @@ long TcpConnection::SendSome(const unsigned char* data, unsigned long size) {
     if (n > 0) {
       sent += static_cast<unsigned long>(n);
       bytesOut_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
-      if (connected_) clientBytesOut.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
+      if (clientForm_)
+        clientBytesOut.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
       continue;
     }
     const int error = errno;

@@ -78,6 +78,9 @@ class TcpConnection : public EngineSocket, public filesystem::Stream {
   // count; with `dontWait`, returns 0 when nothing is waiting. End of stream throws.
   unsigned long Receive(unsigned char* data, unsigned long size, bool dontWait);
   [[noreturn]] void ThrowReadError(int error) const;
+  // Shows the socket observers (net/SocketObserver.h) the bytes a read handed out or a
+  // flush hands over.
+  void Observe(bool read, const unsigned char* data, unsigned long size) const;
 
   int stallLimitMs_;
   unsigned long bufferSize_ = 0;
@@ -112,7 +115,6 @@ class TcpConnection : public EngineSocket, public filesystem::Stream {
   std::thread sender_;
   std::atomic<uint64_t> bytesIn_{0};
   std::atomic<uint64_t> bytesOut_{0};
-  bool connected_ = false;  // opened by this process, not accepted
 };
 
 }  // namespace orvex::net

@@ -19,7 +19,7 @@
 #include "net/Address.h"
 #include "net/NetworkSimulator.h"
 #include "net/Poll.h"
-#include "net/Tap.h"
+#include "net/SocketObserver.h"
 #include "net/UdpEndpoint.h"
 
 namespace orvex::net {
@@ -38,15 +38,10 @@ thread_local const UdpEndpoint* tDeliveringSocket = nullptr;
 // The settings that new client-form sockets start with (SimulateNewClientSockets).
 std::mutex newClientSettingsMutex;
 std::string newClientSettings;
-std::shared_ptr<DatagramTap> newClientTap;
 
 // Bytes moved by client-form endpoints (see ClientBytes()).
 std::atomic<uint64_t> clientBytesIn{0};
 std::atomic<uint64_t> clientBytesOut{0};
-
-DatagramTap::Simulated Totals(const SimulatedPath::Stats& stats) {
-  return {stats.dropped, stats.duplicated, stats.delayed, stats.reordered};
-}
 
 // Clears the datagram buffer however Flush leaves.
 struct ClearOnExit {
@@ -57,8 +52,8 @@ struct ClearOnExit {
 }  // namespace
 
 UdpEndpoint::UdpEndpoint(const std::string& host, uint16_t port, unsigned long bufferSize)
-    : capacity_(bufferSize == 0 ? kMaxDatagram : std::min(bufferSize, kMaxDatagram)),
-      clientForm_(true) {
+    : capacity_(bufferSize == 0 ? kMaxDatagram : std::min(bufferSize, kMaxDatagram)) {
+  clientForm_ = true;
   std::vector<Endpoint> endpoints;
   try {
     endpoints = Resolve(host, port, SOCK_DGRAM);
@@ -83,7 +78,6 @@ UdpEndpoint::UdpEndpoint(const std::string& host, uint16_t port, unsigned long b
   {
     std::lock_guard<std::mutex> lock(newClientSettingsMutex);
     settings = newClientSettings;
-    tap_ = newClientTap;
   }
   if (!settings.empty()) Simulate(settings);
 }
@@ -145,10 +139,16 @@ void UdpEndpoint::Flush() {
   if (destination_.empty()) throw std::runtime_error("UDP socket has no destination");
   auto to = reinterpret_cast<const sockaddr*>(destination_.data());
   auto toLength = static_cast<socklen_t>(destination_.size());
-  if (Tap* tap = CurrentTap()) tap->OnDatagram(*this, false, remotePort_, out_.data(), out_.size());
+  if (detail::Observed()) {
+    detail::Notify({SocketEvent::Kind::kDatagramFlushed, false, *this, remotePort_, out_.data(),
+                    out_.size(), std::chrono::steady_clock::now()});
+  }
   if (simulator_ && simulator_->SimulatesOut()) {
     simulator_->Send(to, toLength, out_.data(), out_.size());
-    if (tap_) tap_->Simulation(false, Totals(simulator_->OutStats()));
+    if (detail::Observed()) {
+      detail::Notify({SocketEvent::Kind::kDatagramJudged, false, *this, remotePort_, out_.data(),
+                      out_.size(), std::chrono::steady_clock::now(), simulator_->OutStats()});
+    }
   } else {
     SendDatagram(to, toLength, out_.data(), out_.size());
   }
@@ -164,7 +164,10 @@ void UdpEndpoint::SendDatagram(const void* to, unsigned int toLength, const unsi
       bytesOut_.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
       if (clientForm_)
         clientBytesOut.fetch_add(static_cast<uint64_t>(n), std::memory_order_relaxed);
-      if (tap_) tap_->Sent(static_cast<unsigned long>(n));
+      if (detail::Observed()) {
+        detail::Notify({SocketEvent::Kind::kDatagramTransmitted, false, *this, AddressPort(address),
+                        data, static_cast<unsigned long>(n), std::chrono::steady_clock::now()});
+      }
       return;
     }
     if (errno == EINTR) continue;
@@ -211,11 +214,6 @@ void UdpEndpoint::SimulateNewClientSockets(const std::string& settings) {
   if (!settings.empty()) SimulationSettings::Parse(settings);
   std::lock_guard<std::mutex> lock(newClientSettingsMutex);
   newClientSettings = settings;
-}
-
-void UdpEndpoint::TapNewClientSockets(std::shared_ptr<DatagramTap> tap) {
-  std::lock_guard<std::mutex> lock(newClientSettingsMutex);
-  newClientTap = std::move(tap);
 }
 
 void UdpEndpoint::Simulate(const std::string& settings) {
@@ -278,7 +276,6 @@ void UdpEndpoint::Deliver(const void* sender, unsigned int senderLength, const u
   datagramsIn_.fetch_add(1, std::memory_order_relaxed);
   bytesIn_.fetch_add(size, std::memory_order_relaxed);
   if (clientForm_) clientBytesIn.fetch_add(size, std::memory_order_relaxed);
-  if (tap_) tap_->Delivered(data, size, at);
   auto raw = static_cast<const unsigned char*>(sender);
   if (incomingRaw_.size() != senderLength ||
       std::memcmp(incomingRaw_.data(), raw, senderLength) != 0) {
@@ -286,7 +283,10 @@ void UdpEndpoint::Deliver(const void* sender, unsigned int senderLength, const u
     incomingAddress_ = AddressText(static_cast<const sockaddr*>(sender));
     incomingPort_ = AddressPort(static_cast<const sockaddr*>(sender));
   }
-  if (Tap* tap = CurrentTap()) tap->OnDatagram(*this, true, incomingPort_, data, size);
+  if (detail::Observed()) {
+    detail::Notify(
+        {SocketEvent::Kind::kDatagramDelivered, true, *this, incomingPort_, data, size, at});
+  }
   try {
     // One allocation: the stream owns its copy, which a copy made by the callback
     // shares.
@@ -353,7 +353,11 @@ void UdpEndpoint::DeliveryLoop() {
       if (simulated != nullptr) {
         copies = simulated->Admit(now, static_cast<const sockaddr*>(header.msg_name),
                                   header.msg_namelen, data, size);
-        if (tap_) tap_->Simulation(true, Totals(simulated->GetStats()));
+        if (detail::Observed()) {
+          detail::Notify({SocketEvent::Kind::kDatagramJudged, true, *this,
+                          AddressPort(static_cast<const sockaddr*>(header.msg_name)), data, size,
+                          now, simulated->GetStats()});
+        }
       }
       for (int c = 0; c < copies && !stopping_.load(std::memory_order_relaxed); ++c) {
         Deliver(header.msg_name, header.msg_namelen, data, size, now);

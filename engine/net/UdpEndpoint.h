@@ -1,6 +1,6 @@
 // The reference engine's UDP endpoint: what the platform's UdpSocket is made of (its client
 // form), with what hosts use beyond it (the bound server form, destinations, the network
-// condition simulator, taps, counts). Tools, tests and benchmarks use it directly.
+// condition simulator, counts). Tools, tests and benchmarks use it directly.
 #pragma once
 
 #include "HostOnly.h"
@@ -19,28 +19,6 @@
 namespace orvex::net {
 
 class NetworkSimulator;
-
-// What a host sees of the datagrams of sockets it cannot reach into (a module's own
-// socket), for figures of the connection; it changes no datagram. Installed with
-// UdpSocket::TapNewClientSockets. Each hook runs on the thread named; the tap itself
-// synchronises what they share.
-class DatagramTap {
- public:
-  virtual ~DatagramTap() = default;
-  // Delivery thread: a datagram handed to the owner (after the simulator: dropped copies
-  // never show, duplicated ones show twice), `at` the time the kernel gave it (a held
-  // copy: the time it was released).
-  virtual void Delivered(const unsigned char* data, unsigned long size,
-                         std::chrono::steady_clock::time_point at) = 0;
-  // Writer thread or the simulator's sender thread: a datagram handed to the kernel.
-  virtual void Sent(unsigned long size) = 0;
-  // The simulator's totals for one direction, after each datagram it judged: on the
-  // delivery thread for incoming ones, on the writer thread for outgoing ones.
-  struct Simulated {
-    uint64_t dropped = 0, duplicated = 0, delayed = 0, reordered = 0;
-  };
-  virtual void Simulation(bool incoming, const Simulated& totals) = 0;
-};
 
 // An unconnected UDP socket.
 //
@@ -90,8 +68,6 @@ class UdpEndpoint : public EngineSocket, public filesystem::Stream {
   // into, such as a game whose network client owns its socket (the platform's UdpSocket is
   // a client-form endpoint). Any thread; throws std::invalid_argument on bad settings.
   static void SimulateNewClientSockets(const std::string& settings);
-  // Sets the tap of every client-form socket created afterwards (null: none). Any thread.
-  static void TapNewClientSockets(std::shared_ptr<DatagramTap> tap);
 
   // Incoming figures count what was handed to the callback, so datagrams that the
   // simulator dropped are not among them.
@@ -136,12 +112,10 @@ class UdpEndpoint : public EngineSocket, public filesystem::Stream {
   uint16_t incomingPort_ = 0;
   // Set by Simulate while no delivery thread runs; null when simulation is off.
   std::unique_ptr<NetworkSimulator> simulator_;
-  std::shared_ptr<DatagramTap> tap_;  // set by the constructor only
   std::atomic<uint64_t> datagramsIn_{0};
   std::atomic<uint64_t> datagramsOut_{0};
   std::atomic<uint64_t> bytesIn_{0};
   std::atomic<uint64_t> bytesOut_{0};
-  bool clientForm_ = false;
 };
 
 }  // namespace orvex::net

@@ -10,7 +10,6 @@
 #include "client/Client.h"
 #include "game/Networking.h"
 #include "net/TcpConnection.h"
-#include "net/UdpEndpoint.h"
 
 namespace gameclient {
 namespace {
@@ -117,7 +116,7 @@ nlohmann::ordered_json ToJson(const Second& s) {
   auto ticks = [](const Second::Ticks& t) {
     return json{{"missed", t.missed}, {"late", t.late}, {"repeats", t.repeats}};
   };
-  auto fates = [](const orvex::net::DatagramTap::Simulated& f) {
+  auto fates = [](const NetworkStats::Simulated& f) {
     return json{{"dropped", f.dropped},
                 {"duplicated", f.duplicated},
                 {"delayed", f.delayed},
@@ -155,8 +154,24 @@ nlohmann::ordered_json ToJson(const Second& s) {
   return line;
 }
 
-void NetworkStats::Install(std::shared_ptr<NetworkStats> stats) {
-  orvex::net::UdpEndpoint::TapNewClientSockets(std::move(stats));
+void NetworkStats::OnSocketEvent(const orvex::net::SocketEvent& event) noexcept {
+  using Kind = orvex::net::SocketEvent::Kind;
+  if (!event.socket.IsClientForm()) return;
+  switch (event.kind) {
+    case Kind::kDatagramDelivered:
+      Delivered(event.data, event.size, event.at);
+      break;
+    case Kind::kDatagramTransmitted:
+      Sent(event.size);
+      break;
+    case Kind::kDatagramJudged:
+      Simulation(event.incoming, event.simulated);
+      break;
+    case Kind::kTcpRead:
+    case Kind::kTcpFlushed:
+    case Kind::kDatagramFlushed:
+      break;
+  }
 }
 
 void NetworkStats::Delivered(const unsigned char* data, unsigned long size, Clock::time_point at) {
@@ -233,8 +248,11 @@ Second NetworkStats::Take(const client::Client* client, Clock::time_point now) {
   late_.clear(), waits_.clear(), frames_.clear();
   s.silentMs = Ms(now - std::max(start_, lastArrival_));
   auto delta = [](const Simulated& now, Simulated& last) {
-    const Simulated d{now.dropped - last.dropped, now.duplicated - last.duplicated,
-                      now.delayed - last.delayed, now.reordered - last.reordered};
+    const Simulated d{.admitted = now.admitted - last.admitted,
+                      .dropped = now.dropped - last.dropped,
+                      .duplicated = now.duplicated - last.duplicated,
+                      .delayed = now.delayed - last.delayed,
+                      .reordered = now.reordered - last.reordered};
     last = now;
     return d;
   };

@@ -1,5 +1,5 @@
 // What the network did, second by second: the headless game's figures of its connection,
-// taken from the datagrams its client socket delivers (a tap in the engine), the game
+// taken from the datagrams its client socket delivers (observed in the engine), the game
 // thread's queue and frames, and the module's own counters. docs/game-client.md lists
 // every figure and the JSON Lines schema of --stats.
 #pragma once
@@ -12,7 +12,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
-#include "net/UdpEndpoint.h"
+#include "net/SocketObserver.h"
 #include "orvex/net/Socket.h"
 
 namespace client {
@@ -100,24 +100,28 @@ struct Second {
   double silentMs = 0;  // since the last datagram, at the interval's end
   FreshnessFigures freshness;
   bool simulated = false;
-  orvex::net::DatagramTap::Simulated simulatorIn, simulatorOut;
+  orvex::net::SimulatedPath::Stats simulatorIn, simulatorOut;
 };
 
 nlohmann::ordered_json ToJson(const Second& second);
 
-// The tap on the client's UDP socket and the game thread's figures. Install() before the
-// client is built; Frame() and Waited() from the game thread; Take() from the game thread
-// once an interval.
-class NetworkStats : public orvex::net::DatagramTap {
+// The figures of the client's UDP socket and of the game thread. Registered as a socket
+// observer before the client is built, it takes the datagrams of client-form UDP sockets (the
+// module's) and leaves every other socket and TCP alone (TCP figures are the engine's byte
+// counts). Delivered(), Sent() and Simulation() on the socket's threads; Frame() and
+// Waited() from the game thread; Take() from the game thread once an interval.
+class NetworkStats : public orvex::net::SocketObserver {
  public:
   using Clock = std::chrono::steady_clock;
+  using Simulated = orvex::net::SimulatedPath::Stats;
 
-  // Makes every client socket created afterwards report to `stats`.
-  static void Install(std::shared_ptr<NetworkStats> stats);
-
-  void Delivered(const unsigned char* data, unsigned long size, Clock::time_point at) override;
-  void Sent(unsigned long size) override;
-  void Simulation(bool incoming, const Simulated& totals) override;
+  void OnSocketEvent(const orvex::net::SocketEvent& event) noexcept override;
+  // A datagram handed to the client, `at` the time it arrived.
+  void Delivered(const unsigned char* data, unsigned long size, Clock::time_point at);
+  // A datagram the kernel took.
+  void Sent(unsigned long size);
+  // The simulator's running totals for one direction.
+  void Simulation(bool incoming, const Simulated& totals);
 
   void Waited(Clock::duration wait);
   void Frame(Clock::duration work);

@@ -19,6 +19,7 @@
 #include <fstream>
 #include <iostream>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <stdexcept>
 #include <string>
@@ -39,6 +40,7 @@
 #include "common/ThreadOrder.h"
 #include "game/Host.h"
 #include "game/Networking.h"
+#include "net/SocketObserver.h"
 #include "net/TcpConnection.h"
 #include "net/UdpEndpoint.h"
 #include "orvex/net/Socket.h"
@@ -210,10 +212,13 @@ std::string WelcomeNote() {
          client::Client::GetUsername() + ", mods " + (mods.empty() ? "none" : mods);
 }
 
-// Removes the tap and closes the recording, if there is one; false when it failed.
-bool FinishRecording(std::unique_ptr<recording::Recorder>& recorder, const std::string& ending) {
+// Ends the recorder's observation and closes the recording, if there is one; false when it
+// failed.
+bool FinishRecording(std::unique_ptr<recording::Recorder>& recorder,
+                     std::optional<orvex::net::SocketObservation>& observation,
+                     const std::string& ending) {
   if (!recorder) return true;
-  orvex::net::SetTap(nullptr);
+  observation.reset();
   try {
     recorder->Close(ending);
   } catch (const std::exception& e) {
@@ -308,13 +313,16 @@ int main(int argc, char** argv) {
   mallopt(M_MMAP_THRESHOLD, 1 << 20);
   sandbox::SetKeptBytesCap(static_cast<uint64_t>(options.dumpKeepMib * double(1 << 20)));
   auto stats = std::make_shared<gameclient::NetworkStats>();
-  gameclient::NetworkStats::Install(stats);
+  // Declared after what they observe, so that on every way out of main an observation ends
+  // before its observer goes.
+  orvex::net::SocketObservation statsObservation(*stats);
   std::ofstream statsFile;
   if (!options.stats.empty() && options.stats != "-") statsFile.open(options.stats);
   std::ostream* jsonLines = options.stats.empty()  ? nullptr
                             : options.stats == "-" ? &std::cout
                                                    : &statsFile;
   std::unique_ptr<recording::Recorder> recorder;
+  std::optional<orvex::net::SocketObservation> recorderObservation;
   if (!options.record.empty()) {
     const double limitMb = options.recordLimitMb;
     try {
@@ -327,7 +335,7 @@ int main(int argc, char** argv) {
     } catch (const std::runtime_error& e) {
       return Usage(e.what());
     }
-    orvex::net::SetTap(recorder.get());
+    recorderObservation.emplace(*recorder);
   }
 
   // The thread order: recorded with the session, or imposed from a recording.
@@ -381,7 +389,8 @@ int main(int argc, char** argv) {
       std::cerr << tools::LogHead("game-client", tools::Level::kError) << "could not join "
                 << options.host << " port " << options.port << ":" << std::endl;
     }
-    FinishRecording(recorder, std::string("the connection failed: ") + e.what());
+    FinishRecording(recorder, recorderObservation,
+                    std::string("the connection failed: ") + e.what());
     std::cerr << e.what() << std::endl;
     return kConstructorFailed;
   }
@@ -441,7 +450,8 @@ int main(int argc, char** argv) {
   monitor.Finish(*client);
   client.reset();
   if (threadOrder) threadOrder->Remove();
-  if (!FinishRecording(recorder, "the run ended (" + ending.text + ")")) failed = true;
+  if (!FinishRecording(recorder, recorderObservation, "the run ended (" + ending.text + ")"))
+    failed = true;
   try {
     orvex::engine::RunSynchronized();
   } catch (const std::exception& e) {

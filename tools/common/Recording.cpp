@@ -1,13 +1,9 @@
 #include "common/Recording.h"
-#include "net/TcpConnection.h"
-#include "net/UdpEndpoint.h"
 
 #include <algorithm>
 #include <cstring>
 #include <stdexcept>
 
-#include "net/TcpConnection.h"
-#include "net/UdpEndpoint.h"
 #include "protocol/Wire.h"
 
 namespace recording {
@@ -94,17 +90,33 @@ void Recorder::FlushOrder() {
   if (!runs.empty() && Admit(runs.size())) file_.Custom(runs);
 }
 
-void Recorder::OnTcp(const orvex::net::TcpConnection& socket, bool received,
-                     const unsigned char* data, unsigned long size) {
+void Recorder::OnSocketEvent(const orvex::net::SocketEvent& event) noexcept {
+  using Kind = orvex::net::SocketEvent::Kind;
   std::lock_guard<std::mutex> lock(mutex_);
+  switch (event.kind) {
+    case Kind::kTcpRead:
+    case Kind::kTcpFlushed:
+      return OnTcp(event);
+    case Kind::kDatagramDelivered:
+    case Kind::kDatagramFlushed:
+      return OnDatagram(event);
+    case Kind::kDatagramTransmitted:  // a replay sends what the client flushed, before the
+    case Kind::kDatagramJudged:       // simulator: the copies on the wire are not its input
+      return;
+  }
+}
+
+void Recorder::OnTcp(const orvex::net::SocketEvent& event) {
+  const unsigned char* const data = event.data;
+  const unsigned long size = event.size;
   if (tcpSocket_ == nullptr) {
     if (!Admit(3 * kFrameOverhead)) return;
-    tcpSocket_ = &socket;
-    tcp_ = std::make_unique<capture::TcpConnection>(file_, socket.GetLocalPort(),
-                                                    socket.GetRemotePort());
+    tcpSocket_ = &event.socket;
+    tcp_ = std::make_unique<capture::TcpConnection>(file_, event.socket.GetLocalPort(),
+                                                    event.socket.GetRemotePort());
   }
-  if (&socket != tcpSocket_) return;
-  if (received) {
+  if (&event.socket != tcpSocket_) return;
+  if (event.incoming) {
     if (received_.empty()) receivedTime_ = Now();
     received_.insert(received_.end(), data, data + size);
     if (received_.size() >= kSegment) FlushReceived();
@@ -123,18 +135,17 @@ void Recorder::OnTcp(const orvex::net::TcpConnection& socket, bool received,
   }
 }
 
-void Recorder::OnDatagram(const orvex::net::UdpEndpoint& socket, bool received, uint16_t peerPort,
-                          const unsigned char* data, unsigned long size) {
-  std::lock_guard<std::mutex> lock(mutex_);
+void Recorder::OnDatagram(const orvex::net::SocketEvent& event) {
   if (udpSocket_ == nullptr) {
-    udpSocket_ = &socket;
-    udpPort_ = socket.GetLocalPort();
+    udpSocket_ = &event.socket;
+    udpPort_ = event.socket.GetLocalPort();
   }
-  if (&socket != udpSocket_) return;
+  if (&event.socket != udpSocket_) return;
   if (tcp_) FlushReceived();
-  if (!Admit(size)) return;
-  const Bytes payload(data, data + size);
-  received ? file_.Udp(peerPort, udpPort_, payload) : file_.Udp(udpPort_, peerPort, payload);
+  if (!Admit(event.size)) return;
+  const Bytes payload(event.data, event.data + event.size);
+  event.incoming ? file_.Udp(event.peerPort, udpPort_, payload)
+                 : file_.Udp(udpPort_, event.peerPort, payload);
 }
 
 void Recorder::Close(const std::string& ending) {

@@ -20,20 +20,20 @@
 
 #include "common/Pcapng.h"
 #include "common/ThreadOrder.h"
-#include "net/Tap.h"
-#include "net/TcpConnection.h"
-#include "net/UdpEndpoint.h"
+#include "net/SocketObserver.h"
 
 namespace recording {
 
 using capture::Bytes;
 
-// Records the first TCP connection and the first UDP socket of the process through the
-// engine's tap: the TCP bytes the client read (so that a replay gives it nothing it did not
-// take in) and sent, the datagrams handed to it and sent by it. Threads: the tap's callers (any
-// socket thread) and the owner (Note, Close) serialise on one lock; frames go to the file in the
-// order the calls took it.
-class Recorder : public orvex::net::Tap {
+// Records the first TCP connection and the first UDP socket of the process, as a socket
+// observer: the TCP bytes the client read (so that a replay gives it nothing it did not take
+// in) and flushed, the datagrams delivered to it and those it flushed (before the simulator).
+// Threads: the observer's callers (any socket thread) and the owner (Note, Close) serialise
+// on one lock; frames go to the file in the order the calls took it, each stamped when it
+// took it (an event's own time may be older than a frame another thread recorded before it,
+// and the file's times must not go back).
+class Recorder : public orvex::net::SocketObserver {
  public:
   // Creates `path` (std::runtime_error when it cannot be). Once the file would grow past
   // `limitBytes`, nothing more is recorded and `onFull` is called once, on the thread that
@@ -46,13 +46,10 @@ class Recorder : public orvex::net::Tap {
   // One event of the thread order, as the order hears it (common/ThreadOrder.h).
   void Heard(order::Event event);
   // Writes the closing block with `ending` and closes the file; throws std::runtime_error
-  // when a write failed. REQUIRES: the tap is no longer installed.
+  // when a write failed. REQUIRES: its SocketObservation is gone.
   void Close(const std::string& ending);
 
-  void OnTcp(const orvex::net::TcpConnection& socket, bool received, const unsigned char* data,
-             unsigned long size) override;
-  void OnDatagram(const orvex::net::UdpEndpoint& socket, bool received, uint16_t peerPort,
-                  const unsigned char* data, unsigned long size) override;
+  void OnSocketEvent(const orvex::net::SocketEvent& event) noexcept override;
 
  private:
   // REQUIRES: mutex_. Sets the frame time to `time` (now when zero); false (and the limit
@@ -71,14 +68,18 @@ class Recorder : public orvex::net::Tap {
   bool full_ = false;
   const std::chrono::steady_clock::time_point start_;
   const uint64_t startMicroseconds_;
-  const orvex::net::TcpConnection* tcpSocket_ = nullptr;
+  // REQUIRES: mutex_.
+  void OnTcp(const orvex::net::SocketEvent& event);
+  void OnDatagram(const orvex::net::SocketEvent& event);
+
+  const orvex::net::EngineSocket* tcpSocket_ = nullptr;
   std::unique_ptr<capture::TcpConnection> tcp_;
   bool helloSeen_ = false;
   // The reader takes a message field by field: what it took since the last other event goes
   // out as one segment, stamped with the moment its first byte was read.
   Bytes received_;
   uint64_t receivedTime_ = 0;
-  const orvex::net::UdpEndpoint* udpSocket_ = nullptr;
+  const orvex::net::EngineSocket* udpSocket_ = nullptr;
   uint16_t udpPort_ = 0;
   order::Encoder order_;
 };
