@@ -149,7 +149,7 @@ void TcpConnection::Setup(unsigned long bufferSize) {
 // What is still queued gets a short while to leave (a goodbye after a burst), as long as the
 // peer keeps taking it; a stalled peer does not hold the owner.
 TcpConnection::~TcpConnection() {
-  if (connected_) {
+  if (IsClientForm()) {
     std::lock_guard<std::mutex> lock(Opened().mutex);
     Opened().live.erase(this);
   }
