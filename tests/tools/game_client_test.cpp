@@ -11,6 +11,7 @@
 #include <map>
 #include <optional>
 #include <regex>
+#include <sstream>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -383,8 +384,17 @@ TEST_F(GameClientTest, DumpHoldsTheGameStateAndOnlyTheLiveEntities) {
   ExpectRecord(testlib::ModuleRecord(kOther, TextBytes("R-udp")));
   conn->Send(testlib::Disconnect());
   EXPECT_EQ(client->Wait(), 0) << client->Stderr();
-  const json dump = json::parse(testlib::ReadFile(Dump()));
+  const std::string text = testlib::ReadFile(Dump());
+  const json dump = json::parse(text);
   EXPECT_EQ(dump["ending"], "the server disconnected");
+  // One entity a line, for line tools; a double with no fraction keeps its ".0".
+  int entityLines = 0;
+  std::istringstream lines(text);
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind(R"(    {"id":)", 0) == 0 && line.find(R"("updateRate":0.0,)") != line.npos)
+      ++entityLines;
+  }
+  EXPECT_EQ(entityLines, 3);
   EXPECT_EQ(std::make_tuple(dump["world"], dump["mode"], dump["config"], dump["username"]),
             std::make_tuple("arena", -3, "a=1", kUser));
   EXPECT_EQ(dump["moduleMessages"].size(), 4096u);

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <memory>
 #include <shared_mutex>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -55,7 +56,7 @@ FieldHashes HashFields(const ClientSideEntity& e) {
   const std::string module = e.moduleId.String();
   Hash sync;
   if (auto sandbox = std::dynamic_pointer_cast<sandbox::SandboxInterface>(interface)) {
-    sandbox->ForEachSync([&sync](const sandbox::Bytes& record) {
+    sandbox->ForEachSync([&sync](std::span<const uint8_t> record) {
       sync.Add(record.size()).Bytes(record.data(), record.size());
     });
     sync.Add(sandbox->SyncsLeftOut());

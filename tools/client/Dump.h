@@ -3,7 +3,8 @@
 // One object, keys in this order: "playerId" (decimal string), "username", "admin",
 // "error", "ending", "world", "mode", "mods", "timestamp", "config", "entities" (sorted by id word
 // 0, then word 1), "moduleMessages" (the newest kept, arrival order) and
-// "moduleMessagesLeftOut". Ids are the unique identifier's text form (empty for none), and
+// "moduleMessagesLeftOut"; the game state indented by two spaces, each entity and each
+// module message one compact line. Ids are the unique identifier's text form (empty for none), and
 // beside it [word0, word1] as decimal strings ("words", "parentWords"), which read back
 // exactly whatever the tag bytes are;
 // byte strings are lower-case hex, vectors [x, y, z], quaternions [w, x, y, z]. Doubles are the
@@ -15,8 +16,6 @@
 #include <ostream>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 namespace gameclient {
 
@@ -34,9 +33,5 @@ struct Identity {
 void WriteDump(std::ostream& out, const Identity& identity);
 // Writes the dump to `path`; throws std::runtime_error when the file cannot be written.
 void WriteDumpFile(const std::string& path, const Identity& identity);
-
-// A piece of the format, shared with the tools that read it: a double as the dump writes it: a
-// number, or a string when it is not finite.
-nlohmann::ordered_json Number(double value);
 
 }  // namespace gameclient

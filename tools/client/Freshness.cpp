@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <cmath>
 #include <cstring>
 #include <shared_mutex>
 
@@ -26,7 +27,7 @@ void Fold(uint64_t& hash, const T& value) {
   }
 }
 
-uint64_t Fingerprint(const ClientSideEntity& e) {
+uint64_t Fingerprint(const ClientSideEntity& e, const sandbox::SandboxInterface& interface) {
   uint64_t hash = 0;
   Fold(hash, e.parentId.Load());
   Fold(hash, e.targetPosition.Load());
@@ -37,9 +38,7 @@ uint64_t Fingerprint(const ClientSideEntity& e) {
   uint32_t rateBits;
   std::memcpy(&rateBits, &rate, sizeof rate);
   Fold(hash, uint64_t{rateBits} << 16 | uint64_t{e.smooth.Load()} << 8 | e.forceSnap.Load());
-  if (const auto* sandbox = dynamic_cast<const sandbox::SandboxInterface*>(e.interface.get())) {
-    Fold(hash, sandbox->SyncCalls());
-  }
+  Fold(hash, interface.SyncCalls());
   return hash;
 }
 
@@ -53,30 +52,34 @@ void PrefetchEntity(const ClientSideEntity& e) {
   __builtin_prefetch(end - 1);
 }
 
-// The interface's first two lines: its type and the sandbox's Sync count. Needs the entity's
-// line with the pointer, so it runs a few entities after PrefetchEntity.
+// The interface's lines: its type, the sandbox's Sync count and what the last scan saw.
+// Needs the entity's line with the pointer, so it runs a few entities after PrefetchEntity.
 void PrefetchInterface(const ClientSideEntity& e) {
   if (const auto* interface = reinterpret_cast<const char*>(e.interface.get())) {
-    __builtin_prefetch(interface);
-    __builtin_prefetch(interface + 64);
+    for (size_t at = 0; at < sizeof(sandbox::SandboxInterface); at += 64) {
+      __builtin_prefetch(interface + at);
+    }
   }
 }
 
-bool Older(const std::pair<game::entity::Id, double>& a,
-           const std::pair<game::entity::Id, double>& b) {
-  if (a.second != b.second) return a.second < b.second;
-  return a.first.word0 != b.first.word0 ? a.first.word0 < b.first.word0
-                                        : a.first.word1 < b.first.word1;
+// An entity the scan found, by its age: the oldest first, ties by id.
+struct Candidate {
+  game::entity::Id id;
+  double changedAt;
+  double serverTime;
+};
+
+bool Older(const Candidate& a, const Candidate& b) {
+  if (a.changedAt != b.changedAt) return a.changedAt < b.changedAt;
+  return a.id.word0 != b.id.word0 ? a.id.word0 < b.id.word0 : a.id.word1 < b.id.word1;
 }
 
 }  // namespace
 
 Freshness::Figures Freshness::Scan(double now, double serverTime) {
   const auto begun = std::chrono::steady_clock::now();
-  const uint32_t scan = ++scans_;
   std::vector<double> ages;
-  // The stalest so far, oldest first.
-  std::vector<std::pair<game::entity::Id, double>> stalest;
+  std::vector<Candidate> stalest;  // the stalest so far, oldest first
   {
     std::shared_lock<orvex::SharedMutex> lock(ClientSideEntity::_sharedObjectsMutex);
     // Entities lie wherever they were allocated: one pass collects them, the next reads each
@@ -90,15 +93,15 @@ Freshness::Figures Freshness::Scan(double now, double serverTime) {
       if (i + kAhead < entities_.size()) PrefetchEntity(*entities_[i + kAhead]);
       if (i + kAhead / 2 < entities_.size()) PrefetchInterface(*entities_[i + kAhead / 2]);
       const ClientSideEntity& entity = *entities_[i];
-      const uint64_t fingerprint = Fingerprint(entity);
-      const auto [it, added] =
-          seen_.try_emplace(entity.id, Seen{fingerprint, serverTime, now, scan});
-      Seen& seen = it->second;
-      if (!added && seen.fingerprint != fingerprint)
-        seen = Seen{fingerprint, serverTime, now, scan};
-      seen.scan = scan;
+      auto* interface = dynamic_cast<sandbox::SandboxInterface*>(entity.interface.get());
+      if (interface == nullptr) continue;
+      const uint64_t fingerprint = Fingerprint(entity, *interface);
+      sandbox::SandboxInterface::Seen& seen = interface->seen;
+      if (std::isnan(seen.changedAt) || seen.fingerprint != fingerprint) {
+        seen = {fingerprint, serverTime, now};
+      }
       ages.push_back(1000.0 * (now - seen.changedAt));
-      const std::pair<game::entity::Id, double> candidate{entity.id, seen.changedAt};
+      const Candidate candidate{entity.id, seen.changedAt, seen.serverTime};
       if (stalest.size() < kStalest || Older(candidate, stalest.back())) {
         stalest.insert(std::upper_bound(stalest.begin(), stalest.end(), candidate, Older),
                        candidate);
@@ -106,11 +109,10 @@ Freshness::Figures Freshness::Scan(double now, double serverTime) {
       }
     }
   }
-  std::erase_if(seen_, [scan](const auto& entry) { return entry.second.scan != scan; });
   Figures figures;
   figures.ageMs = Spread::Of(std::move(ages));
-  for (const auto& [id, changedAt] : stalest) {
-    figures.stalest.push_back({id.ToString(), 1000.0 * (now - changedAt), seen_.at(id).serverTime});
+  for (const Candidate& c : stalest) {
+    figures.stalest.push_back({c.id.ToString(), 1000.0 * (now - c.changedAt), c.serverTime});
   }
   figures.scanMs =
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begun).count();

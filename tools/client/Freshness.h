@@ -4,7 +4,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <unordered_map>
 #include <vector>
 
 #include "client/Stats.h"
@@ -17,11 +16,12 @@ namespace gameclient {
 // bytes, how many Sync calls its interface had) is folded into a fingerprint; when that
 // differs from the last scan's, the entity changed at this scan. So a change is seen at the
 // first scan after it, and ages come in steps of the scan interval (0: changed since the last
-// scan); the same values sent again are no change. Per entity: one hash map node (id,
-// fingerprint, server time, scan time, scan number: 64 bytes, 80 with the allocator's header),
-// its bucket and 16 bytes of the scan's own lists, about 100 bytes. A scan reads each entity
-// once, with its lines fetched ahead. Not thread-safe: one owner (the game thread), which
-// must not hold the registry's lock.
+// scan); the same values sent again are no change. What a scan saw of an entity is kept on
+// its sandbox interface (SandboxInterface::seen), so an entity's record costs 24 bytes there
+// and 16 in the scan's own lists, and goes with the entity; entities without a sandbox
+// interface are not counted. A scan reads each entity once, with its lines fetched ahead.
+// Not thread-safe: one scanner in the process (the game thread), which must not hold the
+// registry's lock.
 class Freshness {
  public:
   static constexpr size_t kStalest = 3;
@@ -33,15 +33,7 @@ class Freshness {
   Figures Scan(double now, double serverTime);
 
  private:
-  struct Seen {
-    uint64_t fingerprint;
-    double serverTime;
-    double changedAt;
-    uint32_t scan;
-  };
   static constexpr size_t kAhead = 8;
-  std::unordered_map<game::entity::Id, Seen> seen_;
-  uint32_t scans_ = 0;
   std::vector<const game::entity::ClientSideEntity*> entities_;  // the scan's, kept for reuse
 };
 

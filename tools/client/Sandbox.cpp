@@ -174,16 +174,20 @@ void SupplyInterface(ClientSideEntity& entity) {
 }  // namespace
 
 void SandboxInterface::Sync(ReadOnlyStream& data) {
-  Bytes bytes = Remaining(data);
+  std::string bytes(data.GetBufferSize(), '\0');
+  data.Read(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size());
   const size_t size = bytes.size();
   syncCalls_.fetch_add(1, std::memory_order_relaxed);
   std::lock_guard<std::mutex> lock(mutex_);
   syncs_.Add(std::move(bytes), size);
 }
 
-void SandboxInterface::ForEachSync(const std::function<void(const Bytes&)>& visit) const {
+void SandboxInterface::ForEachSync(
+    const std::function<void(std::span<const uint8_t>)>& visit) const {
   std::lock_guard<std::mutex> lock(mutex_);
-  syncs_.ForEach(visit);
+  syncs_.ForEach([&visit](const std::string& bytes) {
+    visit({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
+  });
 }
 
 uint64_t SandboxInterface::SyncsLeftOut() const {

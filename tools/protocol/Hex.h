@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <ostream>
+#include <span>
 #include <string>
 #include <vector>
 
@@ -28,7 +29,7 @@ inline std::string Hex(const std::vector<uint8_t>& bytes, size_t limit = SIZE_MA
 
 // All the bytes as Hex() gives them, written to `out` a piece at a time: a payload of
 // 16 MiB never becomes a 32 MiB text in memory.
-inline void WriteHex(std::ostream& out, const std::vector<uint8_t>& bytes) {
+inline void WriteHex(std::ostream& out, std::span<const uint8_t> bytes) {
   char piece[8192];
   size_t used = 0;
   for (uint8_t byte : bytes) {

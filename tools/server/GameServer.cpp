@@ -194,6 +194,7 @@ void GameServer::Stop() {
     }
   }
   for (auto& client : welcomed) Deliver(*client);
+  if (!welcomed.empty()) Log("said goodbye to " + std::to_string(welcomed.size()) + " clients");
   // Half-close after the goodbye and let each client leave on its own before closing:
   // closing a socket while its peer still sends makes the kernel reset the connection,
   // and the reset can discard the goodbye before the client has read it.
