@@ -96,6 +96,44 @@ TEST_F(GameClientTest, ReplicaIsTheServersStateWhenTheServerSaysGoodbye) {
             std::vector<std::string>{});
 }
 
+// The declared scale (a tenth of it under the sanitizers, which would make it minutes long):
+// the dump, written after the goodbye, holds every entity the client keeps, one a line, and
+// every id reads back from its words.
+TEST_F(GameClientTest, DumpOfAFullReplicaHoldsEveryEntityOneALine) {
+  gameserver::Options options;
+  options.entities = ORVEX_SANITIZED ? 30000 : 300000;
+  options.rate = 2;
+  options.eventsPerSecond = 0;
+  gameserver::GameServer game(options);
+  game.Start();
+  size_t held = 0;
+  for (const gameserver::EntityState& e : game.Snapshot()) held += e.text != "nointerface";
+  const std::string stats = (dir / "stats.jsonl").string();
+  ChildProcess client(
+      testlib::ToolPath("game-client"),
+      {"--port", std::to_string(game.Port()), "--quiet", "--stats", stats, "--dump", Dump()}, dir);
+  // The goodbye would come after the creations anyway; waiting for them keeps the server's
+  // grace period from closing the connection while the client still reads them.
+  const std::string whole = "\"entities\":" + std::to_string(held) + ",";
+  ASSERT_TRUE(testlib::WaitUntil(
+      [&] { return testlib::ReadFile(stats).find(whole) != std::string::npos; }, 120000))
+      << "the client never held " << held << " entities";
+  game.Stop();
+  ASSERT_EQ(client.Wait(), 0) << client.Stderr();
+  std::ifstream dump(Dump());
+  size_t lines = 0;
+  for (std::string line; std::getline(dump, line);) {
+    if (line.rfind(R"(    {"id":)", 0) != 0) continue;
+    if (line.back() == ',') line.pop_back();
+    const json entity = json::parse(line);
+    const game::entity::Id id{std::stoull(entity["words"][0].get<std::string>()),
+                              std::stoull(entity["words"][1].get<std::string>())};
+    ASSERT_EQ(entity["id"], id.ToString()) << "line " << lines;
+    ++lines;
+  }
+  EXPECT_EQ(lines, held);
+}
+
 TEST_F(GameClientTest, EndingsExitStatusAndWhatTheRunLeaves) {
   const Bytes w = testlib::Welcome(), cut = wire::Join({w, {0x04, 9}}),
               no = testlib::Refusal("Wrong password");
