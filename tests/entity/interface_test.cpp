@@ -1,6 +1,7 @@
 // An entity comes to life through its module's interface: linked, synced, initialised, ready.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <any>
 #include <stdexcept>
 #include <string>
@@ -135,7 +136,13 @@ TEST_F(EntityInterface, NoInterfaceRemovesTheEntityTheDefaultReadsNothingAnOwnIn
   for (uint64_t i = 100; i < 1100; ++i)
     Create({i, i}, "CORE_ship"), ClientSideEntity::Destroy({i, i});
   EXPECT_LE(orvex::engine::AimReferenceCount(), 64u);
-  EXPECT_EQ(orvex::engine::AimReferences().at(0).aimId, 1u) << "live ones stay";
+  const auto kept = orvex::engine::AimReferences();
+  EXPECT_EQ(kept.at(0).aimId, 1u) << "live ones stay";
+  EXPECT_EQ(kept.at(0).name, ship->moduleId.String()) << "with their names";
+  const auto other = std::find_if(kept.begin(), kept.end(),
+                                  [](const auto& r) { return r.name == "not an interface"; });
+  ASSERT_NE(other, kept.end());
+  EXPECT_EQ(std::any_cast<int>(other->reference), 1);
 }
 
 }  // namespace

@@ -3,8 +3,11 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <bit>
 #include <cerrno>
+#include <cfloat>
 #include <cmath>
 #include <cstring>
 #include <fstream>
@@ -96,9 +99,10 @@ TEST_F(GameClientTest, ReplicaIsTheServersStateWhenTheServerSaysGoodbye) {
             std::vector<std::string>{});
 }
 
-// The declared scale (a tenth of it under the sanitizers, which would make it minutes long):
-// the dump, written after the goodbye, holds every entity the client keeps, one a line, and
-// every id reads back from its words.
+// 300,000 entities, the scale game-client is built for (a tenth of it under the sanitizers,
+// which would make it minutes long): the dump, written after the goodbye, holds every entity
+// the client keeps, one a line, in the order of their ids, and every id reads back from its
+// words.
 TEST_F(GameClientTest, DumpOfAFullReplicaHoldsEveryEntityOneALine) {
   gameserver::Options options;
   options.entities = ORVEX_SANITIZED ? 30000 : 300000;
@@ -122,6 +126,7 @@ TEST_F(GameClientTest, DumpOfAFullReplicaHoldsEveryEntityOneALine) {
   ASSERT_EQ(client.Wait(), 0) << client.Stderr();
   std::ifstream dump(Dump());
   size_t lines = 0;
+  std::pair<uint64_t, uint64_t> previous{0, 0};
   for (std::string line; std::getline(dump, line);) {
     if (line.rfind(R"(    {"id":)", 0) != 0) continue;
     if (line.back() == ',') line.pop_back();
@@ -129,6 +134,8 @@ TEST_F(GameClientTest, DumpOfAFullReplicaHoldsEveryEntityOneALine) {
     const game::entity::Id id{std::stoull(entity["words"][0].get<std::string>()),
                               std::stoull(entity["words"][1].get<std::string>())};
     ASSERT_EQ(entity["id"], id.ToString()) << "line " << lines;
+    ASSERT_LT(previous, std::make_pair(id.word0, id.word1)) << "line " << lines;
+    previous = {id.word0, id.word1};
     ++lines;
   }
   EXPECT_EQ(lines, held);
@@ -411,7 +418,8 @@ TEST_F(GameClientTest, DumpHoldsTheGameStateAndOnlyTheLiveEntities) {
       testlib::Create(Create(odd, kSandbox, "ship", {}, {INFINITY, -INFINITY, NAN}, {0xFF})),
       testlib::Create(Create({9, 9}, kSandbox, "nointerface", {}, {}, {})),
       testlib::Create(Create(gone, kSandbox, "ship", {}, {}, {})),
-      testlib::Create(Create(big, kSandbox, "ship", {}, {}, Bytes(400 << 10, 0xB1))),
+      testlib::Create(
+          Create(big, kSandbox, "ship", {}, {-0.0, 5e-324, DBL_MAX}, Bytes(400 << 10, 0xB1))),
       testlib::Create(Create(bigger, kSandbox, "ship", strange, {}, Bytes(700 << 10, 0xB2))),
       testlib::Destroy(gone),
       testlib::ModuleMessage(kSandbox, TextBytes("R-tcp")),
@@ -440,6 +448,12 @@ TEST_F(GameClientTest, DumpHoldsTheGameStateAndOnlyTheLiveEntities) {
   const json& entities = dump["entities"];
   ASSERT_EQ(entities.size(), 3u);
   EXPECT_EQ(entities[0]["position"], json({"inf", "-inf", "nan"}));
+  // Doubles read back bit for bit: negative zero, the smallest subnormal, the largest.
+  for (int i = 0; i < 3; ++i) {
+    EXPECT_EQ(std::bit_cast<uint64_t>(entities[1]["position"][i].get<double>()),
+              std::bit_cast<uint64_t>(std::array{-0.0, 5e-324, DBL_MAX}[i]))
+        << "position[" << i << "]";
+  }
   std::string hex;
   for (int i = 0; i < 400 << 10; ++i) hex += "b1";
   EXPECT_EQ(entities[1]["sync"], json({hex}));

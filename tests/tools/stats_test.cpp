@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <mutex>
 #include <vector>
 
 #include "client/Freshness.h"
@@ -111,8 +112,9 @@ TEST(NetworkStats, EachIntervalCountsOnlyWhatArrivedInIt) {
 }
 
 // The server stops updating one entity: it becomes the stalest, with the server time of the
-// scan that saw its last change, and ages scan by scan. The same values sent again are no
-// news, a Sync alone is; a destroyed entity is forgotten.
+// round that saw its last change, and ages round by round, whether a round is scanned in
+// frame-sized steps or at once. The same values sent again are no news, a Sync alone is; a
+// destroyed entity is forgotten.
 TEST(Freshness, AnEntityLeftAloneBecomesTheStalestWithTheTickItLastHeardOf) {
   using game::entity::ClientSideEntity;
   sandbox::Load("TEST_fresh");
@@ -125,7 +127,9 @@ TEST(Freshness, AnEntityLeftAloneBecomesTheStalestWithTheTickItLastHeardOf) {
   for (int t = 2; t <= 4; ++t) {
     e[0]->targetPosition = glm::dvec3(t, 0, 0);
     e[2]->velocity = glm::dvec3(0, t, 0);
+    freshness.Step(t, t - 0.5, 2.0);  // half of the round, which the scan finishes
     f = freshness.Scan(t, t - 0.5);
+    EXPECT_EQ(f.counted, 3u);
     ASSERT_EQ(f.stalest.size(), 3u);
     EXPECT_EQ(f.stalest[0].id, e[1]->id.ToString());
     EXPECT_EQ(f.stalest[0].ageMs, 1000.0 * (t - 1));
@@ -146,6 +150,22 @@ TEST(Freshness, AnEntityLeftAloneBecomesTheStalestWithTheTickItLastHeardOf) {
   EXPECT_EQ(f.stalest[0].ageMs, 1000.0);
   EXPECT_EQ(f.stalest[0].serverTime, 3.5);
   EXPECT_EQ(f.stalest[1].serverTime, 4.5);
+  // A round that finds the registry rehashed starts over: nobody missed or counted twice.
+  for (uint64_t i = 10; i < 70; ++i) {  // ids spread over the buckets (word 1 is the hash)
+    e.push_back(ClientSideEntity::Create<ClientSideEntity>({i, i * 0x9E3779B97F4A7C15ull},
+                                                           "TEST_fresh", "ship"));
+  }
+  freshness.Step(6, 5.5, 2.0);
+  {
+    std::lock_guard<orvex::SharedMutex> lock(ClientSideEntity::_sharedObjectsMutex);
+    ClientSideEntity::_sharedObjects.rehash(2 * ClientSideEntity::_sharedObjects.bucket_count());
+  }
+  f = freshness.Scan(6, 5.5);
+  EXPECT_EQ(f.counted, 62u);
+  ASSERT_EQ(f.stalest.size(), 3u);
+  EXPECT_EQ(f.stalest[0].ageMs, 2000.0);
+  EXPECT_EQ(f.stalest[1].ageMs, 1000.0);
+  EXPECT_EQ(f.stalest[2].ageMs, 0.0);
   e.clear(), orvex::engine::ResetEntities(), sandbox::UnloadAll();
 }
 

@@ -68,16 +68,15 @@ void AppendNumber(std::string& text, double value) {
 
 // A compact JSON object built in one reused string: keys and numbers written here, texts
 // through the JSON library's serializer, which escapes them and turns bytes that are not
-// UTF-8 into U+FFFD instead of failing (the id's words beside it keep it exact). Building
-// the text directly costs a fraction of building a library object per entity, which is
-// what bounds the time a 300,000-entity dump takes.
+// UTF-8 into U+FFFD instead of failing (the id's words beside it keep it exact). No library
+// object is built per entity: the dump's time is this writer's (docs/reliability.md).
 class ObjectLine {
  public:
   ObjectLine()
       : serializer_(nlohmann::detail::output_adapter<char, std::string>(text_), ' ',
                     Json::error_handler_t::replace) {}
 
-  const std::string& Text() const { return text_; }
+  const std::string& Line() const { return text_; }
   void Begin() { text_ = "{"; }
   // "key": with the comma before it when a field came before.
   void Key(std::string_view key) {
@@ -86,7 +85,7 @@ class ObjectLine {
     text_ += key;
     text_ += "\":";
   }
-  void Text(const std::string& value) { serializer_.dump(Json(value), false, false, 0); }
+  void String(const std::string& value) { serializer_.dump(Json(value), false, false, 0); }
   void Raw(std::string_view value) { text_ += value; }
   void Unsigned(uint64_t value) {
     char digits[24];
@@ -125,12 +124,12 @@ void EntityFields(ObjectLine& line, const ClientSideEntity& e) {
   };
   const auto flag = [&line](bool value) { line.Raw(value ? "true" : "false"); };
   line.Begin();
-  line.Key("id"), line.Text(e.id.ToString());
+  line.Key("id"), line.String(e.id.ToString());
   line.Key("words"), line.Words(e.id);
-  line.Key("parent"), line.Text(parent.ToString());
+  line.Key("parent"), line.String(parent.ToString());
   line.Key("parentWords"), line.Words(parent);
-  line.Key("module"), line.Text(e.moduleId.String());
-  line.Key("text"), line.Text(e.text);
+  line.Key("module"), line.String(e.moduleId.String());
+  line.Key("text"), line.String(e.text);
   line.Key("position"), vec3(e.position);
   line.Key("targetPosition"), vec3(e.targetPosition);
   line.Key("velocity"), vec3(e.velocity);
@@ -194,7 +193,7 @@ void WriteDump(std::ostream& out, const Identity& identity) {
     out << (first ? "\n    " : ",\n    ");
     EntityFields(line, *view.entity);
     line.Key("sync");
-    out << line.Text() << '[';
+    out << line.Line() << '[';
     auto syncs = std::dynamic_pointer_cast<sandbox::SandboxInterface>(view.entity->interface);
     uint64_t syncsLeftOut = 0;
     if (syncs) {
@@ -215,9 +214,9 @@ void WriteDump(std::ostream& out, const Identity& identity) {
   sandbox::ForEachModuleMessage([&](const sandbox::ModuleMessage& message) {
     out << (first ? "\n    " : ",\n    ");
     line.Begin();
-    line.Key("module"), line.Text(message.module);
+    line.Key("module"), line.String(message.module);
     line.Key("payload");
-    out << line.Text();
+    out << line.Line();
     WriteHex(out, message.payload);
     out << '}';
     first = false;

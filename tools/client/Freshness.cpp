@@ -62,13 +62,7 @@ void PrefetchInterface(const ClientSideEntity& e) {
   }
 }
 
-// An entity the scan found, by its age: the oldest first, ties by id.
-struct Candidate {
-  game::entity::Id id;
-  double changedAt;
-  double serverTime;
-};
-
+template <typename Candidate>
 bool Older(const Candidate& a, const Candidate& b) {
   if (a.changedAt != b.changedAt) return a.changedAt < b.changedAt;
   return a.id.word0 != b.id.word0 ? a.id.word0 < b.id.word0 : a.id.word1 < b.id.word1;
@@ -76,19 +70,57 @@ bool Older(const Candidate& a, const Candidate& b) {
 
 }  // namespace
 
+void Freshness::Step(double now, double serverTime, double interval) {
+  const double elapsed = now - lastStep_;
+  lastStep_ = now;
+  if (elapsed > 0 && interval > 0) ScanBuckets(std::min(1.0, elapsed / interval), now, serverTime);
+}
+
 Freshness::Figures Freshness::Scan(double now, double serverTime) {
+  ScanBuckets(1.0, now, serverTime);
+  lastStep_ = now;
+  Figures figures;
+  figures.counted = ages_.size();
+  figures.ageMs = Spread::Of(std::move(ages_));
+  for (const Candidate& c : stalest_) {
+    figures.stalest.push_back({c.id.ToString(), 1000.0 * (now - c.changedAt), c.serverTime});
+  }
+  figures.scanMs = scanMs_;
+  ages_.clear();
+  stalest_.clear();
+  scanMs_ = 0;
+  next_ = 0;
+  return figures;
+}
+
+void Freshness::ScanBuckets(double share, double now, double serverTime) {
   const auto begun = std::chrono::steady_clock::now();
-  std::vector<double> ages;
-  std::vector<Candidate> stalest;  // the stalest so far, oldest first
   {
     std::shared_lock<orvex::SharedMutex> lock(ClientSideEntity::_sharedObjectsMutex);
-    // Entities lie wherever they were allocated: one pass collects them, the next reads each
-    // one's fields with its lines fetched a few entities ahead, so that the misses overlap.
-    entities_.clear();
-    for (const auto& [id, entity] : ClientSideEntity::_sharedObjects) {
-      if (entity) entities_.push_back(entity.get());
+    const auto& registry = ClientSideEntity::_sharedObjects;
+    if (next_ == 0) {
+      buckets_ = registry.bucket_count();
+    } else if (registry.bucket_count() != buckets_) {
+      // Rehashed since the round began (the registry grew): its entities moved between
+      // buckets, so the round starts over.
+      ages_.clear();
+      stalest_.clear();
+      next_ = 0;
+      buckets_ = registry.bucket_count();
     }
-    ages.reserve(entities_.size());
+    const size_t end =
+        share >= 1.0
+            ? buckets_
+            : std::min(buckets_, next_ + static_cast<size_t>(std::ceil(share * double(buckets_))));
+    // Entities lie wherever they were allocated: one pass collects the slice's, the next
+    // reads each one's fields with its lines fetched a few entities ahead, so that the
+    // misses overlap.
+    entities_.clear();
+    for (; next_ < end; ++next_) {
+      for (auto it = registry.begin(next_); it != registry.end(next_); ++it) {
+        if (it->second) entities_.push_back(it->second.get());
+      }
+    }
     for (size_t i = 0; i < entities_.size(); ++i) {
       if (i + kAhead < entities_.size()) PrefetchEntity(*entities_[i + kAhead]);
       if (i + kAhead / 2 < entities_.size()) PrefetchInterface(*entities_[i + kAhead / 2]);
@@ -100,23 +132,18 @@ Freshness::Figures Freshness::Scan(double now, double serverTime) {
       if (std::isnan(seen.changedAt) || seen.fingerprint != fingerprint) {
         seen = {fingerprint, serverTime, now};
       }
-      ages.push_back(1000.0 * (now - seen.changedAt));
+      ages_.push_back(1000.0 * (now - seen.changedAt));
       const Candidate candidate{entity.id, seen.changedAt, seen.serverTime};
-      if (stalest.size() < kStalest || Older(candidate, stalest.back())) {
-        stalest.insert(std::upper_bound(stalest.begin(), stalest.end(), candidate, Older),
-                       candidate);
-        if (stalest.size() > kStalest) stalest.pop_back();
+      if (stalest_.size() < kStalest || Older(candidate, stalest_.back())) {
+        stalest_.insert(
+            std::upper_bound(stalest_.begin(), stalest_.end(), candidate, Older<Candidate>),
+            candidate);
+        if (stalest_.size() > kStalest) stalest_.pop_back();
       }
     }
   }
-  Figures figures;
-  figures.ageMs = Spread::Of(std::move(ages));
-  for (const Candidate& c : stalest) {
-    figures.stalest.push_back({c.id.ToString(), 1000.0 * (now - c.changedAt), c.serverTime});
-  }
-  figures.scanMs =
+  scanMs_ +=
       std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - begun).count();
-  return figures;
 }
 
 }  // namespace gameclient

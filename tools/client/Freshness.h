@@ -11,15 +11,16 @@
 
 namespace gameclient {
 
-// Found by scanning the registry once an interval (no per-frame work): each entity's state
-// that traffic sets (parent, target transform, velocity, physics extra, update rate, the flag
-// bytes, how many Sync calls its interface had) is folded into a fingerprint; when that
-// differs from the last scan's, the entity changed at this scan. So a change is seen at the
-// first scan after it, and ages come in steps of the scan interval (0: changed since the last
-// scan); the same values sent again are no change. What a scan saw of an entity is kept on
-// its sandbox interface (SandboxInterface::seen), so an entity's record costs 24 bytes there
-// and 16 in the scan's own lists, and goes with the entity; entities without a sandbox
-// interface are not counted. A scan reads each entity once, with its lines fetched ahead.
+// Found by scanning the registry in rounds, a slice of its buckets each frame so that a round
+// takes about an interval (a whole scan at 100,000 entities would hold one frame for tens
+// of milliseconds): each entity's state that traffic sets (parent, target transform,
+// velocity, physics extra, update rate, the flag bytes, how many Sync calls its interface
+// had) is folded into a fingerprint; when that differs from what the last round saw, the
+// entity changed when this round reached it. So a change is seen within a round, ages come
+// in steps of about the interval (0: changed since the last round), and the same values sent
+// again are no change. What a round saw of an entity is kept on its sandbox interface
+// (SandboxInterface::seen), 24 bytes that go with the entity; entities without a sandbox
+// interface are not counted. A round that finds the registry rehashed (it grew) starts over.
 // Not thread-safe: one scanner in the process (the game thread), which must not hold the
 // registry's lock.
 class Freshness {
@@ -28,13 +29,33 @@ class Freshness {
 
   using Figures = FreshnessFigures;
 
-  // Walks the registry under its shared lock; `now` in seconds (any origin, never going back),
-  // `serverTime` the server time the client knows. Entities that are gone are forgotten.
+  // Scans the share of the registry's buckets that the time since the last step is of
+  // `interval`, under the registry's shared lock. `now` in seconds (any origin, never going
+  // back), `serverTime` the server time the client knows.
+  void Step(double now, double serverTime, double interval);
+  // Ends the round: scans what it has not reached yet and returns its figures. The next
+  // step begins a new round.
   Figures Scan(double now, double serverTime);
 
  private:
+  struct Candidate {
+    game::entity::Id id;
+    double changedAt;
+    double serverTime;
+  };
   static constexpr size_t kAhead = 8;
-  std::vector<const game::entity::ClientSideEntity*> entities_;  // the scan's, kept for reuse
+
+  // Scans buckets from next_ on, `share` of them (1: all that are left).
+  void ScanBuckets(double share, double now, double serverTime);
+
+  // The round so far.
+  std::vector<double> ages_;
+  std::vector<Candidate> stalest_;  // oldest first
+  double scanMs_ = 0;
+  size_t buckets_ = 0;  // the registry's bucket count when the round began
+  size_t next_ = 0;     // the first bucket the round has not scanned
+  double lastStep_ = 0;
+  std::vector<const game::entity::ClientSideEntity*> entities_;  // a slice's, kept for reuse
 };
 
 }  // namespace gameclient

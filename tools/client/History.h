@@ -92,7 +92,11 @@ class History {
   void DropOldest() {
     auto& oldest = items_[head_];
     KeptBytes::Process().Give(oldest.second);
-    oldest = {};  // the item's memory goes now, not when its slot is reused
+    {
+      // Moved out and destroyed: the item's memory goes now, not when its slot is reused
+      // (assigning an empty value would keep a string's buffer).
+      const std::pair<T, uint64_t> dropped = std::move(oldest);
+    }
     head_ = (head_ + 1) % items_.size();
     --count_;
     ++leftOut_;

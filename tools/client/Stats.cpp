@@ -141,6 +141,7 @@ nlohmann::ordered_json ToJson(const Second& s) {
       {"silentMs", s.silentMs},
       {"freshness",
        {{"ageMs", spread(s.freshness.ageMs)},
+        {"counted", s.freshness.counted},
         {"stalest", json::array()},
         {"scanMs", s.freshness.scanMs}}},
   };

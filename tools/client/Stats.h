@@ -74,6 +74,7 @@ struct FreshnessFigures {
     double serverTime = 0;  // Game::timestamp at that scan: the tick the client last heard of
   };
   Spread ageMs;                // over every entity in the replica
+  uint64_t counted = 0;        // the entities the ages are of, each counted once
   std::vector<Stale> stalest;  // the few oldest changes, oldest first (ties by id)
   double scanMs = 0;           // what finding these cost the game thread
 };

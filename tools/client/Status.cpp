@@ -22,6 +22,11 @@
 namespace gameclient {
 namespace {
 
+// A steady clock's time in seconds, the freshness scan's time line.
+double Seconds(std::chrono::steady_clock::time_point at) {
+  return std::chrono::duration<double>(at.time_since_epoch()).count();
+}
+
 uint64_t Load(const std::atomic<uint64_t>& counter) {
   return counter.load(std::memory_order_relaxed);
 }
@@ -165,6 +170,7 @@ Monitor::Monitor(std::shared_ptr<NetworkStats> stats, std::ostream* jsonLines, s
 void Monitor::Frame(const client::Client& client, Clock::time_point begun) {
   const auto now = Clock::now();
   stats_->Frame(now - begun);
+  freshness_.Step(Seconds(now), Game::timestamp.load(), 1.0);
   if (now >= nextRecord_) {
     // A late frame does not bunch up the intervals that follow.
     nextRecord_ = std::max(nextRecord_ + std::chrono::seconds(1), now);
@@ -184,7 +190,7 @@ void Monitor::Finish(const client::Client& client) {
 void Monitor::Record(const client::Client* client, Clock::time_point now) {
   last_ = stats_->Take(client, now);
   last_.entities = ReplicaSize();
-  last_.freshness = freshness_.Scan(last_.at, Game::timestamp.load());
+  last_.freshness = freshness_.Scan(Seconds(now), Game::timestamp.load());
   if (jsonLines_ != nullptr) *jsonLines_ << ToJson(last_).dump() << '\n' << std::flush;
 }
 
