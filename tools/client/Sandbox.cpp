@@ -2,6 +2,7 @@
 
 #include <array>
 #include <cstring>
+#include <mutex>
 #include <stdexcept>
 #include <utility>
 
@@ -178,20 +179,20 @@ void SandboxInterface::Sync(ReadOnlyStream& data) {
   data.Read(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size());
   const size_t size = bytes.size();
   syncCalls_.fetch_add(1, std::memory_order_relaxed);
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<SmallLock> lock(lock_);
   syncs_.Add(std::move(bytes), size);
 }
 
 void SandboxInterface::ForEachSync(
     const std::function<void(std::span<const uint8_t>)>& visit) const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<SmallLock> lock(lock_);
   syncs_.ForEach([&visit](const std::string& bytes) {
     visit({reinterpret_cast<const uint8_t*>(bytes.data()), bytes.size()});
   });
 }
 
 uint64_t SandboxInterface::SyncsLeftOut() const {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::lock_guard<SmallLock> lock(lock_);
   return syncs_.LeftOut();
 }
 

@@ -27,12 +27,12 @@
 #include <functional>
 #include <limits>
 #include <memory>
-#include <mutex>
 #include <span>
 #include <string>
 #include <vector>
 
 #include "client/History.h"
+#include "client/SmallLock.h"
 #include "game/entity/ClientSideEntity.h"
 
 class GAME_Mod;
@@ -74,7 +74,7 @@ class SandboxInterface : public game::entity::ClientSideEntity::Interface {
 
  private:
   std::atomic<uint64_t> syncCalls_{0};
-  mutable std::mutex mutex_;
+  mutable SmallLock lock_;
   // Each record's bytes in a std::string, whose own buffer holds up to 15 bytes: the
   // usual Sync data (a few bytes an entity) costs no allocation of its own.
   History<std::string> syncs_{kKeptSyncs};
