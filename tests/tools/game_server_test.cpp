@@ -2,6 +2,9 @@
 #include "server/GameServer.h"
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <string>
@@ -14,6 +17,7 @@
 #include "Wait.h"
 #include "net/TcpConnection.h"
 #include "orvex/net/Socket.h"
+#include "server/Replay.h"
 
 namespace {
 
@@ -179,6 +183,31 @@ TEST(GameServer, ClientsLeaveTheirWay) {
     ASSERT_TRUE(testlib::WaitUntil([&] { return !server.Clients().at(0).connected; }));
     EXPECT_EQ(server.Clients().at(0).dropReason, row.reason);
   }
+}
+
+// The replay keeps pace with its client by what waits unread in the client's UDP socket, as
+// the kernel's tables say: three datagrams sent and none read are there, and gone once read.
+TEST(Replay, SeesWhatWaitsUnreadInAClientsSocket) {
+  const int client = socket(AF_INET, SOCK_DGRAM, 0), sender = socket(AF_INET, SOCK_DGRAM, 0);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  socklen_t length = sizeof address;
+  ASSERT_EQ(bind(client, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(getsockname(client, reinterpret_cast<sockaddr*>(&address), &length), 0);
+  const uint16_t port = ntohs(address.sin_port);
+  EXPECT_EQ(gameserver::UnreadDatagramBytes(port), 0u);
+  const char payload[100] = {};
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_EQ(sendto(sender, payload, sizeof payload, 0, reinterpret_cast<sockaddr*>(&address),
+                     sizeof address),
+              100);
+  }
+  EXPECT_GE(gameserver::UnreadDatagramBytes(port).value_or(0), 300u);
+  char buffer[200];
+  for (int i = 0; i < 3; ++i) ASSERT_EQ(recv(client, buffer, sizeof buffer, 0), 100);
+  EXPECT_EQ(gameserver::UnreadDatagramBytes(port), 0u);
+  close(client), close(sender);
 }
 
 }  // namespace

@@ -1,7 +1,11 @@
 #include "server/Replay.h"
 
+#include <charconv>
 #include <chrono>
 #include <cstdio>
+#include <fstream>
+#include <optional>
+#include <sstream>
 #include <thread>
 
 #include "filesystem/StreamValues.h"
@@ -25,6 +29,14 @@ constexpr auto kDatagramAddressWait = std::chrono::seconds(5);
 // the goodbye, then for it to say its own and leave.
 constexpr auto kGrace = std::chrono::milliseconds(300);
 constexpr int kLeaveWaitMs = 10000;
+// The replay holds its next datagram while more than this waits unread in the client's
+// socket (as the kernel counts it, with each datagram's overhead), looked at every few
+// datagrams: well under the smallest receive buffer a Linux socket gets by default
+// (208 KiB), so that a client that falls behind loses nothing to a full buffer.
+constexpr uint64_t kUnreadLimit = 96 << 10;
+constexpr int kUnreadCheckEvery = 8;
+// A client that takes nothing for this long is not waited for any more.
+constexpr auto kUnreadPatience = std::chrono::seconds(10);
 // How much of a payload a difference shows.
 constexpr size_t kShownBytes = 24;
 
@@ -94,6 +106,31 @@ std::string FirstDifference(const char* what, const std::vector<std::string>& re
 
 }  // namespace
 
+// The kernel's tables have the rx_queue column.
+std::optional<uint64_t> UnreadDatagramBytes(uint16_t port) {
+  for (const char* table : {"/proc/net/udp", "/proc/net/udp6"}) {
+    std::ifstream in(table);
+    std::string line;
+    std::getline(in, line);  // the column names
+    while (std::getline(in, line)) {
+      // "  sl  local_address rem_address   st tx_queue:rx_queue ...", in hex.
+      std::istringstream fields(line);
+      std::string slot, local, remote, state, queues;
+      if (!(fields >> slot >> local >> remote >> state >> queues)) continue;
+      const size_t colon = local.rfind(':'), split = queues.find(':');
+      if (colon == std::string::npos || split == std::string::npos) continue;
+      unsigned localPort = 0;
+      uint64_t unread = 0;
+      const char* end = local.data() + local.size();
+      if (std::from_chars(local.data() + colon + 1, end, localPort, 16).ptr != end) continue;
+      if (localPort != port) continue;
+      end = queues.data() + queues.size();
+      if (std::from_chars(queues.data() + split + 1, end, unread, 16).ptr == end) return unread;
+    }
+  }
+  return std::nullopt;
+}
+
 Replayer::Replayer(recording::Recording recording, ReplayOptions options)
     : recording_(std::move(recording)), options_(std::move(options)) {}
 
@@ -138,6 +175,7 @@ ReplayResult Replayer::Run() {
     if (!datagramAddressKnown_) {
       // Datagrams go where the client's come from; the writer waits for this under mutex_.
       udp_->SetDestination(socket.GetIncomingAddress(), socket.GetIncomingPort());
+      clientPort_ = socket.GetIncomingPort();
       datagramAddressKnown_ = true;
       heard_.notify_all();
     }
@@ -211,6 +249,8 @@ void Replayer::Stream(ReplayResult& result) {
     if (!heard_.wait_for(lock, kDatagramAddressWait, [this] { return datagramAddressKnown_; })) {
       throw std::runtime_error("the client sent no datagram, so datagrams have nowhere to go");
     }
+    lock.unlock();
+    if (result.datagrams % kUnreadCheckEvery == 0) WaitForTheClient();
     udp_->Write(item.bytes.data(), item.bytes.size());
     udp_->Flush();
     ++result.datagrams;
@@ -225,6 +265,21 @@ void Replayer::Stream(ReplayResult& result) {
     tcp_->Flush();
   } catch (const std::exception&) {
     // Gone already, after the recorded goodbye.
+  }
+}
+
+void Replayer::WaitForTheClient() {
+  // A datagram the client's socket has no room for is lost, and a replay that follows the
+  // recorded thread order cannot go on without it: the replay goes at the client's pace.
+  auto unread = UnreadDatagramBytes(clientPort_);
+  if (!unread) return;
+  auto lastProgress = Clock::now();
+  uint64_t least = *unread;
+  while (unread && *unread > kUnreadLimit && !stopping_.load()) {
+    if (*unread < least) least = *unread, lastProgress = Clock::now();
+    if (Clock::now() - lastProgress > kUnreadPatience) return;
+    std::this_thread::sleep_for(std::chrono::microseconds(200));
+    unread = UnreadDatagramBytes(clientPort_);
   }
 }
 

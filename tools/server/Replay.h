@@ -1,8 +1,9 @@
 // A recorded session played back to a real client, as its server would: the recorded
 // welcome answers the hello, then the recorded TCP bytes and datagrams follow in the order
 // the recording client saw them, with their recorded spacing (or, fast, with gaps of at
-// most a millisecond). What the client sends back is compared with what the recording
-// client sent: the module's own bytes depend only on its input and frames.
+// most a millisecond), never more than the client's socket can hold unread. What the client sends
+// back is compared with what the recording client sent: the module's own bytes depend only on its
+// input and frames.
 //
 // Threads: Run on one thread; the connection's reader thread and the UDP delivery thread
 // collect the client's traffic under mutex_; Stop from any thread.
@@ -13,6 +14,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 
 #include "common/Recording.h"
@@ -40,6 +42,11 @@ struct ReplayResult {
   std::string difference;                // the first one; empty when the client matched
 };
 
+// The bytes waiting unread in the UDP socket bound to local port `port` on this machine, as
+// the kernel counts them (each datagram with its overhead), from its tables of UDP sockets;
+// nothing when the tables cannot be read or hold no such socket (a client elsewhere).
+std::optional<uint64_t> UnreadDatagramBytes(uint16_t port);
+
 class Replayer {
  public:
   Replayer(recording::Recording recording, ReplayOptions options);
@@ -57,6 +64,9 @@ class Replayer {
 
  private:
   void Stream(ReplayResult& result);
+  // Returns once the client's UDP socket holds at most kUnreadLimit unread bytes (or it took
+  // nothing for kUnreadPatience, or the kernel's socket tables cannot say).
+  void WaitForTheClient();
   std::string Compare() const;
 
   recording::Recording recording_;
@@ -70,7 +80,8 @@ class Replayer {
   mutable std::mutex mutex_;
   std::condition_variable heard_;
   bool datagramAddressKnown_ = false;
-  wire::Bytes clientTcp_;  // after the hello
+  uint16_t clientPort_ = 0;  // the client's UDP port, once datagramAddressKnown_
+  wire::Bytes clientTcp_;    // after the hello
   std::vector<wire::Bytes> clientDatagrams_;
   std::string helloDifference_;
 };
