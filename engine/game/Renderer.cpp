@@ -113,10 +113,11 @@ uint32_t GameRenderer::AddAimReference(const std::string& name, std::any referen
   Records& records = TheRecords();
   std::lock_guard<std::mutex> lock(records.mutex);
   if (records.references.size() >= records.sweepAt) records.DropExpired();
-  Kept kept{std::move(reference), records.NameIndex(name), ++records.lastAimId};
-  if (auto* weak = std::any_cast<WeakInterface>(&std::get<std::any>(kept.reference))) {
-    WeakInterface interface = std::move(*weak);
-    kept.reference = std::move(interface);
+  Kept kept{{}, records.NameIndex(name), ++records.lastAimId};
+  if (auto* weak = std::any_cast<WeakInterface>(&reference)) {
+    kept.reference = std::move(*weak);
+  } else {
+    kept.reference = std::move(reference);
   }
   records.references.push_back(std::move(kept));
   return records.lastAimId;

@@ -159,11 +159,10 @@ void WriteHex(std::ostream& out, std::span<const uint8_t> bytes) {
 void WriteDump(std::ostream& out, const Identity& identity) {
   // The dump is written as it is produced, one entity or message at a time, so that writing
   // it needs memory for one of them (its text without its Sync records, which go straight
-  // to `out`), not for the whole replica. The game state is indented as the library does;
-  // each entity and each module message is one compact line, so that line tools (grep,
-  // diff) see one entity a line.
-  // The game state's values as the library indents them where they sit; texts from the
-  // wire with bytes that are not UTF-8 as U+FFFD.
+  // to `out`), not for the whole replica. The game state's values are indented as the
+  // library does where they sit (texts from the wire with bytes that are not UTF-8 as
+  // U+FFFD); each entity and each module message is one compact line, so that line tools
+  // (grep, diff) see one entity a line.
   const auto indented = [](const Json& value) {
     std::string text;
     nlohmann::detail::serializer<Json>(nlohmann::detail::output_adapter<char, std::string>(text),

@@ -62,12 +62,6 @@ void PrefetchInterface(const ClientSideEntity& e) {
   }
 }
 
-template <typename Candidate>
-bool Older(const Candidate& a, const Candidate& b) {
-  if (a.changedAt != b.changedAt) return a.changedAt < b.changedAt;
-  return a.id.word0 != b.id.word0 ? a.id.word0 < b.id.word0 : a.id.word1 < b.id.word1;
-}
-
 }  // namespace
 
 void Freshness::Step(double now, double serverTime, double interval) {
@@ -95,6 +89,11 @@ Freshness::Figures Freshness::Scan(double now, double serverTime) {
 
 void Freshness::ScanBuckets(double share, double now, double serverTime) {
   const auto begun = std::chrono::steady_clock::now();
+  // The stalest first, ties by id.
+  const auto older = [](const Candidate& a, const Candidate& b) {
+    if (a.changedAt != b.changedAt) return a.changedAt < b.changedAt;
+    return a.id.word0 != b.id.word0 ? a.id.word0 < b.id.word0 : a.id.word1 < b.id.word1;
+  };
   {
     std::shared_lock<orvex::SharedMutex> lock(ClientSideEntity::_sharedObjectsMutex);
     const auto& registry = ClientSideEntity::_sharedObjects;
@@ -134,10 +133,9 @@ void Freshness::ScanBuckets(double share, double now, double serverTime) {
       }
       ages_.push_back(1000.0 * (now - seen.changedAt));
       const Candidate candidate{entity.id, seen.changedAt, seen.serverTime};
-      if (stalest_.size() < kStalest || Older(candidate, stalest_.back())) {
-        stalest_.insert(
-            std::upper_bound(stalest_.begin(), stalest_.end(), candidate, Older<Candidate>),
-            candidate);
+      if (stalest_.size() < kStalest || older(candidate, stalest_.back())) {
+        stalest_.insert(std::upper_bound(stalest_.begin(), stalest_.end(), candidate, older),
+                        candidate);
         if (stalest_.size() > kStalest) stalest_.pop_back();
       }
     }

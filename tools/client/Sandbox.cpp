@@ -20,9 +20,11 @@ using orvex::filesystem::WriteOnlyStream;
 
 constexpr size_t kIdSize = sizeof(game::entity::Id);
 
-Bytes Remaining(ReadOnlyStream& data) {
-  Bytes bytes(data.GetBufferSize());
-  data.Read(bytes.data(), bytes.size());
+// What is left of `data`, as Bytes or as a std::string.
+template <typename Container = Bytes>
+Container Remaining(ReadOnlyStream& data) {
+  Container bytes(data.GetBufferSize(), 0);
+  data.Read(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size());
   return bytes;
 }
 
@@ -175,8 +177,7 @@ void SupplyInterface(ClientSideEntity& entity) {
 }  // namespace
 
 void SandboxInterface::Sync(ReadOnlyStream& data) {
-  std::string bytes(data.GetBufferSize(), '\0');
-  data.Read(reinterpret_cast<unsigned char*>(bytes.data()), bytes.size());
+  std::string bytes = Remaining<std::string>(data);
   const size_t size = bytes.size();
   syncCalls_.fetch_add(1, std::memory_order_relaxed);
   std::lock_guard<SmallLock> lock(lock_);

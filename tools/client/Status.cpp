@@ -22,6 +22,9 @@
 namespace gameclient {
 namespace {
 
+// The figures' interval, which a freshness round also takes.
+constexpr std::chrono::seconds kInterval{1};
+
 // A steady clock's time in seconds, the freshness scan's time line.
 double Seconds(std::chrono::steady_clock::time_point at) {
   return std::chrono::duration<double>(at.time_since_epoch()).count();
@@ -164,16 +167,17 @@ Monitor::Monitor(std::shared_ptr<NetworkStats> stats, std::ostream* jsonLines, s
       jsonLines_(jsonLines),
       status_(status),
       terminal_(terminal),
-      nextRecord_(Clock::now() + std::chrono::seconds(1)),
+      nextRecord_(Clock::now() + kInterval),
       nextShow_(Clock::now() + (terminal ? std::chrono::seconds(1) : std::chrono::seconds(5))) {}
 
 void Monitor::Frame(const client::Client& client, Clock::time_point begun) {
   const auto now = Clock::now();
   stats_->Frame(now - begun);
-  freshness_.Step(Seconds(now), Game::timestamp.load(), 1.0);
+  freshness_.Step(Seconds(now), Game::timestamp.load(),
+                  std::chrono::duration<double>(kInterval).count());
   if (now >= nextRecord_) {
     // A late frame does not bunch up the intervals that follow.
-    nextRecord_ = std::max(nextRecord_ + std::chrono::seconds(1), now);
+    nextRecord_ = std::max(nextRecord_ + kInterval, now);
     Record(&client, now);
   }
   if (status_ != nullptr && now >= nextShow_) {

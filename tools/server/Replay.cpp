@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <fstream>
 #include <optional>
@@ -271,15 +272,14 @@ void Replayer::Stream(ReplayResult& result) {
 void Replayer::WaitForTheClient() {
   // A datagram the client's socket has no room for is lost, and a replay that follows the
   // recorded thread order cannot go on without it: the replay goes at the client's pace.
-  auto unread = UnreadDatagramBytes(clientPort_);
-  if (!unread) return;
   auto lastProgress = Clock::now();
-  uint64_t least = *unread;
-  while (unread && *unread > kUnreadLimit && !stopping_.load()) {
+  uint64_t least = UINT64_MAX;
+  for (auto unread = UnreadDatagramBytes(clientPort_);
+       unread && *unread > kUnreadLimit && !stopping_.load();
+       unread = UnreadDatagramBytes(clientPort_)) {
     if (*unread < least) least = *unread, lastProgress = Clock::now();
     if (Clock::now() - lastProgress > kUnreadPatience) return;
     std::this_thread::sleep_for(std::chrono::microseconds(200));
-    unread = UnreadDatagramBytes(clientPort_);
   }
 }
 
